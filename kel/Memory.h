@@ -1,0 +1,20 @@
+#ifndef ZQ_KEL_MEMORY_H
+#define ZQ_KEL_MEMORY_H
+
+#include <cstddef>
+
+namespace zq {
+namespace kel {
+
+// The library's allocator: every raw block it owns comes from here, so one
+// place decides what running out of memory looks like (std::bad_alloc).
+void* allocate(size_t bytes);
+void deallocate(void* block) noexcept;
+
+// Bytes for `count` objects of `size`; std::bad_alloc if that overflows.
+void* allocateArray(size_t count, size_t size);
+
+}  // namespace kel
+}  // namespace zq
+
+#endif  // ZQ_KEL_MEMORY_H

@@ -1,0 +1,133 @@
+#include "source/Sha256.h"
+
+#include <cstring>
+
+namespace zq {
+namespace orvane {
+
+namespace {
+
+constexpr uint32_t kInitial[8] = {0x6a09e667, 0xbb67ae85, 0x3c6ef372, 0xa54ff53a,
+                                  0x510e527f, 0x9b05688c, 0x1f83d9ab, 0x5be0cd19};
+
+constexpr uint32_t kRound[64] = {
+    0x428a2f98, 0x71374491, 0xb5c0fbcf, 0xe9b5dba5, 0x3956c25b, 0x59f111f1, 0x923f82a4, 0xab1c5ed5,
+    0xd807aa98, 0x12835b01, 0x243185be, 0x550c7dc3, 0x72be5d74, 0x80deb1fe, 0x9bdc06a7, 0xc19bf174,
+    0xe49b69c1, 0xefbe4786, 0x0fc19dc6, 0x240ca1cc, 0x2de92c6f, 0x4a7484aa, 0x5cb0a9dc, 0x76f988da,
+    0x983e5152, 0xa831c66d, 0xb00327c8, 0xbf597fc7, 0xc6e00bf3, 0xd5a79147, 0x06ca6351, 0x14292967,
+    0x27b70a85, 0x2e1b2138, 0x4d2c6dfc, 0x53380d13, 0x650a7354, 0x766a0abb, 0x81c2c92e, 0x92722c85,
+    0xa2bfe8a1, 0xa81a664b, 0xc24b8b70, 0xc76c51a3, 0xd192e819, 0xd6990624, 0xf40e3585, 0x106aa070,
+    0x19a4c116, 0x1e376c08, 0x2748774c, 0x34b0bcb5, 0x391c0cb3, 0x4ed8aa4a, 0x5b9cca4f, 0x682e6ff3,
+    0x748f82ee, 0x78a5636f, 0x84c87814, 0x8cc70208, 0x90befffa, 0xa4506ceb, 0xbef9a3f7, 0xc67178f2};
+
+inline uint32_t rotr(uint32_t x, unsigned n) { return (x >> n) | (x << (32 - n)); }
+
+inline uint32_t loadBigEndian(const unsigned char* p) {
+    return (static_cast<uint32_t>(p[0]) << 24) | (static_cast<uint32_t>(p[1]) << 16) |
+           (static_cast<uint32_t>(p[2]) << 8) | static_cast<uint32_t>(p[3]);
+}
+
+inline void storeBigEndian(unsigned char* p, uint32_t x) {
+    p[0] = static_cast<unsigned char>(x >> 24);
+    p[1] = static_cast<unsigned char>(x >> 16);
+    p[2] = static_cast<unsigned char>(x >> 8);
+    p[3] = static_cast<unsigned char>(x);
+}
+
+}  // namespace
+
+void Sha256::reset() {
+    std::memcpy(state_, kInitial, sizeof state_);
+    bitCount_ = 0;
+    buffered_ = 0;
+}
+
+void Sha256::compress(const unsigned char* block) {
+    uint32_t w[64];
+    for (int t = 0; t < 16; ++t) {
+        w[t] = loadBigEndian(block + 4 * t);
+    }
+    for (int t = 16; t < 64; ++t) {
+        const uint32_t s0 = rotr(w[t - 15], 7) ^ rotr(w[t - 15], 18) ^ (w[t - 15] >> 3);
+        const uint32_t s1 = rotr(w[t - 2], 17) ^ rotr(w[t - 2], 19) ^ (w[t - 2] >> 10);
+        w[t] = w[t - 16] + s0 + w[t - 7] + s1;
+    }
+    uint32_t a = state_[0], b = state_[1], c = state_[2], d = state_[3];
+    uint32_t e = state_[4], f = state_[5], g = state_[6], h = state_[7];
+    for (int t = 0; t < 64; ++t) {
+        const uint32_t s1 = rotr(e, 6) ^ rotr(e, 11) ^ rotr(e, 25);
+        const uint32_t ch = (e & f) ^ (~e & g);
+        const uint32_t t1 = h + s1 + ch + kRound[t] + w[t];
+        const uint32_t s0 = rotr(a, 2) ^ rotr(a, 13) ^ rotr(a, 22);
+        const uint32_t maj = (a & b) ^ (a & c) ^ (b & c);
+        const uint32_t t2 = s0 + maj;
+        h = g;
+        g = f;
+        f = e;
+        e = d + t1;
+        d = c;
+        c = b;
+        b = a;
+        a = t1 + t2;
+    }
+    state_[0] += a;
+    state_[1] += b;
+    state_[2] += c;
+    state_[3] += d;
+    state_[4] += e;
+    state_[5] += f;
+    state_[6] += g;
+    state_[7] += h;
+}
+
+void Sha256::update(const void* data, size_t size) {
+    const auto* in = static_cast<const unsigned char*>(data);
+    bitCount_ += static_cast<uint64_t>(size) * 8;
+    if (buffered_ != 0) {
+        const size_t take = size < kBlockSize - buffered_ ? size : kBlockSize - buffered_;
+        std::memcpy(buffer_ + buffered_, in, take);
+        buffered_ += take;
+        in += take;
+        size -= take;
+        if (buffered_ < kBlockSize) {
+            return;
+        }
+        compress(buffer_);
+        buffered_ = 0;
+    }
+    // Whole blocks straight from the caller's bytes.
+    for (; size >= kBlockSize; in += kBlockSize, size -= kBlockSize) {
+        compress(in);
+    }
+    if (size != 0) {
+        std::memcpy(buffer_, in, size);
+        buffered_ = size;
+    }
+}
+
+void Sha256::finish(unsigned char out[kDigestSize]) {
+    const uint64_t bits = bitCount_;
+    buffer_[buffered_++] = 0x80;
+    if (buffered_ > kBlockSize - 8) {
+        std::memset(buffer_ + buffered_, 0, kBlockSize - buffered_);
+        compress(buffer_);
+        buffered_ = 0;
+    }
+    std::memset(buffer_ + buffered_, 0, kBlockSize - 8 - buffered_);
+    storeBigEndian(buffer_ + 56, static_cast<uint32_t>(bits >> 32));
+    storeBigEndian(buffer_ + 60, static_cast<uint32_t>(bits));
+    compress(buffer_);
+    for (int i = 0; i < 8; ++i) {
+        storeBigEndian(out + 4 * i, state_[i]);
+    }
+    reset();
+}
+
+void Sha256::hash(const void* data, size_t size, unsigned char out[kDigestSize]) {
+    Sha256 sha;
+    sha.update(data, size);
+    sha.finish(out);
+}
+
+}  // namespace orvane
+}  // namespace zq

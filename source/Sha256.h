@@ -1,0 +1,36 @@
+#ifndef ZQ_ORVANE_SHA256_H
+#define ZQ_ORVANE_SHA256_H
+
+#include <cstddef>
+#include <cstdint>
+
+namespace zq {
+namespace orvane {
+
+// SHA-256 as FIPS 180-4 defines it. Each object hashes one message; it holds
+// its whole state, so separate objects may be used from separate threads.
+class Sha256 {
+public:
+    static constexpr size_t kDigestSize = 32;
+    static constexpr size_t kBlockSize = 64;
+
+    Sha256() { reset(); }
+    void reset();
+    void update(const void* data, size_t size);
+    void finish(unsigned char out[kDigestSize]);
+
+    static void hash(const void* data, size_t size, unsigned char out[kDigestSize]);
+
+private:
+    void compress(const unsigned char* block);
+
+    uint32_t state_[8];
+    uint64_t bitCount_;
+    unsigned char buffer_[kBlockSize];
+    size_t buffered_;
+};
+
+}  // namespace orvane
+}  // namespace zq
+
+#endif  // ZQ_ORVANE_SHA256_H
