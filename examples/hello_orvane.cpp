@@ -22,7 +22,8 @@ int main() {
 
     StatusChain status;
     status.setCode(zq::orvane::status::kNoParent);
-    std::printf("status %d: %s\n", status.getCode(), zq::orvane::status::describe(status.getCode()));
+    std::printf("status %d: %s\n", status.getCode(),
+                zq::orvane::status::describe(status.getCode()));
 
     // A stored string whose length says more bytes than there are.
     const unsigned char damaged[] = {9, 0, 0, 0, 'a', 'b'};

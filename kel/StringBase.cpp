@@ -45,9 +45,12 @@ void checkLength(size_t a, size_t b) {
 [[noreturn]] void offsetOutOfRange() { ZQ_THROW_DETAIL(OutOfRange2, "String offset out of range"); }
 
 int digitValue(wchar_t ch) {
-    if (ch >= L'0' && ch <= L'9') return ch - L'0';
-    if (ch >= L'a' && ch <= L'z') return ch - L'a' + 10;
-    if (ch >= L'A' && ch <= L'Z') return ch - L'A' + 10;
+    if (ch >= L'0' && ch <= L'9')
+        return ch - L'0';
+    if (ch >= L'a' && ch <= L'z')
+        return ch - L'a' + 10;
+    if (ch >= L'A' && ch <= L'Z')
+        return ch - L'A' + 10;
     return 99;
 }
 
@@ -135,7 +138,8 @@ template <class C, class O, class W>
 StringBase<C, O, W>::StringBase(const StringBase<O, C, W>& other) : StringBase(other.c_str()) {}
 
 template <class C, class O, class W>
-StringBase<C, O, W>::StringBase(const StringBase& other) : StringBase(other.start_, other.length()) {}
+StringBase<C, O, W>::StringBase(const StringBase& other)
+    : StringBase(other.start_, other.length()) {}
 
 template <class C, class O, class W>
 StringBase<C, O, W>::StringBase(StringBase&& other) noexcept
@@ -333,7 +337,8 @@ StringBase<C, O, W> StringBase<C, O, W>::fromInt(int64_t value, int base) {
     }
     C digits[66];
     size_t at = sizeof digits / sizeof digits[0];
-    uint64_t magnitude = value < 0 ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
+    uint64_t magnitude =
+        value < 0 ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
     do {
         digits[--at] = static_cast<C>(kDigits[magnitude % static_cast<uint64_t>(base)]);
         magnitude /= static_cast<uint64_t>(base);

@@ -36,17 +36,20 @@ LeadRule ruleFor(unsigned char lead) {
         return {2, 0x80, 0x1F};
     }
     if (lead < 0xF0) {
-        return {3, lead == 0xE0 ? static_cast<unsigned char>(0xA0) : static_cast<unsigned char>(0x80),
+        return {3,
+                lead == 0xE0 ? static_cast<unsigned char>(0xA0) : static_cast<unsigned char>(0x80),
                 0x0F};
     }
     if (lead < 0xF8) {
-        return {4, lead == 0xF0 ? static_cast<unsigned char>(0x90) : static_cast<unsigned char>(0x80),
+        return {4,
+                lead == 0xF0 ? static_cast<unsigned char>(0x90) : static_cast<unsigned char>(0x80),
                 0x07};
     }
     if (lead < 0xFE) {
         // No five-byte form is read: every lead from 0xF8 starts six bytes and
         // gives only its lowest bit.
-        return {6, lead == 0xFD ? static_cast<unsigned char>(0x80) : static_cast<unsigned char>(0x84),
+        return {6,
+                lead == 0xFD ? static_cast<unsigned char>(0x80) : static_cast<unsigned char>(0x84),
                 0x01};
     }
     return {0, 0, 0};
@@ -55,12 +58,18 @@ LeadRule ruleFor(unsigned char lead) {
 }  // namespace
 
 size_t encodedLength(uint32_t codePoint) {
-    if (codePoint < 0x80) return 1;
-    if (codePoint < 0x800) return 2;
-    if (codePoint < 0x10000) return 3;
-    if (codePoint < 0x200000) return 4;
-    if (codePoint < 0x4000000) return 5;
-    if (codePoint < 0x80000000u) return 6;
+    if (codePoint < 0x80)
+        return 1;
+    if (codePoint < 0x800)
+        return 2;
+    if (codePoint < 0x10000)
+        return 3;
+    if (codePoint < 0x200000)
+        return 4;
+    if (codePoint < 0x4000000)
+        return 5;
+    if (codePoint < 0x80000000u)
+        return 6;
     return 0;
 }
 

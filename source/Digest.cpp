@@ -50,7 +50,8 @@ void Digest::hashName(const kel::WString& name) {
     for (size_t done = 0; done < name.length();) {
         const size_t n = name.length() - done < kChunk ? name.length() - done : kChunk;
         for (size_t i = 0; i < n; ++i) {
-            const auto lower = static_cast<uint32_t>(std::towlower(static_cast<wint_t>(text[done + i])));
+            const auto lower =
+                static_cast<uint32_t>(std::towlower(static_cast<wint_t>(text[done + i])));
             kel::putU32(units + 4 * i, lower);
         }
         sha.update(units, 4 * n);

@@ -10,7 +10,7 @@ namespace orvane {
 
 // The counter of the buckets' enumeration handles.
 class OrvaneAtomicInt : public kel::osdep::AtomicInt {
-public:
+  public:
     explicit OrvaneAtomicInt(int32_t value = 0) : AtomicInt(value) {}
     virtual ~OrvaneAtomicInt() = default;
 

@@ -42,33 +42,44 @@ void Sha256::reset() {
     buffered_ = 0;
 }
 
+inline uint32_t bigSigma0(uint32_t x) { return rotr(x, 2) ^ rotr(x, 13) ^ rotr(x, 22); }
+inline uint32_t bigSigma1(uint32_t x) { return rotr(x, 6) ^ rotr(x, 11) ^ rotr(x, 25); }
+inline uint32_t smallSigma0(uint32_t x) { return rotr(x, 7) ^ rotr(x, 18) ^ (x >> 3); }
+inline uint32_t smallSigma1(uint32_t x) { return rotr(x, 17) ^ rotr(x, 19) ^ (x >> 10); }
+
+// One round, written so that the eight working variables rotate by renaming
+// instead of by copying: the unrolled loop below is what makes hashing fast.
+#define ZQ_SHA256_ROUND(a, b, c, d, e, f, g, h, t, w)                                           \
+    do {                                                                                        \
+        const uint32_t t1 = (h) + bigSigma1(e) + ((((f) ^ (g)) & (e)) ^ (g)) + kRound[t] + (w); \
+        const uint32_t t2 = bigSigma0(a) + ((((a) | (b)) & (c)) | ((a) & (b)));                 \
+        (d) += t1;                                                                              \
+        (h) = t1 + t2;                                                                          \
+    } while (0)
+
 void Sha256::compress(const unsigned char* block) {
-    uint32_t w[64];
-    for (int t = 0; t < 16; ++t) {
-        w[t] = loadBigEndian(block + 4 * t);
-    }
-    for (int t = 16; t < 64; ++t) {
-        const uint32_t s0 = rotr(w[t - 15], 7) ^ rotr(w[t - 15], 18) ^ (w[t - 15] >> 3);
-        const uint32_t s1 = rotr(w[t - 2], 17) ^ rotr(w[t - 2], 19) ^ (w[t - 2] >> 10);
-        w[t] = w[t - 16] + s0 + w[t - 7] + s1;
-    }
+    uint32_t w[16];
     uint32_t a = state_[0], b = state_[1], c = state_[2], d = state_[3];
     uint32_t e = state_[4], f = state_[5], g = state_[6], h = state_[7];
-    for (int t = 0; t < 64; ++t) {
-        const uint32_t s1 = rotr(e, 6) ^ rotr(e, 11) ^ rotr(e, 25);
-        const uint32_t ch = (e & f) ^ (~e & g);
-        const uint32_t t1 = h + s1 + ch + kRound[t] + w[t];
-        const uint32_t s0 = rotr(a, 2) ^ rotr(a, 13) ^ rotr(a, 22);
-        const uint32_t maj = (a & b) ^ (a & c) ^ (b & c);
-        const uint32_t t2 = s0 + maj;
-        h = g;
-        g = f;
-        f = e;
-        e = d + t1;
-        d = c;
-        c = b;
-        b = a;
-        a = t1 + t2;
+    for (int t = 0; t < 64; t += 8) {
+        for (int i = 0; i < 8; ++i) {
+            const int j = (t + i) & 15;
+            if (t < 16) {
+                w[j] = loadBigEndian(block + 4 * (t + i));
+            } else {
+                w[j] +=
+                    smallSigma1(w[(j + 14) & 15]) + w[(j + 9) & 15] + smallSigma0(w[(j + 1) & 15]);
+            }
+        }
+        const int j = t & 15;
+        ZQ_SHA256_ROUND(a, b, c, d, e, f, g, h, t + 0, w[j + 0]);
+        ZQ_SHA256_ROUND(h, a, b, c, d, e, f, g, t + 1, w[j + 1]);
+        ZQ_SHA256_ROUND(g, h, a, b, c, d, e, f, t + 2, w[j + 2]);
+        ZQ_SHA256_ROUND(f, g, h, a, b, c, d, e, t + 3, w[j + 3]);
+        ZQ_SHA256_ROUND(e, f, g, h, a, b, c, d, t + 4, w[j + 4]);
+        ZQ_SHA256_ROUND(d, e, f, g, h, a, b, c, t + 5, w[j + 5]);
+        ZQ_SHA256_ROUND(c, d, e, f, g, h, a, b, t + 6, w[j + 6]);
+        ZQ_SHA256_ROUND(b, c, d, e, f, g, h, a, t + 7, w[j + 7]);
     }
     state_[0] += a;
     state_[1] += b;
@@ -79,6 +90,8 @@ void Sha256::compress(const unsigned char* block) {
     state_[6] += g;
     state_[7] += h;
 }
+
+#undef ZQ_SHA256_ROUND
 
 void Sha256::update(const void* data, size_t size) {
     const auto* in = static_cast<const unsigned char*>(data);

@@ -10,7 +10,7 @@ namespace orvane {
 // SHA-256 as FIPS 180-4 defines it. Each object hashes one message; it holds
 // its whole state, so separate objects may be used from separate threads.
 class Sha256 {
-public:
+  public:
     static constexpr size_t kDigestSize = 32;
     static constexpr size_t kBlockSize = 64;
 
@@ -21,7 +21,7 @@ public:
 
     static void hash(const void* data, size_t size, unsigned char out[kDigestSize]);
 
-private:
+  private:
     void compress(const unsigned char* block);
 
     uint32_t state_[8];

@@ -11,17 +11,17 @@ namespace kel {
 namespace {
 
 class IThing : public RefCountedInterface<IThing> {
-public:
+  public:
     virtual int value() const = 0;
 };
 
 class Thing : public RefCountedImplementation<IThing, RefCountedThreadSafePolicy> {
-public:
+  public:
     explicit Thing(int* destroyed) : destroyed_(destroyed) {}
     ~Thing() override { ++*destroyed_; }
     int value() const override { return 7; }
 
-private:
+  private:
     int* destroyed_;
 };
 

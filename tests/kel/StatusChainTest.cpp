@@ -91,21 +91,22 @@ constexpr int32_t kErrorB = st::kNoParent;
 constexpr int32_t kWarnA = st::kValueReplaced;
 constexpr int32_t kWarnB = st::kCursorInvalidated;
 
-INSTANTIATE_TEST_SUITE_P(
-    AllPairs, StatusChainMergeTest,
-    testing::Values(
-        // An unset status takes anything, success included.
-        MergeCase{kUnset, 0, 0}, MergeCase{kUnset, kWarnA, kWarnA}, MergeCase{kUnset, kErrorA, kErrorA},
-        // An error always wins.
-        MergeCase{0, kErrorA, kErrorA}, MergeCase{kWarnA, kErrorA, kErrorA},
-        MergeCase{kErrorA, kErrorB, kErrorB},
-        // A warning replaces a success or a warning, never an error.
-        MergeCase{0, kWarnA, kWarnA}, MergeCase{kWarnA, kWarnB, kWarnB},
-        MergeCase{kErrorA, kWarnA, kErrorA},
-        // A success replaces nothing.
-        MergeCase{kWarnA, 0, kWarnA}, MergeCase{kErrorA, 0, kErrorA},
-        // Equal codes keep what is held, message included.
-        MergeCase{kErrorA, kErrorA, kErrorA}, MergeCase{kWarnA, kWarnA, kWarnA}, MergeCase{0, 0, 0}));
+INSTANTIATE_TEST_SUITE_P(AllPairs, StatusChainMergeTest,
+                         testing::Values(
+                             // An unset status takes anything, success included.
+                             MergeCase{kUnset, 0, 0}, MergeCase{kUnset, kWarnA, kWarnA},
+                             MergeCase{kUnset, kErrorA, kErrorA},
+                             // An error always wins.
+                             MergeCase{0, kErrorA, kErrorA}, MergeCase{kWarnA, kErrorA, kErrorA},
+                             MergeCase{kErrorA, kErrorB, kErrorB},
+                             // A warning replaces a success or a warning, never an error.
+                             MergeCase{0, kWarnA, kWarnA}, MergeCase{kWarnA, kWarnB, kWarnB},
+                             MergeCase{kErrorA, kWarnA, kErrorA},
+                             // A success replaces nothing.
+                             MergeCase{kWarnA, 0, kWarnA}, MergeCase{kErrorA, 0, kErrorA},
+                             // Equal codes keep what is held, message included.
+                             MergeCase{kErrorA, kErrorA, kErrorA},
+                             MergeCase{kWarnA, kWarnA, kWarnA}, MergeCase{0, 0, 0}));
 
 TEST(StatusChainTest, IncomingNotCompletedCountsAsAnError) {
     // The incoming "not completed" is negative, so it wins like any error.
@@ -184,8 +185,8 @@ TEST(StatusChainTest, DeserializeReadsCodeAndMessageAndKeepsChain) {
 
 TEST(StatusChainTest, DeserializeOfShortInputThrowsAndChangesNothing) {
     const unsigned char truncated[][10] = {
-        {0x73, 0x33, 0xFB},                           // code cut off
-        {0x73, 0x33, 0xFB, 0xFF, 5, 0},               // length cut off
+        {0x73, 0x33, 0xFB},                              // code cut off
+        {0x73, 0x33, 0xFB, 0xFF, 5, 0},                  // length cut off
         {0x73, 0x33, 0xFB, 0xFF, 5, 0, 0, 0, 'a', 'b'},  // message cut off
     };
     const size_t sizes[] = {3, 6, 10};

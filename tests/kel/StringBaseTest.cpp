@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -30,8 +31,9 @@ WString readStored(const Bytes& in) {
 }
 
 Bytes withLength(const Bytes& utf8) {
-    Bytes out{static_cast<unsigned char>(utf8.size()), 0, 0, 0};
-    out.insert(out.end(), utf8.begin(), utf8.end());
+    Bytes out(4 + utf8.size(), 0);
+    out[0] = static_cast<unsigned char>(utf8.size());
+    std::copy(utf8.begin(), utf8.end(), out.begin() + 4);
     return out;
 }
 
@@ -58,8 +60,8 @@ TEST(StringBaseTest, MovedFromStringStaysUsable) {
     WString a(L"moved");
     WString b(std::move(a));
     EXPECT_EQ(b, WString(L"moved"));
-    EXPECT_TRUE(a.empty());                    // NOLINT(bugprone-use-after-move)
-    EXPECT_EQ(a.c_str()[0], L'\0');            // NOLINT(bugprone-use-after-move)
+    EXPECT_TRUE(a.empty());          // NOLINT(bugprone-use-after-move)
+    EXPECT_EQ(a.c_str()[0], L'\0');  // NOLINT(bugprone-use-after-move)
     a += L"again";
     EXPECT_EQ(a, WString(L"again"));
     WString c;

@@ -14,7 +14,8 @@ namespace {
 using kel::NString;
 using kel::WString;
 
-constexpr const char* kEmptyHash = "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
+constexpr const char* kEmptyHash =
+    "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
 
 std::string text(const Digest& d) {
     WString s;

@@ -11,7 +11,7 @@ namespace osdep {
 // One signed 32-bit counter, safe to change from any thread. `get` gives no
 // ordering; the changes are compare-and-swap loops.
 class AtomicInt {
-public:
+  public:
     explicit AtomicInt(int32_t value = 0) noexcept : value_(value) {
         std::atomic_thread_fence(std::memory_order_seq_cst);
     }
@@ -27,7 +27,7 @@ public:
         }
     }
 
-private:
+  private:
     int32_t update(int32_t delta) noexcept {
         int32_t seen = value_.load(std::memory_order_relaxed);
         int32_t next;

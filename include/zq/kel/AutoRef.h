@@ -9,7 +9,7 @@ namespace kel {
 // Holds one reference on a reference-counted object.
 template <class T>
 class AutoRef {
-public:
+  public:
     AutoRef() noexcept : ptr_(nullptr) {}
     AutoRef(T* ptr) : ptr_(ptr) {  // NOLINT(google-explicit-constructor): handed out by value
         if (ptr_ != nullptr) {
@@ -56,7 +56,7 @@ public:
         }
     }
 
-private:
+  private:
     T* ptr_;
 };
 

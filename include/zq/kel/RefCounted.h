@@ -11,30 +11,30 @@ namespace kel {
 // The root of every public interface: `addRef` and `release` are slots 0 and 1
 // of each of them. Objects delete themselves, so the destructor is not public.
 class IRefCounted {
-public:
+  public:
     virtual int32_t addRef() = 0;
     virtual int32_t release() = 0;
 
-protected:
+  protected:
     ~IRefCounted() = default;
 };
 
 // Each public interface derives from this with itself as the argument.
 template <class T>
 class RefCountedInterface : public IRefCounted {
-protected:
+  protected:
     ~RefCountedInterface() = default;
 };
 
 // Holds the count; safe to addRef and release from any thread.
 class RefCountedThreadSafePolicy {
-public:
+  public:
     RefCountedThreadSafePolicy() noexcept : count_(0) {}
     RefCountedThreadSafePolicy(const RefCountedThreadSafePolicy&) = delete;
     RefCountedThreadSafePolicy& operator=(const RefCountedThreadSafePolicy&) = delete;
     virtual ~RefCountedThreadSafePolicy() = default;
 
-protected:
+  protected:
     osdep::AtomicInt count_;
 };
 
@@ -42,7 +42,7 @@ protected:
 // creator calls addRef once before handing it out.
 template <class T, class Policy>
 class RefCountedImplementation : public T, public Policy {
-public:
+  public:
     int32_t addRef() override { return this->count_.increment(); }
     int32_t release() override {
         const int32_t count = this->count_.decrement();

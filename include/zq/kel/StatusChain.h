@@ -14,7 +14,7 @@ namespace kel {
 // entries. A new status holds 0x80004005, "not completed", which counts as an
 // error. Not shared between threads.
 class ZQ_EXPORT StatusChain {
-public:
+  public:
     static constexpr int32_t kNotCompleted = static_cast<int32_t>(0x80004005u);
 
     StatusChain() noexcept;
@@ -53,7 +53,7 @@ public:
     void serialize(unsigned char*& cursor, const unsigned char* end) const;
     void deserialize(const unsigned char*& cursor, const unsigned char* end);
 
-private:
+  private:
     struct Entry;
     struct Chain;
 

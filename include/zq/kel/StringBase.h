@@ -17,7 +17,7 @@ namespace kel {
 // library.
 template <class C, class Other, class Wide>
 class ZQ_EXPORT StringBase {
-public:
+  public:
     static constexpr size_t npos = static_cast<size_t>(-1);
 
     StringBase();
@@ -73,7 +73,7 @@ public:
     void serialize(unsigned char*& cursor, const unsigned char* end) const;
     void deserialize(const unsigned char*& cursor, const unsigned char* end);
 
-private:
+  private:
     void allocate(size_t count);
     void assign(const C* text, size_t count);
     void release() noexcept;

@@ -13,13 +13,13 @@ namespace orvane {
 // The 64 lowercase hex digits of a digest and a terminating 0; all zero (the
 // empty string) when cleared.
 class ZQ_EXPORT DigestString {
-public:
+  public:
     DigestString() { clear(); }
     void clear();
     const char* c_str() const { return text_; }
     char* data() { return text_; }
 
-private:
+  private:
     char text_[65];
 };
 
@@ -27,7 +27,7 @@ private:
 // lower-cased with towlower and hashed as a little-endian 32-bit unit.
 // Reference-counted on its own for holders that share one.
 class ZQ_EXPORT Digest {
-public:
+  public:
     static constexpr uint32_t kSize = 32;
 
     Digest();  // the digest of the empty name
@@ -57,7 +57,7 @@ public:
     // but an empty text, not that hash's digits.
     static void calculateDigest(const kel::WString& name, Digest& digest, DigestString& text);
 
-private:
+  private:
     void hashName(const kel::WString& name);
 
     unsigned char bytes_[kSize];
