@@ -214,6 +214,20 @@ TEST(StringBaseTest, OffsetsBeyondTheLengthThrowOutOfRange2) {
     EXPECT_THROW(t.insert(6, WString(L"x")), exception::OutOfRange);
 }
 
+TEST(StringBaseTest, ImpossibleLengthsThrowBoundExceeded2BeforeAllocating) {
+    WString s(L"abc");
+    try {
+        s.append(s.c_str(), static_cast<size_t>(-1) / 2);
+        ADD_FAILURE() << "no throw";
+    } catch (const exception::BoundExceeded2& e) {
+        EXPECT_STREQ(e.what(),
+                     "A request was made that would exceed the bounds: Resulting string too large");
+    }
+    EXPECT_EQ(s, WString(L"abc"));
+    EXPECT_THROW(s.reserve(static_cast<size_t>(-1) / 4), exception::BoundExceeded);
+    EXPECT_THROW(WString::fromInt(1, 37), exception::InvalidArgument);
+}
+
 TEST(StringBaseTest, FindAndPrefix) {
     const WString path(L"/net/eth0");
     EXPECT_EQ(path.find(L'/'), 0u);
