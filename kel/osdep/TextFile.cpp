@@ -108,7 +108,10 @@ int TextFile::sync() {
 }
 
 bool TextFile::readLine(NString& line) {
-    if (file_ == nullptr || flush() != 0) {
+    if (file_ == nullptr) {
+        throw PosixError(EBADF, "readLine", __LINE__, __FILE__);
+    }
+    if (flush() != 0) {
         throw PosixError(errno, "readLine", __LINE__, __FILE__);
     }
     std::string text;
