@@ -39,7 +39,7 @@ class Mutex {
     int32_t holdCount() const;
     const WString& name() const { return name_; }
 
-    struct Entry;
+    struct Entry;  // the per-name state, kept in the process-wide table
 
   private:
     WString name_;
