@@ -1,0 +1,264 @@
+#include "kel/osdep/Mutex.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <functional>
+#include <thread>
+#include <vector>
+
+#include "kel/osdep/RecursiveMutex.h"
+#include "kel/osdep/SharedFiles.h"
+#include "support/TempDir.h"
+#include "zq/kel/Exception.h"
+#include "zq/kel/OSException.h"
+
+namespace zq {
+namespace kel {
+namespace osdep {
+namespace {
+
+const WString kName(L"__zq_orvane_BucketManager_lock__");
+
+// Runs `body` in a forked child; its result is the child's exit status.
+bool inChild(const std::function<bool()>& body) {
+    const pid_t child = fork();
+    if (child == 0) {
+        bool result = false;
+        try {
+            result = body();
+        } catch (...) {
+        }
+        _exit(result ? 0 : 1);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+// Whether another process can take the lock now; it lets go at once.
+bool otherProcessCanLock(const WString& name) {
+    return inChild([&] {
+        Mutex other(name);
+        return other.tryLock();
+    });
+}
+
+class MutexTest : public ::testing::Test {
+  protected:
+    void SetUp() override { setenv("ZQKELTMPSHAREDFILEDIR", dir_.path().c_str(), 1); }
+    void TearDown() override { unsetenv("ZQKELTMPSHAREDFILEDIR"); }
+
+    test::TempDir dir_;
+};
+
+TEST_F(MutexTest, LockFileLiesInTheSharedDirectory) {
+    Mutex mutex(kName);
+    struct stat info;
+    ASSERT_EQ(stat(dir_.file("mutex").c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0777u);
+    ASSERT_EQ(stat((dir_.file("mutex/") + NString(kName).c_str()).c_str(), &info), 0);
+    EXPECT_TRUE(S_ISREG(info.st_mode));
+    EXPECT_EQ(info.st_mode & 07777, 0666u);
+}
+
+TEST_F(MutexTest, OtherProcessWaitsForTheLastUnlock) {
+    Mutex mutex(kName);
+    EXPECT_TRUE(otherProcessCanLock(kName));
+    mutex.lock();
+    EXPECT_FALSE(otherProcessCanLock(kName));
+    mutex.lock();
+    mutex.unlock();
+    EXPECT_EQ(mutex.holdCount(), 1);
+    EXPECT_FALSE(otherProcessCanLock(kName));
+    mutex.unlock();
+    EXPECT_EQ(mutex.holdCount(), 0);
+    EXPECT_TRUE(otherProcessCanLock(kName));
+    // The child reuses the parent's object: it must not inherit the hold.
+    mutex.lock();
+    EXPECT_FALSE(inChild([&] { return mutex.tryLock(); }));
+    mutex.unlock();
+}
+
+// A child forked before the parent locks must not share the parent's lock
+// file description, or flock would let both hold the lock.
+TEST_F(MutexTest, ChildForkedBeforeTheLockIsStillExcluded) {
+    Mutex mutex(kName);
+    int toChild[2];
+    ASSERT_EQ(pipe(toChild), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        char go;
+        const bool ok = read(toChild[0], &go, 1) == 1 && !mutex.tryLock();
+        _exit(ok ? 0 : 1);
+    }
+    mutex.lock();
+    ASSERT_EQ(write(toChild[1], "g", 1), 1);
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    mutex.unlock();
+    close(toChild[0]);
+    close(toChild[1]);
+}
+
+TEST_F(MutexTest, ObjectsOfOneNameShareTheHoldCount) {
+    Mutex first(kName);
+    Mutex second(kName);
+    first.lock();
+    second.lock();  // the same thread, through the other object: no self-deadlock
+    EXPECT_EQ(first.holdCount(), 2);
+    EXPECT_TRUE(first.unlock());
+    EXPECT_EQ(second.holdCount(), 1);
+    EXPECT_FALSE(otherProcessCanLock(kName));
+    std::thread([&] { EXPECT_FALSE(second.tryLock()); }).join();
+    EXPECT_TRUE(second.unlock());
+    EXPECT_TRUE(otherProcessCanLock(kName));
+    std::thread([&] {
+        EXPECT_TRUE(second.tryLock());
+        EXPECT_TRUE(first.unlock());  // any object of the name releases the hold
+    }).join();
+    EXPECT_EQ(first.holdCount(), 0);
+}
+
+TEST_F(MutexTest, UnlockByAThreadThatHoldsNothingChangesNothing) {
+    Mutex mutex(kName);
+    EXPECT_FALSE(mutex.unlock());
+    mutex.lock();
+    std::thread([&] { EXPECT_FALSE(mutex.unlock()); }).join();
+    EXPECT_EQ(mutex.holdCount(), 1);
+    EXPECT_FALSE(otherProcessCanLock(kName));
+    mutex.unlock();
+}
+
+TEST_F(MutexTest, BadNamesAreRefused) {
+    for (const wchar_t* name : {L"", L".", L"..", L"a/b"}) {
+        EXPECT_THROW(Mutex{WString(name)}, exception::InvalidArgument);
+    }
+}
+
+TEST_F(MutexTest, SharedDirectoryInTheWayOfAFile) {
+    dir_.write("mutex", "");
+    try {
+        Mutex mutex(kName);
+        ADD_FAILURE() << "no error";
+    } catch (const PosixError& error) {
+        EXPECT_EQ(error.osErrorCode(), ENOTDIR);
+    }
+}
+
+// 4 processes x 2 threads add 1 to a counter in a file, 2,000 times in all;
+// without the lock, increments are lost between the read and the write.
+TEST_F(MutexTest, ProcessesAndThreadsNeverLoseAnIncrement) {
+    const std::string counter = dir_.file("counter");
+    dir_.write("counter", std::string(8, '\0'));
+    constexpr int kProcesses = 4;
+    constexpr int kThreads = 2;
+    constexpr int kEach = 2000 / (kProcesses * kThreads);
+    auto work = [&] {
+        const int fd = open(counter.c_str(), O_RDWR);
+        std::atomic<bool> ok{fd >= 0};
+        std::vector<std::thread> threads;
+        for (int t = 0; t < kThreads; ++t) {
+            threads.emplace_back([&] {
+                Mutex mutex(kName);  // one object per thread, one name
+                for (int i = 0; i < kEach; ++i) {
+                    mutex.lock();
+                    uint64_t value = 0;
+                    ok = ok && pread(fd, &value, sizeof value, 0) == sizeof value;
+                    std::this_thread::yield();
+                    ++value;
+                    ok = ok && pwrite(fd, &value, sizeof value, 0) == sizeof value;
+                    mutex.unlock();
+                }
+            });
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        close(fd);
+        return ok.load();
+    };
+    std::vector<pid_t> children;
+    for (int p = 0; p < kProcesses; ++p) {
+        const pid_t child = fork();
+        if (child == 0) {
+            _exit(work() ? 0 : 1);
+        }
+        children.push_back(child);
+    }
+    for (pid_t child : children) {
+        int status = 0;
+        waitpid(child, &status, 0);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+    const std::string bytes = dir_.read("counter");
+    uint64_t value = 0;
+    memcpy(&value, bytes.data(), sizeof value);
+    EXPECT_EQ(value, 2000u);
+}
+
+TEST(RecursiveMutexTest, PriorityInheritanceExactlyOnARealtimeKernel) {
+    test::TempDir dir;
+    dir.write("one", "1\n");
+    dir.write("zero", "0\n");
+    dir.write("empty", "");
+    EXPECT_TRUE(RecursiveMutex::readRealtimeFlag(dir.file("one").c_str()));
+    EXPECT_FALSE(RecursiveMutex::readRealtimeFlag(dir.file("zero").c_str()));
+    EXPECT_FALSE(RecursiveMutex::readRealtimeFlag(dir.file("empty").c_str()));
+    EXPECT_FALSE(RecursiveMutex::readRealtimeFlag(dir.file("missing").c_str()));
+    const bool realtime = RecursiveMutex::readRealtimeFlag("/sys/kernel/realtime");
+    EXPECT_EQ(RecursiveMutex::realtimeKernel(), realtime);
+    RecursiveMutex mutex;
+    EXPECT_EQ(mutex.priorityInheritance(), realtime);
+    mutex.lock();
+    EXPECT_TRUE(mutex.tryLock());
+    std::thread([&] { EXPECT_FALSE(mutex.tryLock()); }).join();
+    EXPECT_TRUE(mutex.unlock());
+    EXPECT_TRUE(mutex.unlock());
+    EXPECT_FALSE(mutex.unlock());
+}
+
+// Root passes every permission check, so the checks run as "nobody".
+TEST(SharedFilesTest, OtherUsersFilesAndDirectories) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root to act as another user";
+    }
+    test::TempDir dir;
+    chmod(dir.path().c_str(), 0755);
+    setenv("ZQKELTMPSHAREDFILEDIR", dir.path().c_str(), 1);
+    const WString shared = sharedDirectory(WString(L"mutex"));
+    const std::string locked = dir.file("mutex/locked");
+    const std::string open = dir.file("mutex/open");
+    close(::open(locked.c_str(), O_CREAT | O_RDWR, 0600));
+    close(openSharedFile(WString(open.c_str())));
+    EXPECT_TRUE(inChild([&] {
+        if (setgid(65534) != 0 || setuid(65534) != 0) {
+            return false;
+        }
+        sharedDirectory(WString(L"mutex"));  // root's directory: chmod EPERM is accepted
+        const int fd = openSharedFile(WString(open.c_str()));  // root's file: fchmod EPERM too
+        close(fd);
+        const auto start = std::chrono::steady_clock::now();
+        try {
+            openSharedFile(WString(locked.c_str()));
+            return false;
+        } catch (const PosixError& error) {
+            const auto waited = std::chrono::steady_clock::now() - start;
+            return error.osErrorCode() == EACCES && waited >= std::chrono::milliseconds(2);
+        }
+    }));
+    unsetenv("ZQKELTMPSHAREDFILEDIR");
+}
+
+}  // namespace
+}  // namespace osdep
+}  // namespace kel
+}  // namespace zq
