@@ -40,6 +40,11 @@ class FileSystem {
         bool directory = false;
         int64_t size = 0;
         uint32_t permissions = 0;
+        // Identity and last change, so a process can tell that another one
+        // replaced or changed a file without reading it.
+        uint64_t device = 0;
+        uint64_t inode = 0;
+        int64_t modifiedNanoseconds = 0;
     };
 
     FileSystem() = default;

@@ -177,6 +177,10 @@ FileSystem::Status PosixFileSystem::stat(const WString& path) {
     status.directory = S_ISDIR(info.st_mode);
     status.size = static_cast<int64_t>(info.st_size);
     status.permissions = static_cast<uint32_t>(info.st_mode & 07777);
+    status.device = static_cast<uint64_t>(info.st_dev);
+    status.inode = static_cast<uint64_t>(info.st_ino);
+    status.modifiedNanoseconds =
+        static_cast<int64_t>(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec;
     return status;
 }
 

@@ -83,6 +83,7 @@ class SimulatedFile : public File {
         fs_.enterOrThrow(SimulatedFileSystem::kTruncateCall,
                          "truncate " + path_ + " " + std::to_string(length));
         node_->data.resize(static_cast<size_t>(std::max<int64_t>(length, 0)), '\0');
+        ++node_->changes;
     }
 
     int64_t size() override {
@@ -127,6 +128,7 @@ class SimulatedFile : public File {
             data.resize(offset + count, '\0');
         }
         data.replace(offset, count, bytes, count);
+        ++node_->changes;
     }
 
     void usable(uint32_t access) const {
@@ -303,6 +305,10 @@ FileSystem::Status SimulatedFileSystem::stat(const WString& path) {
         status.regular = !status.directory;
         status.size = status.regular ? static_cast<int64_t>(entry->node->data.size()) : 0;
         status.permissions = status.regular ? entry->node->permissions : 0777;
+        if (status.regular) {
+            status.inode = reinterpret_cast<uintptr_t>(entry->node.get());
+            status.modifiedNanoseconds = entry->node->changes;
+        }
     }
     return status;
 }

@@ -88,6 +88,7 @@ class SimulatedFileSystem : public kel::osdep::FileSystem {
         uint32_t permissions = 0;
         uint32_t owner = 0;
         uint32_t group = 0;
+        int64_t changes = 0;  // stands in for the modification time
     };
     struct Entry {
         std::shared_ptr<Node> node;  // null for a directory
