@@ -31,14 +31,17 @@ constexpr size_t kMinEntrySize = 4 + 8;
 constexpr uint32_t kBucketMemory = 228;
 constexpr uint32_t kEntryMemory = 12;
 
-constexpr ErrorCodes kBucketCodes = {status::kUnexpected, status::kUnexpected,
-                                     status::kUnexpected};
+constexpr ErrorCodes kBucketCodes = {status::kUnexpected, status::kUnexpected, status::kUnexpected};
 
 using Lock = std::lock_guard<std::mutex>;
 
-uint32_t characterMemory(const WString& text) { return static_cast<uint32_t>(text.capacity()) * 4; }
+uint32_t characterMemory(const WString& text) {
+    return static_cast<uint32_t>(text.capacity()) * 4;
+}
 
-const char* yesNo(bool flag) { return flag ? "true" : "false"; }
+const char* yesNo(bool flag) {
+    return flag ? "true" : "false";
+}
 
 NString digestText(const Digest& digest) {
     WString text;
@@ -100,8 +103,8 @@ void Bucket::touch() {
 
 // ---- storing
 
-bool Bucket::storeValue(const WString& name, const AutoRef<BucketValue>& value,
-                        StatusChain& status, bool replace) {
+bool Bucket::storeValue(const WString& name, const AutoRef<BucketValue>& value, StatusChain& status,
+                        bool replace) {
     if (name.empty()) {
         status.setCode(status::kEmptyName);
         return false;
@@ -195,17 +198,17 @@ bool Bucket::setStringArrayValue(const WString& name, const WString* elements, u
     });
 }
 
-#define ZQ_ORVANE_DEFINE(Name, Type, Tag, ArrayTag)                                            \
-    bool Bucket::set##Name##Value(const WString& name, Type content, StatusChain& status,      \
-                                  bool replace) {                                              \
-        return storeNew(name, status, replace,                                                 \
-                        [&](BucketValue& value) { return value.set##Name(content, status); }); \
-    }                                                                                          \
-    bool Bucket::set##Name##ArrayValue(const WString& name, const Type* elements,              \
-                                       uint32_t count, StatusChain& status, bool replace) {    \
-        return storeNew(name, status, replace, [&](BucketValue& value) {                       \
-            return value.set##Name##Array(elements, count, status);                            \
-        });                                                                                    \
+#define ZQ_ORVANE_DEFINE(Name, Type, Tag, ArrayTag)                                               \
+    bool Bucket::set##Name##Value(const WString& name, Type content, StatusChain& status,         \
+                                  bool replace) {                                                 \
+        return storeNew(name, status, replace,                                                    \
+                        [&](BucketValue& value) { return value.set##Name(content, status); });    \
+    }                                                                                             \
+    bool Bucket::set##Name##ArrayValue(const WString& name, const Type* elements, uint32_t count, \
+                                       StatusChain& status, bool replace) {                       \
+        return storeNew(name, status, replace, [&](BucketValue& value) {                          \
+            return value.set##Name##Array(elements, count, status);                               \
+        });                                                                                       \
     }
 ZQ_ORVANE_PLAIN_KINDS(ZQ_ORVANE_DEFINE)
 #undef ZQ_ORVANE_DEFINE

@@ -27,7 +27,7 @@ struct ValueNameOrder {
 //
 // Not thread-safe: the owning bucket's mutex guards it.
 class BucketContents {
-public:
+  public:
     using ValueMap = std::map<kel::WString, kel::AutoRef<BucketValue>, ValueNameOrder>;
     using Entry = ValueMap::const_iterator;
 
@@ -59,7 +59,7 @@ public:
     Step next(uint32_t handle, bool childrenOnly, Entry& entry);
     void invalidateCursors();
 
-private:
+  private:
     struct Cursor {
         Entry at;
         bool invalidated;

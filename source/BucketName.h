@@ -9,7 +9,7 @@ namespace orvane {
 // The naming rules of the tree. A full name is split at "/" with empty pieces
 // dropped, so "//a//b/" names the same place as "/a/b".
 class BucketName {
-public:
+  public:
     static constexpr wchar_t kSeparator = L'/';
 
     // The last piece; empty for "/".

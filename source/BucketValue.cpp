@@ -26,15 +26,14 @@ using kel::WString;
 namespace {
 
 constexpr uint32_t kValueFormatVersion = 1;
-constexpr uint32_t kHeaderSize = 8;   // format version and tag
-constexpr uint32_t kCountSize = 4;    // the element count of an array
+constexpr uint32_t kHeaderSize = 8;     // format version and tag
+constexpr uint32_t kCountSize = 4;      // the element count of an array
 constexpr uint32_t kValueMemory = 32;   // what the value object weighs
 constexpr uint32_t kDigestMemory = 40;  // what an owned digest weighs
 
 // A setter or getter can only run out of memory; a support-library exception
 // while copying strings counts as that too.
-constexpr ErrorCodes kValueCodes = {status::kUnexpected, status::kOutOfMemory,
-                                    status::kUnexpected};
+constexpr ErrorCodes kValueCodes = {status::kUnexpected, status::kOutOfMemory, status::kUnexpected};
 
 template <class T>
 void destroyElements(T* elements, uint32_t count) noexcept {
@@ -49,7 +48,7 @@ void destroyElements(T* elements, uint32_t count) noexcept {
 // freed unless it is released, so a throw half way leaks nothing.
 template <class T>
 class ElementBlock {
-public:
+  public:
     explicit ElementBlock(uint32_t count)
         : block_(static_cast<T*>(kel::allocateArray(count, sizeof(T)))), built_(0) {}
     ElementBlock(const ElementBlock&) = delete;
@@ -73,7 +72,7 @@ public:
         return block;
     }
 
-private:
+  private:
     T* block_;
     uint32_t built_;
 };
@@ -90,10 +89,18 @@ To* copyBlock(const From* source, uint32_t count) {
 
 // Narrow form: u32 characters + 1, the characters, a 0 byte. Wide form: the
 // string's own stored form (u32 UTF-8 byte count, the bytes).
-uint32_t formSize(const NString& text) { return 4 + static_cast<uint32_t>(text.length()) + 1; }
-uint32_t formSize(const WString& text) { return text.serializationSize(); }
-constexpr size_t minFormSize(const NString*) { return 5; }
-constexpr size_t minFormSize(const WString*) { return 4; }
+uint32_t formSize(const NString& text) {
+    return 4 + static_cast<uint32_t>(text.length()) + 1;
+}
+uint32_t formSize(const WString& text) {
+    return text.serializationSize();
+}
+constexpr size_t minFormSize(const NString*) {
+    return 5;
+}
+constexpr size_t minFormSize(const WString*) {
+    return 4;
+}
 
 void writeForm(RecordWriter& writer, const NString& text) {
     const uint32_t counted = static_cast<uint32_t>(text.length()) + 1;
@@ -115,10 +122,16 @@ void readForm(RecordReader& reader, NString& text) {
     }
     text = NString(reinterpret_cast<const char*>(bytes), counted - 1);
 }
-void readForm(RecordReader& reader, WString& text) { text.deserialize(reader.cursor(), reader.end()); }
+void readForm(RecordReader& reader, WString& text) {
+    text.deserialize(reader.cursor(), reader.end());
+}
 
-uint32_t memoryOf(const NString& text) { return static_cast<uint32_t>(text.capacity()); }
-uint32_t memoryOf(const WString& text) { return static_cast<uint32_t>(text.capacity()) * 4; }
+uint32_t memoryOf(const NString& text) {
+    return static_cast<uint32_t>(text.capacity());
+}
+uint32_t memoryOf(const WString& text) {
+    return static_cast<uint32_t>(text.capacity()) * 4;
+}
 
 template <class T>
 T* cloneObject(const void* object) {
@@ -197,7 +210,9 @@ BucketValue::BucketValue(const BucketValue& other)
     copyPayload(other);
 }
 
-BucketValue::~BucketValue() { clear(); }
+BucketValue::~BucketValue() {
+    clear();
+}
 
 void BucketValue::clear() noexcept {
     switch (traitsOf(tag_).shape) {
@@ -249,8 +264,8 @@ void BucketValue::copyPayload(const BucketValue& other) {
             storage_.object = cloneObject<WString>(other.storage_.object);
             break;
         case ValueShape::kBlob:
-            storage_.blob.bytes = copyBlock<unsigned char>(other.storage_.blob.bytes,
-                                                           other.storage_.blob.size);
+            storage_.blob.bytes =
+                copyBlock<unsigned char>(other.storage_.blob.bytes, other.storage_.blob.size);
             storage_.blob.size = other.storage_.blob.size;
             break;
         case ValueShape::kScalar:
@@ -449,22 +464,22 @@ bool BucketValue::freeStringArray(WString* elements, StatusChain& status) const 
     return freeCopy(kSTRINGARRAY, elements, status);
 }
 
-#define ZQ_ORVANE_DEFINE(Name, Type, Tag, ArrayTag)                                             \
-    bool BucketValue::set##Name(Type value, StatusChain& status) {                              \
-        return setScalar(Tag, value, status);                                                   \
-    }                                                                                           \
-    bool BucketValue::set##Name##Array(const Type* elements, uint32_t count,                    \
-                                       StatusChain& status) {                                   \
-        return setArray(ArrayTag, elements, count, status);                                     \
-    }                                                                                           \
-    Type BucketValue::get##Name(StatusChain& status) const {                                    \
-        return getScalar<Type>(Tag, status);                                                    \
-    }                                                                                           \
-    Type BucketValue::get##Name##ArrayElement(uint32_t index, StatusChain& status) const {      \
-        return getElement<Type>(ArrayTag, index, status);                                       \
-    }                                                                                           \
-    uint32_t BucketValue::get##Name##Array(Type** out, StatusChain& status) const {             \
-        return copyOut(ArrayTag, out, status);                                                  \
+#define ZQ_ORVANE_DEFINE(Name, Type, Tag, ArrayTag)                                        \
+    bool BucketValue::set##Name(Type value, StatusChain& status) {                         \
+        return setScalar(Tag, value, status);                                              \
+    }                                                                                      \
+    bool BucketValue::set##Name##Array(const Type* elements, uint32_t count,               \
+                                       StatusChain& status) {                              \
+        return setArray(ArrayTag, elements, count, status);                                \
+    }                                                                                      \
+    Type BucketValue::get##Name(StatusChain& status) const {                               \
+        return getScalar<Type>(Tag, status);                                               \
+    }                                                                                      \
+    Type BucketValue::get##Name##ArrayElement(uint32_t index, StatusChain& status) const { \
+        return getElement<Type>(ArrayTag, index, status);                                  \
+    }                                                                                      \
+    uint32_t BucketValue::get##Name##Array(Type** out, StatusChain& status) const {        \
+        return copyOut(ArrayTag, out, status);                                             \
     }
 ZQ_ORVANE_PLAIN_KINDS(ZQ_ORVANE_DEFINE)
 #undef ZQ_ORVANE_DEFINE
@@ -530,7 +545,8 @@ bool BucketValue::isEqual(const kel::AutoRef<IBucketValue>& a,
         return !a && !b;
     }
     // BucketValue is the only implementation of the interface.
-    return static_cast<const BucketValue*>(a.get())->equals(*static_cast<const BucketValue*>(b.get()));
+    return static_cast<const BucketValue*>(a.get())->equals(
+        *static_cast<const BucketValue*>(b.get()));
 }
 
 bool BucketValue::equals(const BucketValue& other) const {
@@ -563,9 +579,11 @@ bool BucketValue::equalPayload(const BucketValue& other) const {
                 return loadScalar<T>() == other.loadScalar<T>();
             });
         case ValueShape::kAnsiStringArray:
-            return count_ == other.count_ && sameElements<NString>(elements_, other.elements_, count_);
+            return count_ == other.count_ &&
+                   sameElements<NString>(elements_, other.elements_, count_);
         case ValueShape::kStringArray:
-            return count_ == other.count_ && sameElements<WString>(elements_, other.elements_, count_);
+            return count_ == other.count_ &&
+                   sameElements<WString>(elements_, other.elements_, count_);
         case ValueShape::kPlainArray:
             if (count_ != other.count_) {
                 return false;

@@ -16,9 +16,9 @@ namespace orvane {
 // The codes one public operation reports for what it catches; running out of
 // memory is always status::kOutOfMemory.
 struct ErrorCodes {
-    int32_t osFailure;    // an OSException (a system call failed)
-    int32_t kelFailure;   // any other support-library exception
-    int32_t unexpected;   // anything else
+    int32_t osFailure;   // an OSException (a system call failed)
+    int32_t kelFailure;  // any other support-library exception
+    int32_t unexpected;  // anything else
 };
 
 // The edge of every public operation: does nothing when `status` already holds

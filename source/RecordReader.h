@@ -16,7 +16,7 @@ namespace orvane {
 // is read, so a corrupt length can never make a caller allocate for bytes that
 // are not there.
 class RecordReader {
-public:
+  public:
     RecordReader(const unsigned char*& cursor, const unsigned char* end)
         : cursor_(cursor), end_(end) {
         if (cursor_ == nullptr || end_ == nullptr || cursor_ > end_) {
@@ -56,10 +56,14 @@ public:
         }
     }
 
-    const unsigned char*& cursor() { return cursor_; }
-    const unsigned char* end() const { return end_; }
+    const unsigned char*& cursor() {
+        return cursor_;
+    }
+    const unsigned char* end() const {
+        return end_;
+    }
 
-private:
+  private:
     const unsigned char*& cursor_;
     const unsigned char* end_;
 };

@@ -15,7 +15,7 @@ namespace orvane {
 // field that does not fit before `end` throws BufferOverflow and writes
 // nothing of that field.
 class RecordWriter {
-public:
+  public:
     RecordWriter(unsigned char*& cursor, const unsigned char* end) : cursor_(cursor), end_(end) {}
 
     void require(size_t bytes) const {
@@ -48,7 +48,7 @@ public:
     unsigned char*& cursor() { return cursor_; }
     const unsigned char* end() const { return end_; }
 
-private:
+  private:
     template <class T>
     static void putNumber(unsigned char* out, T value) {
         unsigned char raw[sizeof(T)];

@@ -39,7 +39,7 @@ constexpr ValueTraits kValueTraits[] = {
 #define ZQ_ORVANE_ROW(Name, Type, Tag, ArrayTag) {Tag, ValueShape::kScalar, sizeof(Type), #Tag},
     ZQ_ORVANE_PLAIN_KINDS(ZQ_ORVANE_ROW)
 #undef ZQ_ORVANE_ROW
-    {kANSISTRINGARRAY, ValueShape::kAnsiStringArray, 0, "kANSISTRINGARRAY"},
+        {kANSISTRINGARRAY, ValueShape::kAnsiStringArray, 0, "kANSISTRINGARRAY"},
     {kSTRINGARRAY, ValueShape::kStringArray, 0, "kSTRINGARRAY"},
 #define ZQ_ORVANE_ROW(Name, Type, Tag, ArrayTag) \
     {ArrayTag, ValueShape::kPlainArray, sizeof(Type), #ArrayTag},
@@ -62,7 +62,9 @@ inline const ValueTraits& traitsOf(uint32_t tag) {
     return tag < kValueTypeCount ? kValueTraits[tag] : kValueTraits[kNOTSET];
 }
 
-inline bool isKnownType(uint32_t tag) { return tag != kNOTSET && tag < kValueTypeCount; }
+inline bool isKnownType(uint32_t tag) {
+    return tag != kNOTSET && tag < kValueTypeCount;
+}
 
 // How a plain kind is kept in memory: a bool stays the byte it was read as
 // (any non-zero byte is true), so a record's byte comes back unchanged.

@@ -23,9 +23,13 @@ using test::Bytes;
 using test::okStatus;
 using test::recordOf;
 
-AutoRef<Bucket> makeBucket(const wchar_t* name) { return AutoRef<Bucket>(new Bucket(WString(name))); }
+AutoRef<Bucket> makeBucket(const wchar_t* name) {
+    return AutoRef<Bucket>(new Bucket(WString(name)));
+}
 
-std::string narrow(const WString& text) { return NString(text).c_str(); }
+std::string narrow(const WString& text) {
+    return NString(text).c_str();
+}
 
 // Names in enumeration order, with each value's text.
 std::vector<std::string> entries(IBucket& bucket) {
@@ -55,12 +59,14 @@ TEST(BucketNameTest, ShortParentAndChildNames) {
         const char* parent;
     };
     const Case cases[] = {
-        {L"/a/b/c", "c", "/a/b"}, {L"/a", "a", "/"},        {L"/", "", "/"},
-        {L"//a//b/", "b", "/a"},  {L"a/b", "b", "/a"},       {L"", "", "/"},
+        {L"/a/b/c", "c", "/a/b"}, {L"/a", "a", "/"},   {L"/", "", "/"},
+        {L"//a//b/", "b", "/a"},  {L"a/b", "b", "/a"}, {L"", "", "/"},
     };
     for (const Case& c : cases) {
-        EXPECT_EQ(narrow(BucketName::shortName(WString(c.full))), c.shortName) << narrow(WString(c.full));
-        EXPECT_EQ(narrow(BucketName::parentName(WString(c.full))), c.parent) << narrow(WString(c.full));
+        EXPECT_EQ(narrow(BucketName::shortName(WString(c.full))), c.shortName)
+            << narrow(WString(c.full));
+        EXPECT_EQ(narrow(BucketName::parentName(WString(c.full))), c.parent)
+            << narrow(WString(c.full));
     }
     EXPECT_EQ(narrow(BucketName::childName(WString(L"/"), WString(L"x"))), "/x");
     EXPECT_EQ(narrow(BucketName::childName(WString(L"/a"), WString(L"x"))), "/a/x");
@@ -106,8 +112,8 @@ TEST(BucketTest, ReadBackFromItsRecordUnmodifiedWithTheSameValuesInOrder) {
         AutoRef<BucketValue> value(new BucketValue());
         StatusChain status = okStatus();
         sample.set(*value, status);
-        const bool stored =
-            bucket->setValue(WString(NString(sample.name)), AutoRef<IBucketValue>(value), status, false);
+        const bool stored = bucket->setValue(WString(NString(sample.name)),
+                                             AutoRef<IBucketValue>(value), status, false);
         // An unset value is never stored.
         EXPECT_EQ(stored, value->getType() != kNOTSET) << sample.name;
     }
@@ -191,7 +197,8 @@ TEST(BucketTest, ValuesThatAreNeverStored) {
     const Case cases[] = {
         {"empty name", WString(), number, status::kEmptyName},
         {"null value", WString(L"a"), AutoRef<IBucketValue>(), status::kNullValue},
-        {"unset value", WString(L"a"), AutoRef<IBucketValue>(new BucketValue()), status::kWrongType},
+        {"unset value", WString(L"a"), AutoRef<IBucketValue>(new BucketValue()),
+         status::kWrongType},
     };
     for (const Case& c : cases) {
         StatusChain status = okStatus();
@@ -274,7 +281,8 @@ TEST(BucketTest, ChildrenAreDigestValuesThatSurviveDataRemoval) {
     EXPECT_TRUE(net->addChild(WString(L"Eth0"), status, false));
     net->setInt32Value(WString(L"mtu"), 1500, status, false);
     net->setInt32Value(WString(L"zz"), 1, status, false);
-    EXPECT_EQ(root->getValue(WString(L"/net"), status)->getDigest(status), Digest(WString(L"/Net")));
+    EXPECT_EQ(root->getValue(WString(L"/net"), status)->getDigest(status),
+              Digest(WString(L"/Net")));
 
     const uint32_t handle = net->openEnumeration();
     Digest child;
@@ -387,13 +395,15 @@ TEST(BucketTest, Dumps) {
               "\r\n===================================================\r\n"
               "fullName_       /Net\r\n"
               "shortName_      Net\r\n"
-              "digest_         " + digest + "\r\n"
-              "persistentFlag_ true\r\n"
-              "version_        0\r\n"
-              "modified_       true\r\n"
-              "numKeys         2\r\n"
-              "[0] mode = auto\r\n"
-              "[1] Speed = 5\r\n");
+              "digest_         " +
+                  digest +
+                  "\r\n"
+                  "persistentFlag_ true\r\n"
+                  "version_        0\r\n"
+                  "modified_       true\r\n"
+                  "numKeys         2\r\n"
+                  "[0] mode = auto\r\n"
+                  "[1] Speed = 5\r\n");
 
     testing::internal::CaptureStdout();
     bucket->print();
@@ -401,15 +411,19 @@ TEST(BucketTest, Dumps) {
               "\r\n"
               "fullName_       /Net\r\n"
               "shorName_       Net\r\n"
-              "digest_         " + digest + "\r\n"
-              "parent_         " + hex(Digest(WString(L"/"))) + "\r\n"
-              "fileName_       \r\n"
-              "persistentFlag_ true\r\n"
-              "version_        0\r\n"
-              "modified_       true\r\n"
-              "numKeys         2\r\n"
-              "[0] mode = auto\r\n"
-              "[1] Speed = 5\r\n");
+              "digest_         " +
+                  digest +
+                  "\r\n"
+                  "parent_         " +
+                  hex(Digest(WString(L"/"))) +
+                  "\r\n"
+                  "fileName_       \r\n"
+                  "persistentFlag_ true\r\n"
+                  "version_        0\r\n"
+                  "modified_       true\r\n"
+                  "numKeys         2\r\n"
+                  "[0] mode = auto\r\n"
+                  "[1] Speed = 5\r\n");
 }
 
 TEST(BucketTest, DamagedRecordLeavesTheBucketAsItWas) {

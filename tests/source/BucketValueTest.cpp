@@ -25,9 +25,13 @@ using test::okStatus;
 using test::recordOf;
 using test::valueHeader;
 
-AutoRef<BucketValue> makeValue() { return AutoRef<BucketValue>(new BucketValue()); }
+AutoRef<BucketValue> makeValue() {
+    return AutoRef<BucketValue>(new BucketValue());
+}
 
-std::string narrow(const WString& text) { return NString(text).c_str(); }
+std::string narrow(const WString& text) {
+    return NString(text).c_str();
+}
 
 TEST(BucketValueTest, EveryTagHasItsRecordAndText) {
     uint32_t tag = 0;
@@ -59,26 +63,26 @@ TEST(BucketValueTest, GettersAreStrictlyTyped) {
     StatusChain status = okStatus();
     value->setInt16(-7, status);
     int wrong = 0;
-#define CHECK_GETTER(Name, Type, Tag, ArrayTag)                                     \
-    {                                                                               \
-        StatusChain s = okStatus();                                                 \
-        const Type got = value->get##Name(s);                                       \
-        if (Tag == kINT16) {                                                        \
-            EXPECT_EQ(static_cast<int>(got), -7);                                   \
-            EXPECT_EQ(s.getCode(), 0);                                              \
-        } else {                                                                    \
-            ++wrong;                                                                \
-            EXPECT_EQ(got, Type()) << #Name;                                        \
-            EXPECT_EQ(s.getCode(), status::kWrongType) << #Name;                    \
-        }                                                                           \
-        StatusChain e = okStatus();                                                 \
-        EXPECT_EQ(value->get##Name##ArrayElement(0, e), Type()) << #Name;           \
-        EXPECT_EQ(e.getCode(), status::kWrongType) << #Name;                        \
-        Type* block = nullptr;                                                      \
-        StatusChain c = okStatus();                                                 \
-        EXPECT_EQ(value->get##Name##Array(&block, c), 0u) << #Name;                 \
-        EXPECT_EQ(c.getCode(), status::kWrongType) << #Name;                        \
-        EXPECT_EQ(block, nullptr);                                                  \
+#define CHECK_GETTER(Name, Type, Tag, ArrayTag)                           \
+    {                                                                     \
+        StatusChain s = okStatus();                                       \
+        const Type got = value->get##Name(s);                             \
+        if (Tag == kINT16) {                                              \
+            EXPECT_EQ(static_cast<int>(got), -7);                         \
+            EXPECT_EQ(s.getCode(), 0);                                    \
+        } else {                                                          \
+            ++wrong;                                                      \
+            EXPECT_EQ(got, Type()) << #Name;                              \
+            EXPECT_EQ(s.getCode(), status::kWrongType) << #Name;          \
+        }                                                                 \
+        StatusChain e = okStatus();                                       \
+        EXPECT_EQ(value->get##Name##ArrayElement(0, e), Type()) << #Name; \
+        EXPECT_EQ(e.getCode(), status::kWrongType) << #Name;              \
+        Type* block = nullptr;                                            \
+        StatusChain c = okStatus();                                       \
+        EXPECT_EQ(value->get##Name##Array(&block, c), 0u) << #Name;       \
+        EXPECT_EQ(c.getCode(), status::kWrongType) << #Name;              \
+        EXPECT_EQ(block, nullptr);                                        \
     }
     ZQ_ORVANE_PLAIN_KINDS(CHECK_GETTER)
 #undef CHECK_GETTER
@@ -86,11 +90,21 @@ TEST(BucketValueTest, GettersAreStrictlyTyped) {
     for (auto code : {0, 1, 2, 3, 4}) {
         StatusChain s = okStatus();
         switch (code) {
-            case 0: EXPECT_EQ(value->getDigest(s), Digest()); break;
-            case 1: EXPECT_TRUE(value->getAnsiString(s).empty()); break;
-            case 2: EXPECT_TRUE(value->getString(s).empty()); break;
-            case 3: EXPECT_EQ(value->getBlobSize(s), 0u); break;
-            case 4: EXPECT_TRUE(value->getStringArrayElement(0, s).empty()); break;
+            case 0:
+                EXPECT_EQ(value->getDigest(s), Digest());
+                break;
+            case 1:
+                EXPECT_TRUE(value->getAnsiString(s).empty());
+                break;
+            case 2:
+                EXPECT_TRUE(value->getString(s).empty());
+                break;
+            case 3:
+                EXPECT_EQ(value->getBlobSize(s), 0u);
+                break;
+            case 4:
+                EXPECT_TRUE(value->getStringArrayElement(0, s).empty());
+                break;
         }
         EXPECT_EQ(s.getCode(), status::kWrongType) << code;
     }
@@ -137,7 +151,8 @@ TEST(BucketValueTest, BlobSizeQueryAndShortBuffers) {
 
     EXPECT_EQ(value->getBlob(buffer, 16, status), 10u);
     EXPECT_EQ(status.getCode(), 0);
-    EXPECT_EQ(std::vector<unsigned char>(buffer, buffer + 10), std::vector<unsigned char>(ten, ten + 10));
+    EXPECT_EQ(std::vector<unsigned char>(buffer, buffer + 10),
+              std::vector<unsigned char>(ten, ten + 10));
 }
 
 TEST(BucketValueTest, CopiedOutArraysBelongToTheCaller) {
@@ -240,7 +255,8 @@ TEST(BucketValueTest, DeepEquality) {
          make([&](IBucketValue& v, StatusChain& s) { v.setFloat64(nan, s); }), false},
         {"signed zeros", make([](IBucketValue& v, StatusChain& s) { v.setFloat32(0.0f, s); }),
          make([](IBucketValue& v, StatusChain& s) { v.setFloat32(-0.0f, s); }), true},
-        {"letter case", make([](IBucketValue& v, StatusChain& s) { v.setString(WString(L"a"), s); }),
+        {"letter case",
+         make([](IBucketValue& v, StatusChain& s) { v.setString(WString(L"a"), s); }),
          make([](IBucketValue& v, StatusChain& s) { v.setString(WString(L"A"), s); }), false},
         {"two unset", make([](IBucketValue&, StatusChain&) {}),
          make([](IBucketValue&, StatusChain&) {}), true},

@@ -51,7 +51,9 @@ struct Bytes {
     }
 };
 
-inline Bytes valueHeader(uint32_t tag) { return Bytes().u32(1).u32(tag); }
+inline Bytes valueHeader(uint32_t tag) {
+    return Bytes().u32(1).u32(tag);
+}
 
 template <class Value>
 std::vector<unsigned char> recordOf(const Value& value) {
@@ -159,8 +161,7 @@ inline std::vector<ValueSample> valueSamples() {
         {"float32Array", [](BucketValue& v, kel::StatusChain& s) { v.setFloat32Array(f32, 1, s); },
          valueHeader(kFLOAT32ARRAY).u32(1).raw({0, 0, 0, 0x40}), L"<kFLOAT32ARRAY[1]>"},
         {"float64Array", [](BucketValue& v, kel::StatusChain& s) { v.setFloat64Array(f64, 1, s); },
-         valueHeader(kFLOAT64ARRAY).u32(1).raw({0, 0, 0, 0, 0, 0, 0, 0xC0}),
-         L"<kFLOAT64ARRAY[1]>"},
+         valueHeader(kFLOAT64ARRAY).u32(1).raw({0, 0, 0, 0, 0, 0, 0, 0xC0}), L"<kFLOAT64ARRAY[1]>"},
     };
 }
 

@@ -23,7 +23,7 @@ class BucketContents;
 // calls into another bucket, except the comparison, which takes both locks
 // together (std::scoped_lock), so two buckets never deadlock.
 class Bucket : public kel::RefCountedImplementation<IBucket, kel::RefCountedThreadSafePolicy> {
-public:
+  public:
     Bucket();
     explicit Bucket(const kel::WString& fullName, bool persistent = true);
     // Same name, flags, version and values; no cursors. Throws std::bad_alloc.
@@ -49,16 +49,16 @@ public:
                             kel::StatusChain& status, bool replace) override;
     bool setStringValue(const kel::WString& name, const kel::WString& value,
                         kel::StatusChain& status, bool replace) override;
-#define ZQ_ORVANE_DECLARE(Name, Type, Tag, ArrayTag)                                     \
+#define ZQ_ORVANE_DECLARE(Name, Type, Tag, ArrayTag)                                      \
     bool set##Name##Value(const kel::WString& name, Type value, kel::StatusChain& status, \
                           bool replace) override;
     ZQ_ORVANE_PLAIN_KINDS(ZQ_ORVANE_DECLARE)
 #undef ZQ_ORVANE_DECLARE
     bool setAnsiStringArrayValue(const kel::WString& name, const kel::NString* elements,
                                  uint32_t count, kel::StatusChain& status, bool replace) override;
-    bool setStringArrayValue(const kel::WString& name, const kel::WString* elements,
-                             uint32_t count, kel::StatusChain& status, bool replace) override;
-#define ZQ_ORVANE_DECLARE(Name, Type, Tag, ArrayTag)                                        \
+    bool setStringArrayValue(const kel::WString& name, const kel::WString* elements, uint32_t count,
+                             kel::StatusChain& status, bool replace) override;
+#define ZQ_ORVANE_DECLARE(Name, Type, Tag, ArrayTag)                                           \
     bool set##Name##ArrayValue(const kel::WString& name, const Type* elements, uint32_t count, \
                                kel::StatusChain& status, bool replace) override;
     ZQ_ORVANE_PLAIN_KINDS(ZQ_ORVANE_DECLARE)
@@ -105,16 +105,16 @@ public:
     kel::WString toString() const;
     void setVersion(uint32_t version);
 
-private:
+  private:
     template <class Fill>
     bool storeNew(const kel::WString& name, kel::StatusChain& status, bool replace, Fill&& fill);
     bool storeValue(const kel::WString& name, const kel::AutoRef<BucketValue>& value,
                     kel::StatusChain& status, bool replace);
     bool step(uint32_t handle, bool first, bool childrenOnly, kel::WString* name,
               kel::AutoRef<BucketValue>& value, kel::StatusChain* status);
-    uint32_t recordSize() const;  // mutex_ held
+    uint32_t recordSize() const;                  // mutex_ held
     void setNames(const kel::WString& fullName);  // mutex_ held
-    void touch();  // mutex_ held
+    void touch();                                 // mutex_ held
 
     mutable std::mutex mutex_;
     kel::WString fullName_;

@@ -15,8 +15,9 @@ class RecordWriter;
 // The one implementation of IBucketValue. It owns its payload: owned objects
 // (digest, strings) come from new, blobs and element blocks from the C heap.
 // No lock: see IBucketValue.
-class BucketValue : public kel::RefCountedImplementation<IBucketValue, kel::RefCountedThreadSafePolicy> {
-public:
+class BucketValue
+    : public kel::RefCountedImplementation<IBucketValue, kel::RefCountedThreadSafePolicy> {
+  public:
     BucketValue();
     // A deep copy; throws std::bad_alloc.
     BucketValue(const BucketValue& other);
@@ -84,7 +85,7 @@ public:
     // Frees the payload and leaves the value unset; the element count stays.
     void clear() noexcept;
 
-private:
+  private:
     struct Blob {
         unsigned char* bytes;
         uint32_t size;

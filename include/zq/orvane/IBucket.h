@@ -26,7 +26,7 @@ namespace orvane {
 //
 // Safe for concurrent use: every operation takes the bucket's own lock.
 class IBucket : public kel::RefCountedInterface<IBucket> {
-public:
+  public:
     // The modes of update.
     static constexpr int32_t kReplaceAll = 1;
     static constexpr int32_t kMergeOverwriting = 2;
@@ -57,7 +57,7 @@ public:
                                     kel::StatusChain& status, bool replace) = 0;
     virtual bool setStringValue(const kel::WString& name, const kel::WString& value,
                                 kel::StatusChain& status, bool replace) = 0;
-#define ZQ_ORVANE_SLOT(Name, Type, Tag, ArrayTag)                                      \
+#define ZQ_ORVANE_SLOT(Name, Type, Tag, ArrayTag)                                                 \
     virtual bool set##Name##Value(const kel::WString& name, Type value, kel::StatusChain& status, \
                                   bool replace) = 0;
     ZQ_ORVANE_PLAIN_KINDS(ZQ_ORVANE_SLOT)
@@ -67,9 +67,10 @@ public:
                                          bool replace) = 0;
     virtual bool setStringArrayValue(const kel::WString& name, const kel::WString* elements,
                                      uint32_t count, kel::StatusChain& status, bool replace) = 0;
-#define ZQ_ORVANE_SLOT(Name, Type, Tag, ArrayTag)                                            \
-    virtual bool set##Name##ArrayValue(const kel::WString& name, const Type* elements,       \
-                                       uint32_t count, kel::StatusChain& status, bool replace) = 0;
+#define ZQ_ORVANE_SLOT(Name, Type, Tag, ArrayTag)                                      \
+    virtual bool set##Name##ArrayValue(const kel::WString& name, const Type* elements, \
+                                       uint32_t count, kel::StatusChain& status,       \
+                                       bool replace) = 0;
     ZQ_ORVANE_PLAIN_KINDS(ZQ_ORVANE_SLOT)
 #undef ZQ_ORVANE_SLOT
 
@@ -111,7 +112,7 @@ public:
     // Writes the dump to standard output.
     virtual void print() const = 0;
 
-protected:
+  protected:
     ~IBucket() = default;
 };
 

@@ -23,7 +23,7 @@ namespace orvane {
 //
 // A value has no lock of its own; callers serialise access to it.
 class IBucketValue : public kel::RefCountedInterface<IBucketValue> {
-public:
+  public:
     virtual uint32_t getType() const = 0;
     // The stored element count, whatever the type.
     virtual uint32_t getArraySize() const = 0;
@@ -44,8 +44,9 @@ public:
                                     kel::StatusChain& status) = 0;
     virtual bool setStringArray(const kel::WString* elements, uint32_t count,
                                 kel::StatusChain& status) = 0;
-#define ZQ_ORVANE_SLOT(Name, Type, Tag, ArrayTag) \
-    virtual bool set##Name##Array(const Type* elements, uint32_t count, kel::StatusChain& status) = 0;
+#define ZQ_ORVANE_SLOT(Name, Type, Tag, ArrayTag)                       \
+    virtual bool set##Name##Array(const Type* elements, uint32_t count, \
+                                  kel::StatusChain& status) = 0;
     ZQ_ORVANE_PLAIN_KINDS(ZQ_ORVANE_SLOT)
 #undef ZQ_ORVANE_SLOT
 
@@ -93,7 +94,7 @@ public:
     virtual uint32_t getMemUsage() const = 0;
     virtual kel::WString toString() const = 0;
 
-protected:
+  protected:
     ~IBucketValue() = default;
 };
 

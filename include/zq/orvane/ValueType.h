@@ -48,17 +48,17 @@ constexpr uint32_t kValueTypeCount = 29;
 // The plain kinds, each a scalar and an array of it, in interface order:
 // operation name part, C++ type, scalar tag, array tag. The interfaces, the
 // implementation and its tables are all generated from this one list.
-#define ZQ_ORVANE_PLAIN_KINDS(X)                    \
-    X(Bool, bool, kBOOL, kBOOLARRAY)                \
-    X(Int8, int8_t, kINT8, kINT8ARRAY)              \
-    X(UInt8, uint8_t, kUINT8, kUINT8ARRAY)          \
-    X(Int16, int16_t, kINT16, kINT16ARRAY)          \
-    X(UInt16, uint16_t, kUINT16, kUINT16ARRAY)      \
-    X(Int32, int32_t, kINT32, kINT32ARRAY)          \
-    X(UInt32, uint32_t, kUINT32, kUINT32ARRAY)      \
-    X(Int64, int64_t, kINT64, kINT64ARRAY)          \
-    X(UInt64, uint64_t, kUINT64, kUINT64ARRAY)      \
-    X(Float32, float, kFLOAT32, kFLOAT32ARRAY)      \
+#define ZQ_ORVANE_PLAIN_KINDS(X)               \
+    X(Bool, bool, kBOOL, kBOOLARRAY)           \
+    X(Int8, int8_t, kINT8, kINT8ARRAY)         \
+    X(UInt8, uint8_t, kUINT8, kUINT8ARRAY)     \
+    X(Int16, int16_t, kINT16, kINT16ARRAY)     \
+    X(UInt16, uint16_t, kUINT16, kUINT16ARRAY) \
+    X(Int32, int32_t, kINT32, kINT32ARRAY)     \
+    X(UInt32, uint32_t, kUINT32, kUINT32ARRAY) \
+    X(Int64, int64_t, kINT64, kINT64ARRAY)     \
+    X(UInt64, uint64_t, kUINT64, kUINT64ARRAY) \
+    X(Float32, float, kFLOAT32, kFLOAT32ARRAY) \
     X(Float64, double, kFLOAT64, kFLOAT64ARRAY)
 
 #endif  // ZQ_ORVANE_VALUETYPE_H
