@@ -48,6 +48,13 @@ NString digestText(const Digest& digest) {
     return NString(digest.getString(text));
 }
 
+// Every new bucket starts with the digest of the empty name; copying it
+// spares two hash computations per bucket.
+const Digest& emptyNameDigest() {
+    static const Digest digest;
+    return digest;
+}
+
 // A fresh status for an inner step whose outcome the caller filters.
 StatusChain cleared() {
     StatusChain status;
@@ -58,7 +65,9 @@ StatusChain cleared() {
 }  // namespace
 
 Bucket::Bucket()
-    : contents_(new BucketContents()),
+    : digest_(emptyNameDigest()),
+      parent_(emptyNameDigest()),
+      contents_(new BucketContents()),
       persistentFlag_(true),
       version_(0),
       modified_(true),
@@ -86,6 +95,9 @@ Bucket::Bucket(const Bucket& other) : Bucket() {
 Bucket::~Bucket() = default;
 
 void Bucket::setNames(const WString& fullName) {
+    if (fullName == fullName_) {
+        return;  // everything derived from it is already in place
+    }
     WString shortName = BucketName::shortName(fullName);
     const Digest digest(fullName);
     const Digest parent(BucketName::parentName(fullName));
@@ -347,9 +359,9 @@ bool Bucket::step(uint32_t handle, bool first, bool childrenOnly, WString* name,
     switch (step) {
         case BucketContents::Step::kFound:
             if (name != nullptr) {
-                *name = entry->first;
+                *name = entry->second.name;
             }
-            value = entry->second;
+            value = entry->second.value;
             return true;
         case BucketContents::Step::kUnknownHandle:
             status->setCode(status::kUnknownHandle);
@@ -485,8 +497,8 @@ bool Bucket::isEqualTo(const Bucket& other) const {
         return false;
     }
     for (const auto& entry : contents_->values()) {
-        const BucketValue* match = other.contents_->find(entry.first);
-        if (match == nullptr || !entry.second->equals(*match)) {
+        const BucketValue* match = other.contents_->find(entry.second.name);
+        if (match == nullptr || !entry.second.value->equals(*match)) {
             return false;
         }
     }
@@ -498,7 +510,7 @@ bool Bucket::isEqualTo(const Bucket& other) const {
 uint32_t Bucket::recordSize() const {
     uint32_t size = kRecordFixedSize + fullName_.serializationSize() - 4;
     for (const auto& entry : contents_->values()) {
-        size += entry.first.serializationSize() + entry.second->serializationSize();
+        size += entry.second.name.serializationSize() + entry.second.value->serializationSize();
     }
     return size;
 }
@@ -517,8 +529,8 @@ void Bucket::serialize(unsigned char*& cursor, const unsigned char* end) const {
     fullName_.serialize(writer.cursor(), writer.end());
     writer.u32(contents_->size());
     for (const auto& entry : contents_->values()) {
-        entry.first.serialize(writer.cursor(), writer.end());
-        entry.second->serialize(writer.cursor(), writer.end());
+        entry.second.name.serialize(writer.cursor(), writer.end());
+        entry.second.value->writeRecord(writer);  // space checked above
     }
 }
 
@@ -534,15 +546,15 @@ void Bucket::deserialize(const unsigned char*& cursor, const unsigned char* end)
         const uint32_t count = reader.u32();
         reader.requireItems(count, kMinEntrySize);
         BucketContents read;
+        WString name;  // decoded into again and again: its storage is reused
         for (uint32_t i = 0; i < count; ++i) {
-            WString name;
             name.deserialize(reader.cursor(), reader.end());
             AutoRef<BucketValue> value(new BucketValue());
             value->deserialize(reader.cursor(), reader.end());
             // As setValue with replace: an unset value or an empty name is
             // not stored, a later entry of the same name wins.
             if (!name.empty() && isKnownType(value->getType())) {
-                read.store(name, value, true);
+                read.store(name, std::move(value), true);
             }
         }
         Lock lock(mutex_);
@@ -568,7 +580,7 @@ uint32_t Bucket::getMemUsage() const {
     uint32_t total = kBucketMemory + characterMemory(fullName_) + characterMemory(shortName_) +
                      characterMemory(fileName_) + kEntryMemory * contents_->size();
     for (const auto& entry : contents_->values()) {
-        total += characterMemory(entry.first) + entry.second->getMemUsage();
+        total += characterMemory(entry.second.name) + entry.second.value->getMemUsage();
     }
     return total;
 }
@@ -588,8 +600,8 @@ void Bucket::print() const {
         std::printf("numKeys         %d\r\n", static_cast<int>(contents_->size()));
         int index = 0;
         for (const auto& entry : contents_->values()) {
-            std::printf("[%d] %s = %s\r\n", index++, NString(entry.first).c_str(),
-                        NString(entry.second->toString()).c_str());
+            std::printf("[%d] %s = %s\r\n", index++, NString(entry.second.name).c_str(),
+                        NString(entry.second.value->toString()).c_str());
         }
     } catch (...) {
         // A dump that cannot be built is not written; nothing else depends on it.
@@ -620,9 +632,9 @@ WString Bucket::toString() const {
         text += L"[";
         text += WString::fromInt(index++);
         text += L"] ";
-        text += entry.first;
+        text += entry.second.name;
         text += L" = ";
-        text += entry.second->toString();
+        text += entry.second.value->toString();
         text += L"\r\n";
     }
     return text;

@@ -1,45 +1,81 @@
 #include "source/BucketContents.h"
 
+#include <cwctype>
+#include <iterator>
 #include <utility>
+
+#include "kel/Memory.h"
 
 namespace zq {
 namespace orvane {
 
 using kel::WString;
 
+FoldedName::FoldedName(const WString& name) : text_(inline_), length_(name.length()) {
+    if (length_ > kInline) {
+        text_ = static_cast<wchar_t*>(kel::allocateArray(length_, sizeof(wchar_t)));
+    }
+    const wchar_t* in = name.c_str();
+    for (size_t i = 0; i < length_; ++i) {
+        text_[i] = static_cast<wchar_t>(std::towupper(static_cast<wint_t>(in[i])));
+    }
+}
+
+FoldedName::~FoldedName() {
+    if (text_ != inline_) {
+        kel::deallocate(text_);
+    }
+}
+
+// Folded characters compare as wide characters; a prefix sorts first.
+int FoldedOrder::compare(const wchar_t* a, size_t aLength, const wchar_t* b, size_t bLength) {
+    const size_t common = aLength < bLength ? aLength : bLength;
+    for (size_t i = 0; i < common; ++i) {
+        if (a[i] != b[i]) {
+            return a[i] < b[i] ? -1 : 1;
+        }
+    }
+    return aLength < bLength ? -1 : (aLength == bLength ? 0 : 1);
+}
+
 BucketContents::BucketContents() : nextHandle_(1) {}
 
 BucketContents::BucketContents(const BucketContents& other)
     : values_(other.values_), nextHandle_(1) {}
 
-BucketContents::Outcome BucketContents::store(const WString& name,
-                                              const kel::AutoRef<BucketValue>& value,
+// `name` is taken by value: the copy is made before anything here changes, so
+// running out of memory loses nothing.
+BucketContents::Outcome BucketContents::store(WString name, kel::AutoRef<BucketValue> value,
                                               bool replace) {
-    const auto found = values_.find(name);
-    if (found == values_.end()) {
-        values_.emplace(name, value);
+    const FoldedName folded(name);
+    // Records list their values in this order, so the end is the usual place.
+    if (values_.empty() || FoldedOrder()(std::prev(values_.end())->first, folded)) {
+        values_.emplace_hint(values_.end(), folded.toString(),
+                             Slot{std::move(name), std::move(value)});
         invalidateCursors();
         return Outcome::kInserted;
     }
-    if (found->second->equals(*value)) {
+    const auto found = values_.find(folded);
+    if (found == values_.end()) {
+        values_.emplace(folded.toString(), Slot{std::move(name), std::move(value)});
+        invalidateCursors();
+        return Outcome::kInserted;
+    }
+    Slot& slot = found->second;
+    if (slot.value->equals(*value)) {
         return Outcome::kUnchanged;
     }
     if (!replace) {
         return Outcome::kConflict;
     }
-    // The new spelling replaces the old one. The key is copied before the
-    // entry is touched, so running out of memory loses nothing.
-    WString key(name);
-    auto node = values_.extract(found);
-    node.key() = std::move(key);
-    node.mapped() = value;
-    values_.insert(std::move(node));
+    slot.name = std::move(name);  // the new spelling replaces the old one
+    slot.value = std::move(value);
     invalidateCursors();
     return Outcome::kReplaced;
 }
 
 bool BucketContents::remove(const WString& name) {
-    const auto found = values_.find(name);
+    const auto found = values_.find(FoldedName(name));
     if (found == values_.end()) {
         return false;
     }
@@ -60,7 +96,7 @@ bool BucketContents::removeAll() {
 bool BucketContents::removeAllButChildren() {
     bool removed = false;
     for (auto at = values_.begin(); at != values_.end();) {
-        if (at->second->getType() == kDIGEST) {
+        if (at->second.value->getType() == kDIGEST) {
             ++at;
         } else {
             at = values_.erase(at);
@@ -80,8 +116,8 @@ void BucketContents::swapValues(BucketContents& other) {
 }
 
 BucketValue* BucketContents::find(const WString& name) const {
-    const auto found = values_.find(name);
-    return found == values_.end() ? nullptr : found->second.get();
+    const auto found = values_.find(FoldedName(name));
+    return found == values_.end() ? nullptr : found->second.value.get();
 }
 
 // Handles are never 0 and never one that is open: the counter may wrap.
@@ -99,7 +135,7 @@ bool BucketContents::closeCursor(uint32_t handle) {
 }
 
 BucketContents::Entry BucketContents::skipToChild(Entry at) const {
-    while (at != values_.end() && at->second->getType() != kDIGEST) {
+    while (at != values_.end() && at->second.value->getType() != kDIGEST) {
         ++at;
     }
     return at;

@@ -1,6 +1,7 @@
 #ifndef ZQ_ORVANE_BUCKETCONTENTS_H
 #define ZQ_ORVANE_BUCKETCONTENTS_H
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 
@@ -12,10 +13,41 @@
 namespace zq {
 namespace orvane {
 
-// Value names in towupper order: Speed and SPEED are one name.
-struct ValueNameOrder {
+// A value name with every character passed through towupper: Speed and SPEED
+// fold to the same text, and folded texts in code-unit order are the
+// case-insensitive order of the names. Folding once per name keeps towupper
+// out of every comparison of a lookup.
+class FoldedName {
+  public:
+    explicit FoldedName(const kel::WString& name);
+    FoldedName(const FoldedName&) = delete;
+    FoldedName& operator=(const FoldedName&) = delete;
+    ~FoldedName();
+
+    const wchar_t* text() const { return text_; }
+    size_t length() const { return length_; }
+    kel::WString toString() const { return kel::WString(text_, length_); }
+
+  private:
+    static constexpr size_t kInline = 48;
+    wchar_t inline_[kInline];
+    wchar_t* text_;
+    size_t length_;
+};
+
+// Orders folded keys; also compares a stored key with a FoldedName, so a
+// lookup builds no string.
+struct FoldedOrder {
+    using is_transparent = void;
+    static int compare(const wchar_t* a, size_t aLength, const wchar_t* b, size_t bLength);
     bool operator()(const kel::WString& a, const kel::WString& b) const {
-        return kel::compareNoCase(a.c_str(), b.c_str()) < 0;
+        return compare(a.c_str(), a.length(), b.c_str(), b.length()) < 0;
+    }
+    bool operator()(const kel::WString& a, const FoldedName& b) const {
+        return compare(a.c_str(), a.length(), b.text(), b.length()) < 0;
+    }
+    bool operator()(const FoldedName& a, const kel::WString& b) const {
+        return compare(a.text(), a.length(), b.c_str(), b.length()) < 0;
     }
 };
 
@@ -28,7 +60,11 @@ struct ValueNameOrder {
 // Not thread-safe: the owning bucket's mutex guards it.
 class BucketContents {
   public:
-    using ValueMap = std::map<kel::WString, kel::AutoRef<BucketValue>, ValueNameOrder>;
+    struct Slot {
+        kel::WString name;  // the spelling first stored
+        kel::AutoRef<BucketValue> value;
+    };
+    using ValueMap = std::map<kel::WString, Slot, FoldedOrder>;  // keyed by folded name
     using Entry = ValueMap::const_iterator;
 
     enum class Outcome { kInserted, kUnchanged, kConflict, kReplaced };
@@ -39,7 +75,7 @@ class BucketContents {
     BucketContents(const BucketContents& other);
     BucketContents& operator=(const BucketContents&) = delete;
 
-    Outcome store(const kel::WString& name, const kel::AutoRef<BucketValue>& value, bool replace);
+    Outcome store(kel::WString name, kel::AutoRef<BucketValue> value, bool replace);
     bool remove(const kel::WString& name);
     // True when there was anything to remove.
     bool removeAll();

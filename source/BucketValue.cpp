@@ -4,7 +4,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <new>
 #include <type_traits>
 #include <utility>
@@ -111,7 +110,8 @@ void writeForm(RecordWriter& writer, const WString& text) {
     text.serialize(writer.cursor(), writer.end());
 }
 
-void readForm(RecordReader& reader, NString& text) {
+// The second argument only picks the form.
+NString readForm(RecordReader& reader, const NString*) {
     const uint32_t counted = reader.u32();
     if (counted == 0) {
         ZQ_THROW(DeserializationError);
@@ -120,10 +120,12 @@ void readForm(RecordReader& reader, NString& text) {
     if (bytes[counted - 1] != 0) {
         ZQ_THROW(DeserializationError);
     }
-    text = NString(reinterpret_cast<const char*>(bytes), counted - 1);
+    return NString(reinterpret_cast<const char*>(bytes), counted - 1);
 }
-void readForm(RecordReader& reader, WString& text) {
+WString readForm(RecordReader& reader, const WString*) {
+    WString text;
     text.deserialize(reader.cursor(), reader.end());
+    return text;
 }
 
 uint32_t memoryOf(const NString& text) {
@@ -631,12 +633,12 @@ uint32_t BucketValue::serializationSize() const {
 void BucketValue::serialize(unsigned char*& cursor, const unsigned char* end) const {
     RecordWriter writer(cursor, end);
     writer.require(serializationSize());
-    writer.u32(kValueFormatVersion);
-    writer.u32(tag_);
-    writePayload(writer);
+    writeRecord(writer);
 }
 
-void BucketValue::writePayload(RecordWriter& writer) const {
+void BucketValue::writeRecord(RecordWriter& writer) const {
+    writer.u32(kValueFormatVersion);
+    writer.u32(tag_);
     switch (traitsOf(tag_).shape) {
         case ValueShape::kUnset:
             break;
@@ -714,18 +716,12 @@ void BucketValue::readPayload(uint32_t tag, RecordReader& reader) {
             storage_.object = new Digest(bytes, bytes + Digest::kSize);
             break;
         }
-        case ValueShape::kAnsiString: {
-            auto text = std::make_unique<NString>();
-            readForm(reader, *text);
-            storage_.object = text.release();
+        case ValueShape::kAnsiString:
+            storage_.object = new NString(readForm(reader, static_cast<const NString*>(nullptr)));
             break;
-        }
-        case ValueShape::kString: {
-            auto text = std::make_unique<WString>();
-            readForm(reader, *text);
-            storage_.object = text.release();
+        case ValueShape::kString:
+            storage_.object = new WString(readForm(reader, static_cast<const WString*>(nullptr)));
             break;
-        }
         case ValueShape::kBlob: {
             const uint32_t size = reader.u32();
             storage_.blob.bytes = copyBlock<unsigned char>(reader.take(size), size);
@@ -771,7 +767,7 @@ void BucketValue::readStrings(RecordReader& reader) {
     reader.requireItems(count, minFormSize(static_cast<const T*>(nullptr)));
     ElementBlock<T> block(count);
     for (uint32_t i = 0; i < count; ++i) {
-        readForm(reader, block.emplace());
+        block.emplace(readForm(reader, static_cast<const T*>(nullptr)));
     }
     elements_ = block.release();
     count_ = count;

@@ -80,6 +80,10 @@ class BucketValue
     uint32_t getMemUsage() const override;
     kel::WString toString() const override;
 
+    // serialize without its own check of the space: for a caller that has
+    // checked it for a whole record of which this value is part.
+    void writeRecord(RecordWriter& writer) const;
+
     // The deep comparison behind isEqual.
     bool equals(const BucketValue& other) const;
     // Frees the payload and leaves the value unset; the element count stays.
@@ -132,7 +136,6 @@ class BucketValue
 
     bool equalPayload(const BucketValue& other) const;
     void copyPayload(const BucketValue& other);
-    void writePayload(RecordWriter& writer) const;
     void readPayload(uint32_t tag, RecordReader& reader);
     kel::WString scalarText() const;
 
