@@ -65,6 +65,7 @@ class ElementBlock {
         ++built_;
         return *element;
     }
+    T* data() { return block_; }
     T* release() {
         T* block = block_;
         block_ = nullptr;
@@ -593,7 +594,7 @@ bool BucketValue::equalPayload(const BucketValue& other) const {
             if (tag_ == kINT64ARRAY) {
                 // Kept as existing stores expect: count 32-bit words are
                 // compared, the first half of the data only.
-                return sameElements<uint32_t>(elements_, other.elements_, count_);
+                return std::memcmp(elements_, other.elements_, count_ * sizeof(uint32_t)) == 0;
             }
             return visitPlain(tag_, [&](auto type) {
                 using T = typename Stored<typename decltype(type)::type>::type;
@@ -748,9 +749,8 @@ void BucketValue::readPayload(uint32_t tag, RecordReader& reader) {
                 using T = typename Stored<typename decltype(type)::type>::type;
                 reader.requireItems(count, sizeof(T));
                 ElementBlock<T> block(count);
-                T* elements = block.release();
-                reader.numbers(elements, count);
-                elements_ = elements;
+                reader.numbers(block.data(), count);
+                elements_ = block.release();
             });
             count_ = count;
             break;
