@@ -1,5 +1,6 @@
 #include "source/BucketContents.h"
 
+#include <cstring>
 #include <cwctype>
 #include <iterator>
 #include <utility>
@@ -21,21 +22,39 @@ FoldedName::FoldedName(const WString& name) : text_(inline_), length_(name.lengt
     }
 }
 
+FoldedName::FoldedName(const FoldedName& other) : text_(inline_), length_(other.length_) {
+    if (length_ > kInline) {
+        text_ = static_cast<wchar_t*>(kel::allocateArray(length_, sizeof(wchar_t)));
+    }
+    std::memcpy(text_, other.text_, length_ * sizeof(wchar_t));
+}
+
+FoldedName::FoldedName(FoldedName&& other) noexcept
+    : text_(other.text_ == other.inline_ ? inline_ : other.text_), length_(other.length_) {
+    if (text_ == inline_) {
+        std::memcpy(inline_, other.inline_, length_ * sizeof(wchar_t));
+    } else {
+        other.text_ = other.inline_;
+        other.length_ = 0;
+    }
+}
+
 FoldedName::~FoldedName() {
     if (text_ != inline_) {
         kel::deallocate(text_);
     }
 }
 
-// Folded characters compare as wide characters; a prefix sorts first.
-int FoldedOrder::compare(const wchar_t* a, size_t aLength, const wchar_t* b, size_t bLength) {
-    const size_t common = aLength < bLength ? aLength : bLength;
+bool FoldedOrder::operator()(const FoldedName& a, const FoldedName& b) const {
+    const size_t common = a.length() < b.length() ? a.length() : b.length();
+    const wchar_t* x = a.text();
+    const wchar_t* y = b.text();
     for (size_t i = 0; i < common; ++i) {
-        if (a[i] != b[i]) {
-            return a[i] < b[i] ? -1 : 1;
+        if (x[i] != y[i]) {
+            return x[i] < y[i];
         }
     }
-    return aLength < bLength ? -1 : (aLength == bLength ? 0 : 1);
+    return a.length() < b.length();
 }
 
 BucketContents::BucketContents() : nextHandle_(1) {}
@@ -47,17 +66,17 @@ BucketContents::BucketContents(const BucketContents& other)
 // running out of memory loses nothing.
 BucketContents::Outcome BucketContents::store(WString name, kel::AutoRef<BucketValue> value,
                                               bool replace) {
-    const FoldedName folded(name);
+    FoldedName folded(name);
     // Records list their values in this order, so the end is the usual place.
     if (values_.empty() || FoldedOrder()(std::prev(values_.end())->first, folded)) {
-        values_.emplace_hint(values_.end(), folded.toString(),
+        values_.emplace_hint(values_.end(), std::move(folded),
                              Slot{std::move(name), std::move(value)});
         invalidateCursors();
         return Outcome::kInserted;
     }
     const auto found = values_.find(folded);
     if (found == values_.end()) {
-        values_.emplace(folded.toString(), Slot{std::move(name), std::move(value)});
+        values_.emplace(std::move(folded), Slot{std::move(name), std::move(value)});
         invalidateCursors();
         return Outcome::kInserted;
     }

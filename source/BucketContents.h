@@ -15,40 +15,31 @@ namespace orvane {
 
 // A value name with every character passed through towupper: Speed and SPEED
 // fold to the same text, and folded texts in code-unit order are the
-// case-insensitive order of the names. Folding once per name keeps towupper
-// out of every comparison of a lookup.
+// case-insensitive order of the names. Each name is folded once, so no
+// comparison calls towupper; the map keys are these, and typical names fit
+// the inline buffer, so a key costs no allocation of its own.
 class FoldedName {
   public:
     explicit FoldedName(const kel::WString& name);
-    FoldedName(const FoldedName&) = delete;
+    FoldedName(FoldedName&& other) noexcept;
+    FoldedName(const FoldedName& other);
     FoldedName& operator=(const FoldedName&) = delete;
+    FoldedName& operator=(FoldedName&&) = delete;
     ~FoldedName();
 
     const wchar_t* text() const { return text_; }
     size_t length() const { return length_; }
-    kel::WString toString() const { return kel::WString(text_, length_); }
 
   private:
-    static constexpr size_t kInline = 48;
+    static constexpr size_t kInline = 24;
     wchar_t inline_[kInline];
-    wchar_t* text_;
+    wchar_t* text_;  // inline_ or a block of its own
     size_t length_;
 };
 
-// Orders folded keys; also compares a stored key with a FoldedName, so a
-// lookup builds no string.
+// Folded characters compare as wide characters; a prefix sorts first.
 struct FoldedOrder {
-    using is_transparent = void;
-    static int compare(const wchar_t* a, size_t aLength, const wchar_t* b, size_t bLength);
-    bool operator()(const kel::WString& a, const kel::WString& b) const {
-        return compare(a.c_str(), a.length(), b.c_str(), b.length()) < 0;
-    }
-    bool operator()(const kel::WString& a, const FoldedName& b) const {
-        return compare(a.c_str(), a.length(), b.text(), b.length()) < 0;
-    }
-    bool operator()(const FoldedName& a, const kel::WString& b) const {
-        return compare(a.text(), a.length(), b.c_str(), b.length()) < 0;
-    }
+    bool operator()(const FoldedName& a, const FoldedName& b) const;
 };
 
 // A bucket's values and its enumeration cursors. Every change invalidates
@@ -64,7 +55,7 @@ class BucketContents {
         kel::WString name;  // the spelling first stored
         kel::AutoRef<BucketValue> value;
     };
-    using ValueMap = std::map<kel::WString, Slot, FoldedOrder>;  // keyed by folded name
+    using ValueMap = std::map<FoldedName, Slot, FoldedOrder>;
     using Entry = ValueMap::const_iterator;
 
     enum class Outcome { kInserted, kUnchanged, kConflict, kReplaced };
