@@ -390,12 +390,15 @@ void StringBase<C, O, W>::deserialize(const unsigned char*& cursor, const unsign
     const unsigned char* text = cursor + kLengthField;
     if constexpr (std::is_same<C, wchar_t>::value) {
         const size_t characters = utf8::countCharacters(text, text + bytes);
-        StringBase decoded;
-        decoded.reserve(characters);
-        utf8::decodeText(text, text + bytes, decoded.start_);
-        decoded.end_ = decoded.start_ + characters;
-        *decoded.end_ = 0;
-        *this = std::move(decoded);
+        // Decoded straight into this string's storage (one allocation at
+        // most): records hold many short names.
+        if (start_ == emptyStorage() || characters > capacity()) {
+            release();
+            allocate(characters);
+        }
+        utf8::decodeText(text, text + bytes, start_);
+        end_ = start_ + characters;
+        *end_ = 0;
     } else {
         *this = StringBase(reinterpret_cast<const char*>(text), bytes);
     }

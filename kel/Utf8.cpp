@@ -120,8 +120,14 @@ size_t measure(const wchar_t* text, size_t count) {
     return bytes;
 }
 
+// The loops below take ASCII, by far the most common text, without the
+// general sequence rules.
 void encodeText(const wchar_t* text, size_t count, unsigned char* out) {
     for (size_t i = 0; i < count; ++i) {
+        if (static_cast<uint32_t>(text[i]) < 0x80) {
+            *out++ = static_cast<unsigned char>(text[i]);
+            continue;
+        }
         const size_t written = encode(static_cast<uint32_t>(text[i]), out, kMaxSequence);
         if (written == 0) {
             *out++ = kReplacement;
@@ -134,7 +140,7 @@ void encodeText(const wchar_t* text, size_t count, unsigned char* out) {
 size_t countCharacters(const unsigned char* in, const unsigned char* end) {
     size_t count = 0;
     while (in < end) {
-        in += decode(in, end, nullptr);
+        in += *in < 0x80 ? 1 : decode(in, end, nullptr);
         ++count;
     }
     return count;
@@ -142,6 +148,10 @@ size_t countCharacters(const unsigned char* in, const unsigned char* end) {
 
 void decodeText(const unsigned char* in, const unsigned char* end, wchar_t* out) {
     while (in < end) {
+        if (*in < 0x80) {
+            *out++ = static_cast<wchar_t>(*in++);
+            continue;
+        }
         uint32_t value = 0;
         in += decode(in, end, &value);
         *out++ = static_cast<wchar_t>(value);

@@ -11,8 +11,13 @@
 #include "zq/kel/RefCounted.h"
 #include "zq/kel/StatusChain.h"
 #include "zq/kel/StringBase.h"
+#include "zq/orvane/Bucket.h"
+#include "zq/orvane/BucketValue.h"
 #include "zq/orvane/Digest.h"
+#include "zq/orvane/IBucket.h"
+#include "zq/orvane/IBucketValue.h"
 #include "zq/orvane/StatusCodes.h"
+#include "zq/orvane/ValueType.h"
 #include "zq/orvane/Version.h"
 
 #endif  // ZQ_ORVANE_ORVANE_H

@@ -1,0 +1,644 @@
+#include "zq/orvane/Bucket.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <new>
+#include <utility>
+
+#include "kel/Throw.h"
+#include "source/BucketContents.h"
+#include "source/BucketName.h"
+#include "source/Guard.h"
+#include "source/RecordReader.h"
+#include "source/RecordWriter.h"
+#include "source/ValueTraits.h"
+
+namespace zq {
+namespace orvane {
+
+using kel::AutoRef;
+using kel::NString;
+using kel::StatusChain;
+using kel::WString;
+
+namespace {
+
+constexpr uint32_t kRecordFormatVersion = 1;
+// Format version, version, name length and entry count.
+constexpr uint32_t kRecordFixedSize = 16;
+// The smallest entry: an empty name and an unset value.
+constexpr size_t kMinEntrySize = 4 + 8;
+constexpr uint32_t kBucketMemory = 228;
+constexpr uint32_t kEntryMemory = 12;
+
+constexpr ErrorCodes kBucketCodes = {status::kUnexpected, status::kUnexpected, status::kUnexpected};
+
+using Lock = std::lock_guard<std::mutex>;
+
+uint32_t characterMemory(const WString& text) {
+    return static_cast<uint32_t>(text.capacity()) * 4;
+}
+
+const char* yesNo(bool flag) {
+    return flag ? "true" : "false";
+}
+
+NString digestText(const Digest& digest) {
+    WString text;
+    return NString(digest.getString(text));
+}
+
+// Every new bucket starts with the digest of the empty name; copying it
+// spares two hash computations per bucket.
+const Digest& emptyNameDigest() {
+    static const Digest digest;
+    return digest;
+}
+
+// A fresh status for an inner step whose outcome the caller filters.
+StatusChain cleared() {
+    StatusChain status;
+    status.clear();
+    return status;
+}
+
+}  // namespace
+
+Bucket::Bucket()
+    : digest_(emptyNameDigest()),
+      parent_(emptyNameDigest()),
+      contents_(new BucketContents()),
+      persistentFlag_(true),
+      version_(0),
+      modified_(true),
+      modifiedTime_(kel::AbsoluteTime::now()) {}
+
+Bucket::Bucket(const WString& fullName, bool persistent) : Bucket() {
+    persistentFlag_ = persistent;
+    setNames(fullName);
+}
+
+Bucket::Bucket(const Bucket& other) : Bucket() {
+    Lock lock(other.mutex_);
+    fullName_ = other.fullName_;
+    shortName_ = other.shortName_;
+    digest_ = other.digest_;
+    parent_ = other.parent_;
+    fileName_ = other.fileName_;
+    contents_.reset(new BucketContents(*other.contents_));
+    persistentFlag_ = other.persistentFlag_;
+    version_ = other.version_;
+    modified_ = other.modified_;
+    modifiedTime_ = other.modifiedTime_;
+}
+
+Bucket::~Bucket() = default;
+
+void Bucket::setNames(const WString& fullName) {
+    if (fullName == fullName_) {
+        return;  // everything derived from it is already in place
+    }
+    WString shortName = BucketName::shortName(fullName);
+    const Digest digest(fullName);
+    const Digest parent(BucketName::parentName(fullName));
+    fullName_ = fullName;
+    shortName_ = std::move(shortName);
+    digest_ = digest;
+    parent_ = parent;
+    fileName_ = WString();  // belongs to the old name
+}
+
+void Bucket::touch() {
+    modified_ = true;
+    modifiedTime_ = kel::AbsoluteTime::now();
+}
+
+// ---- storing
+
+bool Bucket::storeValue(const WString& name, const AutoRef<BucketValue>& value, StatusChain& status,
+                        bool replace) {
+    if (name.empty()) {
+        status.setCode(status::kEmptyName);
+        return false;
+    }
+    if (!value) {
+        status.setCode(status::kNullValue);
+        return false;
+    }
+    if (!isKnownType(value->getType())) {
+        status.setCode(status::kWrongType);
+        return false;
+    }
+    Lock lock(mutex_);
+    switch (contents_->store(name, value, replace)) {
+        case BucketContents::Outcome::kInserted:
+            touch();
+            return true;
+        case BucketContents::Outcome::kUnchanged:
+            return false;
+        case BucketContents::Outcome::kConflict:
+            status.setCode(status::kValueDiffers);
+            return false;
+        case BucketContents::Outcome::kReplaced:
+            touch();
+            status.setCode(status::kValueReplaced);
+            return true;
+    }
+    return false;
+}
+
+// Makes a value with `fill` (one of the value's setters, which reports its own
+// failure) and stores it.
+template <class Fill>
+bool Bucket::storeNew(const WString& name, StatusChain& status, bool replace, Fill&& fill) {
+    return guarded(status, kBucketCodes, [&] {
+        AutoRef<BucketValue> value(new BucketValue());
+        if (!fill(*value)) {
+            return false;
+        }
+        return storeValue(name, value, status, replace);
+    });
+}
+
+bool Bucket::setValue(const WString& name, const AutoRef<IBucketValue>& value, StatusChain& status,
+                      bool replace) {
+    return guarded(status, kBucketCodes, [&] {
+        if (name.empty()) {
+            status.setCode(status::kEmptyName);
+            return false;
+        }
+        if (!value) {
+            status.setCode(status::kNullValue);
+            return false;
+        }
+        // BucketValue is the only implementation of the interface.
+        AutoRef<BucketValue> copy(new BucketValue(*static_cast<const BucketValue*>(value.get())));
+        return storeValue(name, copy, status, replace);
+    });
+}
+
+bool Bucket::setBlobValue(const WString& name, const unsigned char* bytes, uint32_t size,
+                          StatusChain& status, bool replace) {
+    return storeNew(name, status, replace,
+                    [&](BucketValue& value) { return value.setBlob(bytes, size, status); });
+}
+bool Bucket::setDigestValue(const WString& name, const Digest& content, StatusChain& status,
+                            bool replace) {
+    return storeNew(name, status, replace,
+                    [&](BucketValue& value) { return value.setDigest(content, status); });
+}
+bool Bucket::setAnsiStringValue(const WString& name, const NString& content, StatusChain& status,
+                                bool replace) {
+    return storeNew(name, status, replace,
+                    [&](BucketValue& value) { return value.setAnsiString(content, status); });
+}
+bool Bucket::setStringValue(const WString& name, const WString& content, StatusChain& status,
+                            bool replace) {
+    return storeNew(name, status, replace,
+                    [&](BucketValue& value) { return value.setString(content, status); });
+}
+bool Bucket::setAnsiStringArrayValue(const WString& name, const NString* elements, uint32_t count,
+                                     StatusChain& status, bool replace) {
+    return storeNew(name, status, replace, [&](BucketValue& value) {
+        return value.setAnsiStringArray(elements, count, status);
+    });
+}
+bool Bucket::setStringArrayValue(const WString& name, const WString* elements, uint32_t count,
+                                 StatusChain& status, bool replace) {
+    return storeNew(name, status, replace, [&](BucketValue& value) {
+        return value.setStringArray(elements, count, status);
+    });
+}
+
+#define ZQ_ORVANE_DEFINE(Name, Type, Tag, ArrayTag)                                               \
+    bool Bucket::set##Name##Value(const WString& name, Type content, StatusChain& status,         \
+                                  bool replace) {                                                 \
+        return storeNew(name, status, replace,                                                    \
+                        [&](BucketValue& value) { return value.set##Name(content, status); });    \
+    }                                                                                             \
+    bool Bucket::set##Name##ArrayValue(const WString& name, const Type* elements, uint32_t count, \
+                                       StatusChain& status, bool replace) {                       \
+        return storeNew(name, status, replace, [&](BucketValue& value) {                          \
+            return value.set##Name##Array(elements, count, status);                               \
+        });                                                                                       \
+    }
+ZQ_ORVANE_PLAIN_KINDS(ZQ_ORVANE_DEFINE)
+#undef ZQ_ORVANE_DEFINE
+
+bool Bucket::addChild(const WString& childName, StatusChain& status, bool replace) {
+    return guarded(status, kBucketCodes, [&] {
+        if (childName.empty()) {
+            status.setCode(status::kEmptyName);
+            return false;
+        }
+        const WString child = BucketName::childName(getFullName(), childName);
+        return setDigestValue(child, Digest(child), status, replace);
+    });
+}
+
+// ---- removing and reading
+
+bool Bucket::removeValue(const WString& name) {
+    Lock lock(mutex_);
+    if (!contents_->remove(name)) {
+        return false;
+    }
+    touch();
+    return true;
+}
+
+bool Bucket::hasValue(const WString& name) const {
+    Lock lock(mutex_);
+    return contents_->find(name) != nullptr;
+}
+
+void Bucket::removeAllValues() {
+    Lock lock(mutex_);
+    if (contents_->removeAll()) {
+        touch();
+    }
+}
+
+void Bucket::removeDataValues() {
+    Lock lock(mutex_);
+    if (contents_->removeAllButChildren()) {
+        touch();
+    }
+}
+
+AutoRef<IBucketValue> Bucket::getValue(const WString& name, StatusChain& status) const {
+    return guarded(status, kBucketCodes, [&] {
+        AutoRef<BucketValue> found;
+        {
+            Lock lock(mutex_);
+            found.reset(contents_->find(name));
+        }
+        // Stored values never change, so the copy is made outside the lock.
+        return found ? AutoRef<IBucketValue>(new BucketValue(*found)) : AutoRef<IBucketValue>();
+    });
+}
+
+WString Bucket::getFullName() const {
+    Lock lock(mutex_);
+    return fullName_;
+}
+WString Bucket::getShortName() const {
+    Lock lock(mutex_);
+    return shortName_;
+}
+Digest Bucket::getDigest() const {
+    Lock lock(mutex_);
+    return digest_;
+}
+Digest Bucket::getParentDigest() const {
+    Lock lock(mutex_);
+    return parent_;
+}
+WString Bucket::getFileName() {
+    Lock lock(mutex_);
+    if (fileName_.empty()) {
+        Digest digest;
+        DigestString digits;
+        Digest::calculateDigest(fullName_, digest, digits);
+        WString name(digits.c_str());
+        name += L".bucket";
+        fileName_ = std::move(name);
+    }
+    return fileName_;
+}
+bool Bucket::isPersistent() const {
+    Lock lock(mutex_);
+    return persistentFlag_;
+}
+uint32_t Bucket::getNumKeys() const {
+    Lock lock(mutex_);
+    return contents_->size();
+}
+uint32_t Bucket::getVersion() const {
+    Lock lock(mutex_);
+    return version_;
+}
+void Bucket::setVersion(uint32_t version) {
+    Lock lock(mutex_);
+    version_ = version;
+}
+bool Bucket::isModified() const {
+    Lock lock(mutex_);
+    return modified_;
+}
+kel::AbsoluteTime Bucket::getModifiedTime() const {
+    Lock lock(mutex_);
+    return modifiedTime_;
+}
+
+// ---- enumeration
+
+uint32_t Bucket::openEnumeration() {
+    Lock lock(mutex_);
+    try {
+        return contents_->openCursor();
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        return 0;  // never a valid handle
+    }
+}
+
+bool Bucket::closeEnumeration(uint32_t handle) {
+    Lock lock(mutex_);
+    return contents_->closeCursor(handle);
+}
+
+// One step of a cursor; the found entry's name and value are taken under the
+// lock, the copy handed out is made after it.
+bool Bucket::step(uint32_t handle, bool first, bool childrenOnly, WString* name,
+                  AutoRef<BucketValue>& value, StatusChain* status) {
+    Lock lock(mutex_);
+    BucketContents::Entry entry;
+    const BucketContents::Step step = first ? contents_->first(handle, childrenOnly, entry)
+                                            : contents_->next(handle, childrenOnly, entry);
+    switch (step) {
+        case BucketContents::Step::kFound:
+            if (name != nullptr) {
+                *name = entry->second.name;
+            }
+            value = entry->second.value;
+            return true;
+        case BucketContents::Step::kUnknownHandle:
+            status->setCode(status::kUnknownHandle);
+            return false;
+        case BucketContents::Step::kInvalidated:
+            status->setCode(status::kCursorInvalidated);
+            return false;
+        case BucketContents::Step::kEnd:
+            break;
+    }
+    return false;
+}
+
+bool Bucket::getFirstValue(uint32_t handle, WString& name, AutoRef<IBucketValue>& value) {
+    try {
+        StatusChain unused = cleared();
+        AutoRef<BucketValue> found;
+        if (!step(handle, true, false, &name, found, &unused)) {
+            return false;
+        }
+        value = AutoRef<IBucketValue>(new BucketValue(*found));
+        return true;
+    } catch (...) {
+        return false;  // no status to report through: the caller sees the end
+    }
+}
+
+bool Bucket::getNextValue(uint32_t handle, WString& name, AutoRef<IBucketValue>& value,
+                          StatusChain& status) {
+    return guarded(status, kBucketCodes, [&] {
+        AutoRef<BucketValue> found;
+        if (!step(handle, false, false, &name, found, &status)) {
+            return false;
+        }
+        value = AutoRef<IBucketValue>(new BucketValue(*found));
+        return true;
+    });
+}
+
+bool Bucket::getFirstChild(uint32_t handle, Digest& child) {
+    try {
+        StatusChain inner = cleared();
+        AutoRef<BucketValue> found;
+        if (!step(handle, true, true, nullptr, found, &inner)) {
+            return false;
+        }
+        child = found->getDigest(inner);
+        return true;
+    } catch (...) {
+        return false;
+    }
+}
+
+bool Bucket::getNextChild(uint32_t handle, Digest& child, StatusChain& status) {
+    return guarded(status, kBucketCodes, [&] {
+        AutoRef<BucketValue> found;
+        if (!step(handle, false, true, nullptr, found, &status)) {
+            return false;
+        }
+        child = found->getDigest(status);
+        return true;
+    });
+}
+
+// ---- update and comparison
+
+// The walk runs under a handle drawn from this bucket while its cursor lives
+// in the other one; existing callers see exactly this, so it is kept.
+bool Bucket::update(const AutoRef<IBucket>& other, int32_t mode, StatusChain& status) {
+    return guarded(status, kBucketCodes, [&] {
+        // A bucket merged with itself stays as it is (mode 1 would empty it).
+        if (!other || other.get() == this ||
+            !kel::equalsNoCase(other->getFullName().c_str(), getFullName().c_str())) {
+            return false;
+        }
+        if (mode != kReplaceAll && mode != kMergeOverwriting && mode != kMergeKeeping) {
+            status.setCode(status::kBadMode);
+            return false;
+        }
+        if (mode == kReplaceAll) {
+            removeAllValues();
+        }
+        const bool replace = mode != kMergeKeeping;
+        const uint32_t handle = openEnumeration();
+        bool stored = false;
+        WString name;
+        AutoRef<IBucketValue> value;
+        StatusChain walk = cleared();
+        for (bool more = other->getFirstValue(handle, name, value); more;
+             more = other->getNextValue(handle, name, value, walk)) {
+            StatusChain one = cleared();
+            // The copy from getFirstValue/getNextValue is ours to keep.
+            stored |= storeValue(name, AutoRef<BucketValue>(static_cast<BucketValue*>(value.get())),
+                                 one, replace);
+            if (one.getCode() != status::kValueDiffers) {
+                status.merge(one);  // a replace warning or an error
+            }
+            if (status.isFatal()) {
+                break;
+            }
+        }
+        closeEnumeration(handle);
+        status.merge(walk);
+        if (stored) {
+            const uint32_t version = other->getVersion();
+            Lock lock(mutex_);
+            contents_->invalidateCursors();
+            version_ = version;
+            touch();
+        }
+        return stored;
+    });
+}
+
+bool Bucket::isEqual(const AutoRef<IBucket>& a, const AutoRef<IBucket>& b) const {
+    if (!a || !b) {
+        return !a && !b;
+    }
+    // Bucket is the only implementation of the interface.
+    return static_cast<const Bucket*>(a.get())->isEqualTo(*static_cast<const Bucket*>(b.get()));
+}
+
+bool Bucket::isEqualTo(const Bucket& other) const {
+    if (&other == this) {
+        return true;
+    }
+    if (!kel::equalsNoCase(getFullName().c_str(), other.getFullName().c_str()) ||
+        serializationSize() != other.serializationSize()) {
+        return false;
+    }
+    std::scoped_lock both(mutex_, other.mutex_);
+    if (contents_->size() != other.contents_->size()) {
+        return false;
+    }
+    for (const auto& entry : contents_->values()) {
+        const BucketValue* match = other.contents_->find(entry.second.name);
+        if (match == nullptr || !entry.second.value->equals(*match)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// ---- the record
+
+uint32_t Bucket::recordSize() const {
+    uint32_t size = kRecordFixedSize + fullName_.serializationSize() - 4;
+    for (const auto& entry : contents_->values()) {
+        size += entry.second.name.serializationSize() + entry.second.value->serializationSize();
+    }
+    return size;
+}
+
+uint32_t Bucket::serializationSize() const {
+    Lock lock(mutex_);
+    return recordSize();
+}
+
+void Bucket::serialize(unsigned char*& cursor, const unsigned char* end) const {
+    Lock lock(mutex_);
+    RecordWriter writer(cursor, end);
+    writer.require(recordSize());
+    writer.u32(kRecordFormatVersion);
+    writer.u32(version_);
+    fullName_.serialize(writer.cursor(), writer.end());
+    writer.u32(contents_->size());
+    for (const auto& entry : contents_->values()) {
+        entry.second.name.serialize(writer.cursor(), writer.end());
+        entry.second.value->writeRecord(writer);  // space checked above
+    }
+}
+
+// The whole record is read before anything of this bucket changes, so a
+// damaged record leaves the bucket as it was.
+void Bucket::deserialize(const unsigned char*& cursor, const unsigned char* end) {
+    try {
+        RecordReader reader(cursor, end);
+        reader.u32();  // the format version: never checked
+        const uint32_t version = reader.u32();
+        WString fullName;
+        fullName.deserialize(reader.cursor(), reader.end());
+        const uint32_t count = reader.u32();
+        reader.requireItems(count, kMinEntrySize);
+        BucketContents read;
+        WString name;  // decoded into again and again: its storage is reused
+        for (uint32_t i = 0; i < count; ++i) {
+            name.deserialize(reader.cursor(), reader.end());
+            AutoRef<BucketValue> value(new BucketValue());
+            value->deserialize(reader.cursor(), reader.end());
+            // As setValue with replace: an unset value or an empty name is
+            // not stored, a later entry of the same name wins.
+            if (!name.empty() && isKnownType(value->getType())) {
+                read.store(name, std::move(value), true);
+            }
+        }
+        Lock lock(mutex_);
+        setNames(fullName);
+        version_ = version;
+        contents_->swapValues(read);
+        modifiedTime_ = kel::AbsoluteTime::now();
+        modified_ = false;
+    } catch (const kel::exception::DeserializationError&) {
+        throw;
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        ZQ_THROW(DeserializationError);
+    } catch (const kel::exception::Exception&) {
+        ZQ_THROW(DeserializationError);  // bad UTF-8 in a name
+    }
+}
+
+// ---- accounting and dumps
+
+uint32_t Bucket::getMemUsage() const {
+    Lock lock(mutex_);
+    uint32_t total = kBucketMemory + characterMemory(fullName_) + characterMemory(shortName_) +
+                     characterMemory(fileName_) + kEntryMemory * contents_->size();
+    for (const auto& entry : contents_->values()) {
+        total += characterMemory(entry.second.name) + entry.second.value->getMemUsage();
+    }
+    return total;
+}
+
+void Bucket::print() const {
+    try {
+        Lock lock(mutex_);
+        std::puts("\r");
+        std::printf("fullName_       %s\r\n", NString(fullName_).c_str());
+        std::printf("shorName_       %s\r\n", NString(shortName_).c_str());
+        std::printf("digest_         %s\r\n", digestText(digest_).c_str());
+        std::printf("parent_         %s\r\n", digestText(parent_).c_str());
+        std::printf("fileName_       %s\r\n", NString(fileName_).c_str());
+        std::printf("persistentFlag_ %s\r\n", yesNo(persistentFlag_));
+        std::printf("version_        %d\r\n", static_cast<int>(version_));
+        std::printf("modified_       %s\r\n", yesNo(modified_));
+        std::printf("numKeys         %d\r\n", static_cast<int>(contents_->size()));
+        int index = 0;
+        for (const auto& entry : contents_->values()) {
+            std::printf("[%d] %s = %s\r\n", index++, NString(entry.second.name).c_str(),
+                        NString(entry.second.value->toString()).c_str());
+        }
+    } catch (...) {
+        // A dump that cannot be built is not written; nothing else depends on it.
+    }
+}
+
+WString Bucket::toString() const {
+    Lock lock(mutex_);
+    WString digest;
+    WString text(L"\r\n===================================================\r\n");
+    text += L"fullName_       ";
+    text += fullName_;
+    text += L"\r\nshortName_      ";
+    text += shortName_;
+    text += L"\r\ndigest_         ";
+    text += digest_.getString(digest);
+    text += L"\r\npersistentFlag_ ";
+    text += persistentFlag_ ? L"true" : L"false";
+    text += L"\r\nversion_        ";
+    text += WString::fromInt(static_cast<int32_t>(version_));
+    text += L"\r\nmodified_       ";
+    text += modified_ ? L"true" : L"false";
+    text += L"\r\nnumKeys         ";
+    text += WString::fromInt(contents_->size());
+    text += L"\r\n";
+    int32_t index = 0;
+    for (const auto& entry : contents_->values()) {
+        text += L"[";
+        text += WString::fromInt(index++);
+        text += L"] ";
+        text += entry.second.name;
+        text += L" = ";
+        text += entry.second.value->toString();
+        text += L"\r\n";
+    }
+    return text;
+}
+
+}  // namespace orvane
+}  // namespace zq

@@ -1,0 +1,216 @@
+#include "source/BucketContents.h"
+
+#include <cstring>
+#include <cwctype>
+#include <iterator>
+#include <utility>
+
+#include "kel/Memory.h"
+
+namespace zq {
+namespace orvane {
+
+using kel::WString;
+
+FoldedName::FoldedName(const WString& name) : text_(inline_), length_(name.length()) {
+    if (length_ > kInline) {
+        text_ = static_cast<wchar_t*>(kel::allocateArray(length_, sizeof(wchar_t)));
+    }
+    const wchar_t* in = name.c_str();
+    for (size_t i = 0; i < length_; ++i) {
+        text_[i] = static_cast<wchar_t>(std::towupper(static_cast<wint_t>(in[i])));
+    }
+}
+
+FoldedName::FoldedName(const FoldedName& other) : text_(inline_), length_(other.length_) {
+    if (length_ > kInline) {
+        text_ = static_cast<wchar_t*>(kel::allocateArray(length_, sizeof(wchar_t)));
+    }
+    std::memcpy(text_, other.text_, length_ * sizeof(wchar_t));
+}
+
+FoldedName::FoldedName(FoldedName&& other) noexcept
+    : text_(other.text_ == other.inline_ ? inline_ : other.text_), length_(other.length_) {
+    if (text_ == inline_) {
+        std::memcpy(inline_, other.inline_, length_ * sizeof(wchar_t));
+    } else {
+        other.text_ = other.inline_;
+        other.length_ = 0;
+    }
+}
+
+FoldedName::~FoldedName() {
+    if (text_ != inline_) {
+        kel::deallocate(text_);
+    }
+}
+
+bool FoldedOrder::operator()(const FoldedName& a, const FoldedName& b) const {
+    const size_t common = a.length() < b.length() ? a.length() : b.length();
+    const wchar_t* x = a.text();
+    const wchar_t* y = b.text();
+    for (size_t i = 0; i < common; ++i) {
+        if (x[i] != y[i]) {
+            return x[i] < y[i];
+        }
+    }
+    return a.length() < b.length();
+}
+
+BucketContents::BucketContents() : nextHandle_(1) {}
+
+BucketContents::BucketContents(const BucketContents& other)
+    : values_(other.values_), nextHandle_(1) {}
+
+// `name` is taken by value: the copy is made before anything here changes, so
+// running out of memory loses nothing.
+BucketContents::Outcome BucketContents::store(WString name, kel::AutoRef<BucketValue> value,
+                                              bool replace) {
+    FoldedName folded(name);
+    // Records list their values in this order, so the end is the usual place.
+    if (values_.empty() || FoldedOrder()(std::prev(values_.end())->first, folded)) {
+        values_.emplace_hint(values_.end(), std::move(folded),
+                             Slot{std::move(name), std::move(value)});
+        invalidateCursors();
+        return Outcome::kInserted;
+    }
+    const auto found = values_.find(folded);
+    if (found == values_.end()) {
+        values_.emplace(std::move(folded), Slot{std::move(name), std::move(value)});
+        invalidateCursors();
+        return Outcome::kInserted;
+    }
+    Slot& slot = found->second;
+    if (slot.value->equals(*value)) {
+        return Outcome::kUnchanged;
+    }
+    if (!replace) {
+        return Outcome::kConflict;
+    }
+    slot.name = std::move(name);  // the new spelling replaces the old one
+    slot.value = std::move(value);
+    invalidateCursors();
+    return Outcome::kReplaced;
+}
+
+bool BucketContents::remove(const WString& name) {
+    const auto found = values_.find(FoldedName(name));
+    if (found == values_.end()) {
+        return false;
+    }
+    values_.erase(found);
+    invalidateCursors();
+    return true;
+}
+
+bool BucketContents::removeAll() {
+    if (values_.empty()) {
+        return false;
+    }
+    values_.clear();
+    invalidateCursors();
+    return true;
+}
+
+bool BucketContents::removeAllButChildren() {
+    bool removed = false;
+    for (auto at = values_.begin(); at != values_.end();) {
+        if (at->second.value->getType() == kDIGEST) {
+            ++at;
+        } else {
+            at = values_.erase(at);
+            removed = true;
+        }
+    }
+    if (removed) {
+        invalidateCursors();
+    }
+    return removed;
+}
+
+void BucketContents::swapValues(BucketContents& other) {
+    values_.swap(other.values_);
+    invalidateCursors();
+    other.invalidateCursors();
+}
+
+BucketValue* BucketContents::find(const WString& name) const {
+    const auto found = values_.find(FoldedName(name));
+    return found == values_.end() ? nullptr : found->second.value.get();
+}
+
+// Handles are never 0 and never one that is open: the counter may wrap.
+uint32_t BucketContents::openCursor() {
+    uint32_t handle;
+    do {
+        handle = static_cast<uint32_t>(nextHandle_.increment() - 1);
+    } while (handle == 0 || cursors_.count(handle) != 0);
+    cursors_.emplace(handle, Cursor{values_.end(), false});
+    return handle;
+}
+
+bool BucketContents::closeCursor(uint32_t handle) {
+    return cursors_.erase(handle) != 0;
+}
+
+BucketContents::Entry BucketContents::skipToChild(Entry at) const {
+    while (at != values_.end() && at->second.value->getType() != kDIGEST) {
+        ++at;
+    }
+    return at;
+}
+
+BucketContents::Step BucketContents::first(uint32_t handle, bool childrenOnly, Entry& entry) {
+    if (handle == 0) {
+        return Step::kEnd;
+    }
+    Entry at = values_.begin();
+    if (childrenOnly) {
+        at = skipToChild(at);
+    }
+    cursors_[handle] = Cursor{at, false};
+    if (at == values_.end()) {
+        return Step::kEnd;
+    }
+    entry = at;
+    return Step::kFound;
+}
+
+BucketContents::Step BucketContents::next(uint32_t handle, bool childrenOnly, Entry& entry) {
+    if (handle == 0) {
+        return Step::kEnd;
+    }
+    const auto found = cursors_.find(handle);
+    if (found == cursors_.end()) {
+        return Step::kUnknownHandle;
+    }
+    Cursor& cursor = found->second;
+    if (cursor.invalidated) {
+        // Its entry may be gone: the cursor is never read again, only moved
+        // to the end.
+        cursor = Cursor{values_.end(), false};
+        return Step::kInvalidated;
+    }
+    if (cursor.at == values_.end()) {
+        return Step::kEnd;
+    }
+    Entry at = std::next(cursor.at);
+    if (childrenOnly) {
+        at = skipToChild(at);
+    }
+    cursor.at = at;
+    if (at == values_.end()) {
+        return Step::kEnd;
+    }
+    entry = at;
+    return Step::kFound;
+}
+
+void BucketContents::invalidateCursors() {
+    for (auto& handleAndCursor : cursors_) {
+        handleAndCursor.second.invalidated = true;
+    }
+}
+
+}  // namespace orvane
+}  // namespace zq

@@ -1,0 +1,52 @@
+#ifndef ZQ_ORVANE_GUARD_H
+#define ZQ_ORVANE_GUARD_H
+
+#include <cerrno>
+#include <cstdint>
+#include <new>
+
+#include "zq/kel/Exception.h"
+#include "zq/kel/OSException.h"
+#include "zq/kel/StatusChain.h"
+#include "zq/orvane/StatusCodes.h"
+
+namespace zq {
+namespace orvane {
+
+// The codes one public operation reports for what it catches; running out of
+// memory is always status::kOutOfMemory.
+struct ErrorCodes {
+    int32_t osFailure;   // an OSException (a system call failed)
+    int32_t kelFailure;  // any other support-library exception
+    int32_t unexpected;  // anything else
+};
+
+// The edge of every public operation: does nothing when `status` already holds
+// an error, and turns whatever `body` throws into a code, so no exception
+// crosses the public boundary. On either path the result is then the empty one
+// of body's type (0, false, an empty string or handle).
+template <class Body>
+auto guarded(kel::StatusChain& status, const ErrorCodes& codes, Body&& body) -> decltype(body()) {
+    using Result = decltype(body());
+    if (status.isFatal()) {
+        return Result();
+    }
+    try {
+        return body();
+    } catch (const kel::osdep::OSException&) {
+        status.setCode(codes.osFailure);
+    } catch (const kel::exception::Exception&) {
+        status.setCode(codes.kelFailure);
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        status.setCode(status::kOutOfMemory);
+    } catch (...) {
+        status.setCode(codes.unexpected);
+    }
+    return Result();
+}
+
+}  // namespace orvane
+}  // namespace zq
+
+#endif  // ZQ_ORVANE_GUARD_H
