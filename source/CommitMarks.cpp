@@ -68,6 +68,11 @@ WString CommitMarks::oldMarkPath() const {
     return kel::osdep::join(directory_, WString(L"oldCommitmark"));
 }
 
+WString CommitMarks::spareMarkPath() const {
+    // Ends in ".tmp": a crash may leave it, and the clean-up at start takes it.
+    return kel::osdep::join(directory_, WString(L"spareCommitmark.tmp"));
+}
+
 std::string CommitMarks::contentFor(int64_t committedLength) {
     return NString::fromInt(committedLength).c_str();
 }
@@ -157,15 +162,25 @@ void CommitMarks::removeAllBut(int64_t keep) {
     }
 }
 
-void CommitMarks::write(int64_t generation, int64_t committedLength) {
-    writeFileAtomically(fs_, pathOf(generation), contentFor(committedLength), options_);
-    if (generation > 1) {
+std::unique_ptr<CommitMarks::Pending> CommitMarks::stage(int64_t generation,
+                                                         int64_t committedLength) {
+    return std::make_unique<Pending>(fs_, pathOf(generation), generation, committedLength, options_,
+                                     spareMarkPath());
+}
+
+void CommitMarks::publish(Pending& pending) {
+    pending.writer.publish();
+    if (pending.generation > 1 && fs_.fileExists(pathOf(pending.generation - 1))) {
         try {
-            fs_.removeFile(pathOf(generation - 1), FileSystem::kRemoveIfPresent);
+            fs_.rename(pathOf(pending.generation - 1), spareMarkPath());
         } catch (const kel::exception::Exception&) {
             // The new mark is durable; the old one only costs a listing.
         }
     }
+}
+
+void CommitMarks::write(int64_t generation, int64_t committedLength) {
+    publish(*stage(generation, committedLength));
 }
 
 }  // namespace orvane

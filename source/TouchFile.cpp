@@ -18,6 +18,15 @@ using kel::osdep::FileSystem;
 
 std::atomic<uint64_t> temporaryCounter{0};
 
+// The first failure is the one to report; the clean-up at the next start
+// removes a leftover.
+void removeQuietly(FileSystem& fs, const WString& path) noexcept {
+    try {
+        fs.removeFile(path, FileSystem::kRemoveIfPresent);
+    } catch (...) {
+    }
+}
+
 WString temporaryNameFor(const WString& path) {
     WString name(path);
     name += L".";
@@ -39,28 +48,18 @@ void applyOwnership(File& file, const Options* options) {
     }
 }
 
-// Creates the temporary file, lets `fill` write it, and gives it its name.
-template <class Fill>
-void createUnderTemporaryName(FileSystem& fs, const WString& path, const Options* options,
-                              Fill&& fill) {
-    const WString temporary = temporaryNameFor(path);
+std::unique_ptr<File> createTemporary(FileSystem& fs, const WString& temporary,
+                                      const Options* options) {
     std::unique_ptr<File> file = fs.open(
         temporary, FileSystem::kReadWrite | FileSystem::kCreate | FileSystem::kExclusive, 0666);
     try {
         applyOwnership(*file, options);
-        fill(*file);
-        file->close();
-        fs.rename(temporary, path);
     } catch (...) {
         file.reset();
-        try {
-            fs.removeFile(temporary, FileSystem::kRemoveIfPresent);
-        } catch (...) {
-            // The first failure is the one to report; the clean-up at the
-            // next start removes the leftover.
-        }
+        removeQuietly(fs, temporary);
         throw;
     }
+    return file;
 }
 
 }  // namespace
@@ -69,18 +68,71 @@ void touchFile(FileSystem& fs, const WString& path, const Options* options) {
     if (fs.fileExists(path)) {
         return;
     }
-    createUnderTemporaryName(fs, path, options, [](File&) {});
+    const WString temporary = temporaryNameFor(path);
+    std::unique_ptr<File> file = createTemporary(fs, temporary, options);
+    try {
+        file->close();
+        fs.rename(temporary, path);
+    } catch (...) {
+        file.reset();
+        removeQuietly(fs, temporary);
+        throw;
+    }
 }
 
-void writeFileAtomically(FileSystem& fs, const WString& path, const std::string& bytes,
-                         const Options* options) {
-    createUnderTemporaryName(fs, path, options, [&bytes](File& file) {
+AtomicFileWriter::AtomicFileWriter(FileSystem& fs, const WString& path, const std::string& bytes,
+                                   const Options* options)
+    : fs_(fs), path_(path), temporary_(temporaryNameFor(path)) {
+    file_ = createTemporary(fs, temporary_, options);
+    write(bytes);
+}
+
+AtomicFileWriter::AtomicFileWriter(FileSystem& fs, const WString& path, const std::string& bytes,
+                                   const Options* options, const WString& spare)
+    : fs_(fs), path_(path), temporary_(spare) {
+    if (fs.fileExists(spare)) {
+        file_ = fs.open(spare, FileSystem::kReadWrite);
+    } else {
+        file_ = createTemporary(fs, spare, options);
+    }
+    write(bytes);
+}
+
+void AtomicFileWriter::write(const std::string& bytes) {
+    try {
         if (!bytes.empty()) {
-            file.writeAt(0, bytes.data(), bytes.size());
+            file_->writeAt(0, bytes.data(), bytes.size());
         }
-        file.sync();
-    });
-    fs.syncDirectory(kel::osdep::parentOf(path));
+        if (file_->size() > static_cast<int64_t>(bytes.size())) {
+            file_->truncate(static_cast<int64_t>(bytes.size()));
+        }
+    } catch (...) {
+        file_.reset();
+        removeQuietly(fs_, temporary_);
+        throw;
+    }
+}
+
+AtomicFileWriter::~AtomicFileWriter() {
+    if (!published_) {
+        file_.reset();
+        removeQuietly(fs_, temporary_);
+    }
+}
+
+void AtomicFileWriter::sync() {
+    file_->sync();
+    synced_ = true;
+}
+
+void AtomicFileWriter::publish() {
+    if (!synced_) {
+        sync();
+    }
+    file_->close();
+    fs_.rename(temporary_, path_);
+    published_ = true;
+    fs_.syncDirectory(kel::osdep::parentOf(path_));
 }
 
 void removeTemporaryFiles(FileSystem& fs, const WString& directory) {
