@@ -21,8 +21,13 @@ class Sha256 {
 
     static void hash(const void* data, size_t size, unsigned char out[kDigestSize]);
 
+    // Whether blocks go through the processor's SHA instructions when it has
+    // them (the default); false forces the portable rounds. Returns whether
+    // the instructions are now in use. For tests and benchmarks.
+    static bool useHardware(bool wanted);
+
   private:
-    void compress(const unsigned char* block);
+    void compress(const unsigned char* data, size_t blocks);
 
     uint32_t state_[8];
     uint64_t bitCount_;

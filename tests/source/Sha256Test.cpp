@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 namespace zq {
 namespace orvane {
@@ -78,6 +79,36 @@ TEST(Sha256Test, FinishResetsForTheNextMessage) {
     sha.update("abc", 3);
     sha.finish(out);
     EXPECT_EQ(hex(out), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+}
+
+}  // namespace
+}  // namespace orvane
+}  // namespace zq
+
+namespace zq {
+namespace orvane {
+namespace {
+
+// The processor's SHA instructions and the portable rounds must agree on
+// every length, whichever this machine uses by default.
+TEST(Sha256Test, PortableAndHardwareRoundsAgree) {
+    std::string message;
+    for (int i = 0; i < 300; ++i) {
+        message += static_cast<char>((i * 131 + 7) & 0xFF);
+    }
+    std::vector<std::string> portable;
+    Sha256::useHardware(false);
+    EXPECT_EQ(hashOf("abc"), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+    for (size_t length = 0; length <= message.size(); ++length) {
+        portable.push_back(hashOf(message.substr(0, length)));
+    }
+    if (!Sha256::useHardware(true)) {
+        GTEST_SKIP() << "no SHA instructions on this processor";
+    }
+    for (size_t length = 0; length <= message.size(); ++length) {
+        EXPECT_EQ(hashOf(message.substr(0, length)), portable[length]) << length;
+        EXPECT_EQ(hashInSteps(message.substr(0, length), 29), portable[length]) << length;
+    }
 }
 
 }  // namespace

@@ -61,6 +61,13 @@ class TempDir {
         return bytes;
     }
 
+    bool exists(const std::string& name) const { return ::access(file(name).c_str(), F_OK) == 0; }
+    void remove(const std::string& name) const {
+        if (::unlink(file(name).c_str()) != 0) {
+            throw std::runtime_error("cannot remove " + name);
+        }
+    }
+
   private:
     std::string path_;
 };

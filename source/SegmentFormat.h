@@ -1,0 +1,114 @@
+#ifndef ZQ_ORVANE_SEGMENTFORMAT_H
+#define ZQ_ORVANE_SEGMENTFORMAT_H
+
+#include <array>
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <vector>
+
+#include "zq/orvane/Digest.h"
+
+namespace zq {
+namespace orvane {
+
+// The layout of "registry.bin": segments laid end to end, each
+//   [trailer position][index position][records...]
+//   [previous index][U][D][U update entries][D deletion entries]
+//   [index position][checksum][segment start]["@@@@SFBSMARK@@@@"]
+// with every integer little-endian and every position absolute.
+namespace segment {
+
+constexpr int64_t kHeaderSize = 16;
+constexpr int64_t kIndexHeaderSize = 16;
+constexpr int64_t kUpdateEntrySize = 40;
+constexpr int64_t kDeletionEntrySize = 32;
+constexpr int64_t kTrailerSize = 64;
+constexpr int64_t kRecordLengthSize = 8;
+constexpr char kMark[] = "@@@@SFBSMARK@@@@";
+constexpr size_t kMarkSize = 16;
+// Offsets counted back from the segment end.
+constexpr int64_t kStartFromEnd = 24;
+constexpr int64_t kChecksumFromEnd = 56;
+// The file is positioned with 32-bit offsets on the target.
+constexpr int64_t kMaxFileSize = INT32_MAX;
+
+}  // namespace segment
+
+// What the store remembers of each segment of the open file.
+struct SegmentDescriptor {
+    uint32_t number = 0;
+    int64_t start = 0;
+    int64_t trailerPosition = 0;
+    int64_t indexPosition = 0;
+    int64_t dataStart = 0;
+    int64_t checksumPosition = 0;
+    int64_t length = 0;
+    int64_t previousIndex = 0;
+    uint32_t updates = 0;
+    uint32_t deletes = 0;
+    int64_t indexAgain = 0;
+};
+
+// A digest as a plain key for the store's index.
+using DigestKey = std::array<unsigned char, Digest::kSize>;
+
+inline DigestKey keyOf(const Digest& digest) {
+    DigestKey key;
+    std::memcpy(key.data(), digest.bytes(), key.size());
+    return key;
+}
+
+struct DigestKeyHash {
+    size_t operator()(const DigestKey& key) const {
+        // The bytes are already uniformly distributed.
+        size_t h;
+        std::memcpy(&h, key.data(), sizeof h);
+        return h;
+    }
+};
+
+// Builds one segment in memory so that it reaches the file in one write.
+class SegmentBuilder {
+  public:
+    SegmentBuilder(int64_t start, int64_t previousIndex);
+
+    // Room for a record of `length` bytes; the caller fills it, e.g. by
+    // serialising a bucket into it. Returns the record's absolute offset.
+    int64_t addRecord(const DigestKey& digest, uint32_t length, unsigned char*& bytes);
+    void addDeletion(const DigestKey& digest);
+    // Index entries in digest order instead of the order records were added.
+    void sortUpdatesByDigest();
+
+    // Where the segment will end once finished.
+    int64_t end() const;
+    // Lays out the index and the trailer and returns the whole segment.
+    const std::vector<unsigned char>& finish();
+    SegmentDescriptor descriptor(uint32_t number) const;
+
+  private:
+    struct Update {
+        DigestKey digest;
+        int64_t offset;
+    };
+
+    int64_t indexPosition() const;
+    int64_t trailerPosition() const;
+
+    int64_t start_;
+    int64_t previousIndex_;
+    size_t recordsEnd_;  // relative to the start
+    std::vector<unsigned char> bytes_;
+    std::vector<Update> updates_;
+    std::vector<DigestKey> deletions_;
+};
+
+// The checksum of a segment: SHA-256 over [start, X + 7), where X is the
+// position of the repeated index position. The range stops one byte short on
+// purpose: files written so far all carry this checksum.
+Digest segmentChecksum(const unsigned char* segmentStart, int64_t bytesBeforeX);
+
+}  // namespace orvane
+}  // namespace zq
+
+#endif  // ZQ_ORVANE_SEGMENTFORMAT_H

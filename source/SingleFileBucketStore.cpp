@@ -1,0 +1,648 @@
+#include "source/SingleFileBucketStore.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <mutex>
+#include <new>
+#include <unordered_set>
+
+#include "kel/Endian.h"
+#include "kel/Throw.h"
+#include "kel/osdep/Path.h"
+#include "source/Options.h"
+#include "source/TouchFile.h"
+#include "zq/kel/OSException.h"
+#include "zq/orvane/Bucket.h"
+#include "zq/orvane/StatusCodes.h"
+
+namespace zq {
+namespace orvane {
+
+namespace {
+
+using kel::AutoRef;
+using kel::StatusChain;
+using kel::WString;
+using kel::osdep::File;
+using kel::osdep::FileSystem;
+
+using Lock = std::lock_guard<kel::osdep::RecursiveMutex>;
+
+// Turns the exception being handled into the store's code for it. Damage -
+// a record or position that does not fit, or a read past the end - has its
+// own code, so a caller can tell a broken file from a failing disk.
+void setStoreFailure(StatusChain& status) {
+    try {
+        throw;
+    } catch (const kel::exception::DeserializationError&) {
+        status.setCode(status::kOutsideFile);
+    } catch (const kel::exception::FileReadFailed&) {
+        status.setCode(status::kOutsideFile);
+    } catch (const kel::exception::UnableToConvert&) {
+        status.setCode(status::kStoreFailed);
+    } catch (const kel::osdep::OSException&) {
+        status.setCode(status::kFileSystem);
+    } catch (const kel::exception::Exception&) {
+        status.setCode(status::kFileSystem);
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        status.setCode(status::kOutOfMemory);
+    } catch (...) {
+        status.setCode(status::kUnexpected);
+    }
+}
+
+// The edge of every store operation: nothing when the status already holds
+// an error, and no exception out.
+template <class Body>
+auto storeOperation(StatusChain& status, Body&& body) -> decltype(body()) {
+    using Result = decltype(body());
+    if (status.isFatal()) {
+        return Result();
+    }
+    try {
+        return body();
+    } catch (...) {
+        setStoreFailure(status);
+    }
+    return Result();
+}
+
+int64_t readI64(File& file, int64_t offset) {
+    unsigned char bytes[8];
+    if (file.readAt(offset, bytes, sizeof bytes) != sizeof bytes) {
+        ZQ_THROW(DeserializationError);
+    }
+    return static_cast<int64_t>(kel::getU64(bytes));
+}
+
+void readExactly(File& file, int64_t offset, void* buffer, size_t count) {
+    if (count != 0 && file.readAt(offset, buffer, count) != count) {
+        ZQ_THROW(DeserializationError);
+    }
+}
+
+}  // namespace
+
+// What a stat of "registry.bin" says; when it has not changed, no other
+// process has committed or compacted.
+struct SingleFileBucketStore::Signature {
+    FileSystem::Status status;
+
+    bool sameFile(const FileSystem::Status& other) const {
+        return status.exists && other.exists && status.device == other.device &&
+               status.inode == other.inode;
+    }
+    bool operator==(const FileSystem::Status& other) const {
+        return sameFile(other) && status.size == other.size &&
+               status.modifiedNanoseconds == other.modifiedNanoseconds;
+    }
+};
+
+SingleFileBucketStore::SingleFileBucketStore(const WString& directory, const Options* options,
+                                             FileSystem& fs)
+    : fs_(fs),
+      options_(options),
+      directory_(directory),
+      livePath_(kel::osdep::join(directory, WString(L"registry.bin"))),
+      newPath_(kel::osdep::join(directory, WString(L"registry.bin.1"))),
+      previousPath_(kel::osdep::join(directory, WString(L"registry.bin.2"))),
+      marks_(fs, directory, options) {}
+
+SingleFileBucketStore::~SingleFileBucketStore() = default;
+
+// ---------------------------------------------------------------- open
+
+void SingleFileBucketStore::open(uint32_t value, StatusChain& status) {
+    if (status.isFatal()) {
+        return;
+    }
+    Lock lock(mutex_);
+    if (open_) {
+        return;
+    }
+    openValue_ = value;
+    repairedOnOpen_ = false;
+    storeOperation(status, [&] {
+        const CommitMarks::Mark mark = marks_.findNewest();
+        generation_ = mark.generation;
+        committedLength_ = mark.committedLength;
+        recoverFiles();
+        openDataFile();
+    });
+    if (status.isFatal()) {
+        file_.reset();
+        return;
+    }
+    // A failed compaction leaves the old file as it was; the open goes on.
+    StatusChain compaction;
+    compaction.clear();
+    compact(compaction);
+    if (!file_) {
+        status.setCode(compaction.getCode());
+        return;
+    }
+    storeOperation(status, [&] {
+        loadIndex();
+        rememberSignature();
+        open_ = true;
+    });
+    if (status.isFatal()) {
+        file_.reset();
+        index_.clear();
+    }
+}
+
+// Repairs what a crash in the middle of a compaction's swap left. Every
+// sequence ends with the newest complete file live and described by its mark;
+// nothing committed is dropped.
+void SingleFileBucketStore::recoverFiles() {
+    const bool live = fs_.fileExists(livePath_);
+    const bool fresh = fs_.fileExists(newPath_);
+    const bool previous = fs_.fileExists(previousPath_);
+    const bool newMark = fs_.fileExists(marks_.newMarkPath());
+    if (live && fresh) {
+        // The compaction never reached its swap.
+        fs_.removeFile(newPath_, FileSystem::kRemoveMustExist);
+        removeIfPresent(marks_.newMarkPath());
+    } else if (live && previous) {
+        // The new file is live; only its mark may still wait for its name.
+        if (newMark) {
+            marks_.removeAllBut(0);
+            rename(marks_.newMarkPath(), marks_.pathOf(1));
+        }
+        fs_.removeFile(previousPath_, FileSystem::kRemoveMustExist);
+        removeIfPresent(marks_.oldMarkPath());
+    } else if (live) {
+        removeIfPresent(marks_.oldMarkPath());
+    } else if (fresh && newMark) {
+        rollForwardCompaction();
+    } else if (previous) {
+        rollBackCompaction();
+    } else {
+        return;  // a new empty store is created next
+    }
+    const CommitMarks::Mark mark = marks_.findNewest();
+    generation_ = mark.generation;
+    committedLength_ = mark.committedLength;
+}
+
+// The new file and its mark are complete (the mark is written only after the
+// file is durable): finish the swap.
+void SingleFileBucketStore::rollForwardCompaction() {
+    marks_.removeAllBut(0);
+    rename(newPath_, livePath_);
+    rename(marks_.newMarkPath(), marks_.pathOf(1));
+    removeIfPresent(previousPath_);
+    removeIfPresent(marks_.oldMarkPath());
+}
+
+// The old file was set aside but the new one is not known complete: put the
+// old one back with the mark that describes it.
+void SingleFileBucketStore::rollBackCompaction() {
+    rename(previousPath_, livePath_);
+    removeIfPresent(newPath_);
+    removeIfPresent(marks_.newMarkPath());
+    if (fs_.fileExists(marks_.oldMarkPath())) {
+        marks_.removeAllBut(0);
+        rename(marks_.oldMarkPath(), marks_.pathOf(1));
+    }
+}
+
+void SingleFileBucketStore::openDataFile() {
+    int64_t size = 0;
+    if (!fs_.fileExists(livePath_)) {
+        // Nothing is left to describe: whatever a mark says, the store
+        // starts empty.
+        repairedOnOpen_ = true;
+        committedLength_ = 0;
+        touchFile(fs_, livePath_, options_);
+        file_ = fs_.open(livePath_,
+                         FileSystem::kReadWrite | FileSystem::kCreate | FileSystem::kTruncate);
+        fs_.syncDirectory(directory_);
+    } else {
+        file_ = fs_.open(livePath_, FileSystem::kReadWrite);
+        size = file_->size();
+    }
+    sizeOnOpen_ = size;
+    if (size > committedLength_) {
+        // A torn append: the bytes past the mark were never committed.
+        repairedOnOpen_ = true;
+        file_->truncate(committedLength_);
+        file_->sync();
+        size = committedLength_;
+    } else if (size < committedLength_) {
+        // The mark names bytes that are not there. Extending the file would
+        // turn zeros into segments, so the file is left as it is.
+        repairedOnOpen_ = true;
+        ZQ_THROW(DeserializationError);
+    }
+    if (size == 0) {
+        marks_.write(generation_ + 1, 0);
+    }
+}
+
+void SingleFileBucketStore::loadIndex() { index_.load(*file_, committedLength_); }
+
+void SingleFileBucketStore::rename(const WString& from, const WString& to) {
+    fs_.rename(from, to);
+    fs_.syncDirectory(directory_);
+}
+
+void SingleFileBucketStore::removeIfPresent(const WString& path) {
+    fs_.removeFile(path, FileSystem::kRemoveIfPresent);
+}
+
+void SingleFileBucketStore::close(StatusChain& status) {
+    if (status.isFatal()) {
+        return;
+    }
+    Lock lock(mutex_);
+    file_.reset();
+    index_.clear();
+    generation_ = 0;
+    committedLength_ = 0;
+    signature_.reset();
+    open_ = false;
+}
+
+// ---------------------------------------------------------------- reading
+
+AutoRef<IBucket> SingleFileBucketStore::readBucket(const WString& name, StatusChain& status) {
+    return storeOperation(status, [&] { return readBucketByDigest(Digest(name), status); });
+}
+
+AutoRef<IBucket> SingleFileBucketStore::readBucketByDigest(const Digest& digest,
+                                                           StatusChain& status) {
+    return storeOperation(status, [&]() -> AutoRef<IBucket> {
+        Lock lock(mutex_);
+        if (!open_) {
+            status.setCode(status::kStoreNotOpen);
+            return AutoRef<IBucket>();
+        }
+        const StoreIndex::Location* location = index_.find(*file_, keyOf(digest));
+        return location == nullptr ? AutoRef<IBucket>() : readRecord(location->offset);
+    });
+}
+
+// Every byte read lies inside the committed length: past it nothing is
+// trusted.
+AutoRef<IBucket> SingleFileBucketStore::readRecord(int64_t offset) {
+    if (offset + segment::kRecordLengthSize > committedLength_) {
+        ZQ_THROW(DeserializationError);
+    }
+    const int64_t length = readI64(*file_, offset);
+    if (length <= 0) {
+        return AutoRef<IBucket>();
+    }
+    if (length > committedLength_ - offset - segment::kRecordLengthSize) {
+        ZQ_THROW(DeserializationError);
+    }
+    std::vector<unsigned char> bytes(static_cast<size_t>(length));
+    readExactly(*file_, offset + segment::kRecordLengthSize, bytes.data(), bytes.size());
+    AutoRef<IBucket> bucket(new Bucket());
+    const unsigned char* cursor = bytes.data();
+    bucket->deserialize(cursor, bytes.data() + bytes.size());
+    return bucket;
+}
+
+bool SingleFileBucketStore::exists(const WString& name, StatusChain& status) {
+    return storeOperation(status, [&] {
+        Lock lock(mutex_);
+        if (!open_) {
+            status.setCode(status::kStoreNotOpen);
+            return false;
+        }
+        return index_.find(*file_, keyOf(Digest(name))) != nullptr;
+    });
+}
+
+bool SingleFileBucketStore::containsBucket(const AutoRef<IBucket>& bucket, StatusChain& status) {
+    if (status.isFatal()) {
+        return false;
+    }
+    if (!bucket) {
+        status.setCode(status::kNullArgument);
+        return false;
+    }
+    return exists(bucket->getFullName(), status);
+}
+
+// ---------------------------------------------------------------- commit
+
+void SingleFileBucketStore::commit(const UpdatedBuckets& updated, const DeletedNames& deleted,
+                                   StatusChain& status) {
+    if (status.isFatal()) {
+        return;
+    }
+    Lock lock(mutex_);
+    if (!open_) {
+        status.setCode(status::kStoreNotOpen);
+        return;
+    }
+    if (updated.empty() && deleted.empty()) {
+        return;
+    }
+    const bool committed = storeOperation(status, [&] {
+        std::vector<std::pair<DigestKey, int64_t>> updates;
+        std::vector<DigestKey> deletions;
+        SegmentDescriptor descriptor;
+        const std::vector<unsigned char> segment =
+            buildSegment(updated, deleted, updates, deletions, descriptor);
+        const int64_t end = committedLength_ + descriptor.length;
+        if (end > segment::kMaxFileSize) {
+            status.setCode(status::kOverSizeLimit);
+            return false;
+        }
+        appendSegment(segment, end);
+        // Memory follows the disk only once the mark is written.
+        index_.addSegment(descriptor, updates, deletions);
+        ++generation_;
+        committedLength_ = end;
+        rememberSignature();
+        return true;
+    });
+    if (committed && overSize(committedLength_) && index_.segmentCount() != 0) {
+        // The commit stands whatever the compaction does: a failed one leaves
+        // the file as it was, and the next commit tries again.
+        StatusChain compaction;
+        compaction.clear();
+        compact(compaction);
+        if (!file_) {
+            status.setCode(compaction.getCode());
+        }
+        rememberSignature();
+    }
+}
+
+// Lays the whole segment out in memory: records in name order, then the
+// deletions. A bucket that is also deleted by this commit gets no record, so
+// every position is computed from what is really written.
+std::vector<unsigned char> SingleFileBucketStore::buildSegment(
+    const UpdatedBuckets& updated, const DeletedNames& deleted,
+    std::vector<std::pair<DigestKey, int64_t>>& updates, std::vector<DigestKey>& deletions,
+    SegmentDescriptor& descriptor) {
+    std::unordered_set<DigestKey, DigestKeyHash> deletedKeys;
+    for (const WString& name : deleted) {
+        const DigestKey key = keyOf(Digest(name));
+        if (deletedKeys.insert(key).second) {
+            deletions.push_back(key);
+        }
+    }
+    SegmentBuilder builder(committedLength_, index_.previousIndexForNextCommit());
+    for (const auto& [name, bucket] : updated) {
+        if (!bucket) {
+            ZQ_THROW(InvalidArgument);
+        }
+        const DigestKey key = keyOf(bucket->getDigest());
+        if (deletedKeys.count(key) != 0) {
+            continue;
+        }
+        const uint32_t length = bucket->serializationSize();
+        unsigned char* bytes = nullptr;
+        const int64_t offset = builder.addRecord(key, length, bytes);
+        bucket->serialize(bytes, bytes + length);
+        updates.emplace_back(key, offset);
+    }
+    for (const DigestKey& key : deletions) {
+        builder.addDeletion(key);
+    }
+    std::vector<unsigned char> segment = builder.finish();
+    descriptor = builder.descriptor(index_.segmentCount() + 1);
+    return segment;
+}
+
+// One write and one sync for the segment, then the mark (synced before and
+// after its rename): three syncs whatever the size of the commit. The mark's
+// bytes are written before the data sync, so the journal commit that sync
+// forces carries them too and the mark's own sync finds little left to do.
+void SingleFileBucketStore::appendSegment(const std::vector<unsigned char>& segment, int64_t end) {
+    const int64_t start = committedLength_;
+    try {
+        file_->writeAt(start, segment.data(), segment.size());
+        const std::unique_ptr<CommitMarks::Pending> mark = marks_.stage(generation_ + 1, end);
+        file_->sync();
+        marks_.publish(*mark);
+    } catch (...) {
+        rollBackAppend(start);
+        throw;
+    }
+}
+
+// Cuts the file back to its committed length after a failed commit. If the
+// new mark might have got its name, it must go first: a mark may never name
+// bytes that are not there. When it cannot be removed the bytes stay, and
+// the commit counts as made for whoever opens the file next.
+void SingleFileBucketStore::rollBackAppend(int64_t start) {
+    try {
+        removeIfPresent(marks_.pathOf(generation_ + 1));
+        fs_.syncDirectory(directory_);
+    } catch (...) {
+        return;
+    }
+    try {
+        file_->truncate(start);
+        file_->sync();
+    } catch (...) {
+        // The next open cuts whatever lies past the mark.
+    }
+}
+
+bool SingleFileBucketStore::overSize(int64_t committedLength) const {
+    if (options_ == nullptr) {
+        return false;
+    }
+    // Kilobytes to bytes in 32 bits, as files of existing controllers expect:
+    // limits from 2,097,152 KB wrap.
+    const auto kilobytes =
+        static_cast<uint32_t>(options_->number(Options::kDiskMaxRegistryFileSizeKB));
+    const auto limit = static_cast<int64_t>(static_cast<int32_t>(kilobytes << 10));
+    return limit < committedLength;
+}
+
+// ---------------------------------------------------------------- compaction
+
+void SingleFileBucketStore::compactNow(StatusChain& status) {
+    if (status.isFatal()) {
+        return;
+    }
+    Lock lock(mutex_);
+    if (!open_) {
+        status.setCode(status::kStoreNotOpen);
+        return;
+    }
+    compact(status);
+    rememberSignature();
+}
+
+bool SingleFileBucketStore::compact(StatusChain& status) {
+    if (status.isFatal() || committedLength_ == 0) {
+        return false;
+    }
+    Lock lock(mutex_);
+    const bool rewrote = storeOperation(status, [&] { return compactLocked(); });
+    if (status.isFatal() && !file_) {
+        // The swap failed after the live file was closed: the store is
+        // unusable until an open repairs the files.
+        open_ = false;
+        index_.clear();
+    }
+    return rewrote;
+}
+
+namespace {
+
+struct LiveRecord {
+    DigestKey digest;
+    int64_t offset;
+    int64_t length;
+};
+
+}  // namespace
+
+// Copies the newest record of every live bucket into one segment, in the
+// order met (newest segment first), with index entries in digest order.
+bool SingleFileBucketStore::compactLocked() {
+    removeIfPresent(newPath_);
+    std::vector<LiveRecord> live;
+    std::unordered_set<DigestKey, DigestKeyHash> settled;
+    for (int64_t end = committedLength_; end > 0;) {
+        const SegmentScan scan = scanSegment(*file_, end, 0);
+        if (end == committedLength_ && scan.descriptor.start == 0) {
+            return false;  // already a single segment
+        }
+        settled.insert(scan.deletions.begin(), scan.deletions.end());
+        for (const auto& [digest, offset] : scan.updates) {
+            if (!settled.insert(digest).second) {
+                continue;
+            }
+            // A record with no length hides older ones, as it does on load.
+            const int64_t length = readI64(*file_, offset);
+            if (length > 0) {
+                if (length > end - offset - segment::kRecordLengthSize) {
+                    ZQ_THROW(DeserializationError);
+                }
+                live.push_back(LiveRecord{digest, offset, length});
+            }
+        }
+        end = scan.descriptor.start;
+    }
+
+    SegmentBuilder builder(0, 0);
+    std::vector<std::pair<DigestKey, int64_t>> entries;
+    entries.reserve(live.size());
+    for (const LiveRecord& record : live) {
+        unsigned char* bytes = nullptr;
+        const int64_t offset =
+            builder.addRecord(record.digest, static_cast<uint32_t>(record.length), bytes);
+        readExactly(*file_, record.offset + segment::kRecordLengthSize, bytes,
+                    static_cast<size_t>(record.length));
+        entries.emplace_back(record.digest, offset);
+    }
+    builder.sortUpdatesByDigest();
+    std::sort(entries.begin(), entries.end());
+    const std::vector<unsigned char>& image = builder.finish();
+    const int64_t end = builder.end();
+
+    touchFile(fs_, newPath_, options_);
+    {
+        std::unique_ptr<File> fresh = fs_.open(
+            newPath_, FileSystem::kReadWrite | FileSystem::kCreate | FileSystem::kTruncate);
+        fresh->writeAt(0, image.data(), image.size());
+        fresh->sync();
+        fresh->close();
+    }
+    // The new mark is written only once the new file is durable: its
+    // presence tells the recovery that rolling forward is safe.
+    writeFileAtomically(fs_, marks_.newMarkPath(), CommitMarks::contentFor(end), options_);
+    swapInCompactedFile(end);
+
+    index_.replaceBySingleSegment(builder.descriptor(0), entries);
+    committedLength_ = end;
+    generation_ = 1;
+    overSize_ = overSize(end);
+    return true;
+}
+
+// The renames in the order the recovery expects, each made durable before
+// the next.
+void SingleFileBucketStore::swapInCompactedFile(int64_t end) {
+    marks_.removeAllBut(generation_);
+    file_.reset();
+    rename(livePath_, previousPath_);
+    rename(marks_.pathOf(generation_), marks_.oldMarkPath());
+    rename(newPath_, livePath_);
+    rename(marks_.newMarkPath(), marks_.pathOf(1));
+    fs_.removeFile(previousPath_, FileSystem::kRemoveMustExist);
+    fs_.removeFile(marks_.oldMarkPath(), FileSystem::kRemoveMustExist);
+    file_ = fs_.open(livePath_, FileSystem::kReadWrite);
+    sizeOnOpen_ = end;
+}
+
+// ---------------------------------------------------------------- other processes
+
+// Never fails the operation it follows: without a signature the next
+// refresh simply looks at the marks.
+void SingleFileBucketStore::rememberSignature() noexcept {
+    try {
+        signature_ = std::make_unique<Signature>(Signature{fs_.stat(livePath_)});
+    } catch (...) {
+        signature_.reset();
+    }
+}
+
+bool SingleFileBucketStore::refresh(StatusChain& status) {
+    return storeOperation(status, [&] {
+        Lock lock(mutex_);
+        if (!open_) {
+            return false;
+        }
+        const FileSystem::Status now = fs_.stat(livePath_);
+        if (signature_ && *signature_ == now) {
+            return false;
+        }
+        // Another process is between steps of a compaction, or has appended
+        // without a mark yet: keep what we have and look again next time.
+        const CommitMarks::Mark mark = marks_.peekNewest();
+        if (!now.exists || mark.generation == 0) {
+            return false;
+        }
+        const bool sameFile = signature_ && signature_->sameFile(now);
+        if (sameFile && mark.generation == generation_ &&
+            mark.committedLength == committedLength_) {
+            if (now.size == committedLength_) {
+                signature_ = std::make_unique<Signature>(Signature{now});
+            }
+            return false;
+        }
+        // Built aside and swapped in whole: a failure keeps the old view.
+        std::unique_ptr<File> reopened;
+        if (!sameFile) {
+            reopened = fs_.open(livePath_, FileSystem::kReadWrite);
+        }
+        StoreIndex fresh;
+        fresh.load(reopened ? *reopened : *file_, mark.committedLength);
+        if (reopened) {
+            file_ = std::move(reopened);
+        }
+        index_ = std::move(fresh);
+        generation_ = mark.generation;
+        committedLength_ = mark.committedLength;
+        signature_ = std::make_unique<Signature>(Signature{now});
+        return true;
+    });
+}
+
+SingleFileBucketStore::Facts SingleFileBucketStore::facts() {
+    Lock lock(mutex_);
+    Facts facts;
+    facts.fileSize = file_ ? file_->size() : 0;
+    facts.committedLength = committedLength_;
+    facts.generation = generation_;
+    facts.segments = static_cast<uint32_t>(index_.segments().size());
+    facts.liveBuckets = index_.liveBuckets();
+    return facts;
+}
+
+}  // namespace orvane
+}  // namespace zq

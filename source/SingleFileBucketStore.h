@@ -1,0 +1,118 @@
+#ifndef ZQ_ORVANE_SINGLEFILEBUCKETSTORE_H
+#define ZQ_ORVANE_SINGLEFILEBUCKETSTORE_H
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "kel/osdep/File.h"
+#include "kel/osdep/FileSystem.h"
+#include "kel/osdep/RecursiveMutex.h"
+#include "source/CommitMarks.h"
+#include "source/IBucketStore.h"
+#include "source/StoreIndex.h"
+
+namespace zq {
+namespace orvane {
+
+class Options;
+
+// All persistent buckets in one append-only file, "registry.bin", whose
+// committed length the newest commit mark records. A commit appends one
+// segment with one write and one sync, then writes the next mark; a crash at
+// any instant leaves the old state or the new one. The file is compacted into
+// a single segment on open and when it outgrows its limit.
+//
+// Thread-safe: the store lock (recursive, so a commit can compact) guards
+// every field below it and is held for the whole of each operation but
+// wasRepairedOnOpen and isOverSizeLimit. Between processes, whoever changes
+// files holds the manager's named lock; refresh() only reads.
+class SingleFileBucketStore : public IBucketStore {
+  public:
+    // `options` is not owned and may be null (no size limit, no ownership).
+    SingleFileBucketStore(const kel::WString& directory, const Options* options,
+                          kel::osdep::FileSystem& fs = kel::osdep::FileSystem::processDefault());
+    ~SingleFileBucketStore() override;
+
+    void open(uint32_t value, kel::StatusChain& status) override;
+    void close(kel::StatusChain& status) override;
+    kel::AutoRef<IBucket> readBucket(const kel::WString& name, kel::StatusChain& status) override;
+    kel::AutoRef<IBucket> readBucketByDigest(const Digest& digest,
+                                             kel::StatusChain& status) override;
+    void commit(const UpdatedBuckets& updated, const DeletedNames& deleted,
+                kel::StatusChain& status) override;
+    bool containsBucket(const kel::AutoRef<IBucket>& bucket, kel::StatusChain& status) override;
+    bool exists(const kel::WString& name, kel::StatusChain& status) override;
+    bool wasRepairedOnOpen() override { return repairedOnOpen_; }
+    bool isOverSizeLimit() override { return overSize_; }
+    bool refresh(kel::StatusChain& status) override;
+
+    // For the offline tools: compacts now, whatever the size.
+    void compactNow(kel::StatusChain& status);
+
+    struct Facts {
+        int64_t fileSize = 0;
+        int64_t committedLength = 0;
+        int64_t generation = 0;
+        uint32_t segments = 0;
+        size_t liveBuckets = 0;
+    };
+    Facts facts();
+    bool isOpen() const { return open_; }
+
+  private:
+    struct Signature;
+
+    void recoverFiles();
+    void rollForwardCompaction();
+    void rollBackCompaction();
+    void openDataFile();
+    void loadIndex();
+    void rename(const kel::WString& from, const kel::WString& to);
+    void removeIfPresent(const kel::WString& path);
+
+    std::vector<unsigned char> buildSegment(const UpdatedBuckets& updated,
+                                            const DeletedNames& deleted,
+                                            std::vector<std::pair<DigestKey, int64_t>>& updates,
+                                            std::vector<DigestKey>& deletions,
+                                            SegmentDescriptor& descriptor);
+    void appendSegment(const std::vector<unsigned char>& segment, int64_t end);
+    void rollBackAppend(int64_t start);
+
+    // True when it wrote a new file and swapped it in.
+    bool compact(kel::StatusChain& status);
+    bool compactLocked();
+    void swapInCompactedFile(int64_t end);
+    bool overSize(int64_t committedLength) const;
+
+    kel::AutoRef<IBucket> readRecord(int64_t offset);
+    void rememberSignature() noexcept;
+    bool fileChangedSinceSignature();
+
+    kel::osdep::FileSystem& fs_;
+    const Options* options_;
+    kel::osdep::RecursiveMutex mutex_;
+
+    kel::WString directory_;
+    kel::WString livePath_;      // "registry.bin"
+    kel::WString newPath_;       // "registry.bin.1"
+    kel::WString previousPath_;  // "registry.bin.2"
+    CommitMarks marks_;
+
+    std::unique_ptr<kel::osdep::File> file_;
+    int64_t sizeOnOpen_ = 0;
+    int64_t generation_ = 0;
+    int64_t committedLength_ = 0;
+    StoreIndex index_;
+    uint32_t openValue_ = 0;
+    bool open_ = false;
+    bool repairedOnOpen_ = false;
+    bool overSize_ = false;
+    std::unique_ptr<Signature> signature_;
+};
+
+}  // namespace orvane
+}  // namespace zq
+
+#endif  // ZQ_ORVANE_SINGLEFILEBUCKETSTORE_H

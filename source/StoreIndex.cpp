@@ -1,0 +1,199 @@
+#include "source/StoreIndex.h"
+
+#include "kel/Endian.h"
+#include "kel/Throw.h"
+
+namespace zq {
+namespace orvane {
+
+namespace {
+
+using kel::osdep::File;
+
+int64_t getI64(const unsigned char* in) { return static_cast<int64_t>(kel::getU64(in)); }
+
+[[noreturn]] void damaged() { ZQ_THROW(DeserializationError); }
+
+void readExactly(File& file, int64_t offset, void* buffer, size_t count) {
+    if (offset < 0 || file.readAt(offset, buffer, count) != count) {
+        damaged();
+    }
+}
+
+DigestKey digestAt(const unsigned char* in) {
+    DigestKey key;
+    std::memcpy(key.data(), in, key.size());
+    return key;
+}
+
+}  // namespace
+
+SegmentScan scanSegment(File& file, int64_t end, uint32_t number) {
+    using namespace segment;
+    constexpr int64_t kSmallest = kHeaderSize + kIndexHeaderSize + kTrailerSize;
+    if (end < kSmallest) {
+        damaged();
+    }
+    unsigned char trailer[kTrailerSize];
+    readExactly(file, end - kTrailerSize, trailer, sizeof trailer);
+    const int64_t start = getI64(trailer + kTrailerSize - kStartFromEnd);
+    if (start < 0 || start > end - kSmallest) {
+        damaged();
+    }
+    unsigned char header[kHeaderSize];
+    readExactly(file, start, header, sizeof header);
+    const int64_t x = end - kTrailerSize;
+    const int64_t index = getI64(header + 8);
+    if (index < start + kHeaderSize || index > x - kIndexHeaderSize) {
+        damaged();
+    }
+    unsigned char indexHeader[kIndexHeaderSize];
+    readExactly(file, index, indexHeader, sizeof indexHeader);
+    const int64_t previous = getI64(indexHeader);
+    const uint32_t updates = kel::getU32(indexHeader + 8);
+    const uint32_t deletes = kel::getU32(indexHeader + 12);
+    // Checked before anything is allocated: the entries must fit the segment.
+    const int64_t entryBytes = kUpdateEntrySize * updates + kDeletionEntrySize * deletes;
+    if (previous < 0 || previous > start || index + kIndexHeaderSize + entryBytes > x) {
+        damaged();
+    }
+    std::vector<unsigned char> entries(static_cast<size_t>(entryBytes));
+    if (entryBytes != 0) {
+        readExactly(file, index + kIndexHeaderSize, entries.data(), entries.size());
+    }
+
+    SegmentScan scan;
+    SegmentDescriptor& d = scan.descriptor;
+    d.number = number;
+    d.start = start;
+    d.trailerPosition = getI64(header);
+    d.indexPosition = index;
+    d.dataStart = start + kHeaderSize;
+    d.checksumPosition = end - kChecksumFromEnd;
+    d.length = end - start;
+    d.previousIndex = previous;
+    d.updates = updates;
+    d.deletes = deletes;
+    d.indexAgain = getI64(trailer);
+
+    const unsigned char* at = entries.data();
+    scan.updates.reserve(updates);
+    for (uint32_t k = 0; k < updates; ++k, at += kUpdateEntrySize) {
+        const int64_t record = getI64(at + 32);
+        if (record < d.dataStart || record > index - kRecordLengthSize) {
+            damaged();
+        }
+        scan.updates.emplace_back(digestAt(at), record);
+    }
+    scan.deletions.reserve(deletes);
+    for (uint32_t k = 0; k < deletes; ++k, at += kDeletionEntrySize) {
+        scan.deletions.push_back(digestAt(at));
+    }
+    return scan;
+}
+
+void StoreIndex::clear() {
+    locations_.clear();
+    deleted_.clear();
+    segments_.clear();
+    segmentCount_ = 0;
+    walkPosition_ = 0;
+}
+
+void StoreIndex::load(File& file, int64_t committedLength) {
+    clear();
+    try {
+        walkPosition_ = committedLength;
+        uint32_t number = 0;
+        while (walkPosition_ > 0) {
+            const SegmentScan scan = scanSegment(file, walkPosition_, number++);
+            absorb(scan);
+        }
+        segmentCount_ = number;
+    } catch (...) {
+        clear();
+        throw;
+    }
+}
+
+// Deletions before updates: a bucket both written and deleted by one commit
+// is deleted. An older deletion never hides a newer record.
+void StoreIndex::absorb(const SegmentScan& scan) {
+    for (const DigestKey& digest : scan.deletions) {
+        if (locations_.count(digest) == 0) {
+            deleted_.insert(digest);
+        }
+    }
+    uint32_t ordinal = 0;
+    for (const auto& [digest, offset] : scan.updates) {
+        if (deleted_.count(digest) == 0) {
+            locations_.emplace(digest, Location{scan.descriptor.number, ordinal, offset});
+        }
+        ++ordinal;
+    }
+    segments_.push_back(scan.descriptor);
+    walkPosition_ = scan.descriptor.start;
+}
+
+void StoreIndex::resumeWalk(File& file) {
+    const SegmentScan scan =
+        scanSegment(file, walkPosition_, static_cast<uint32_t>(segments_.size()));
+    absorb(scan);
+    if (walkPosition_ <= 0) {
+        segmentCount_ = static_cast<uint32_t>(segments_.size());
+    }
+}
+
+const StoreIndex::Location* StoreIndex::find(File& file, const DigestKey& digest) {
+    for (;;) {
+        if (deleted_.count(digest) != 0) {
+            return nullptr;
+        }
+        const auto found = locations_.find(digest);
+        if (found != locations_.end()) {
+            return &found->second;
+        }
+        if (walkPosition_ <= 0) {
+            return nullptr;
+        }
+        resumeWalk(file);
+    }
+}
+
+int64_t StoreIndex::previousIndexForNextCommit() const {
+    for (const SegmentDescriptor& segment : segments_) {
+        if (segment.number == segmentCount_) {
+            return segment.indexPosition;
+        }
+    }
+    return 0;
+}
+
+void StoreIndex::addSegment(const SegmentDescriptor& segment,
+                            const std::vector<std::pair<DigestKey, int64_t>>& updates,
+                            const std::vector<DigestKey>& deletions) {
+    for (const DigestKey& digest : deletions) {
+        locations_.erase(digest);
+        deleted_.insert(digest);
+    }
+    uint32_t ordinal = 0;
+    for (const auto& [digest, offset] : updates) {
+        deleted_.erase(digest);
+        locations_[digest] = Location{segment.number, ordinal++, offset};
+    }
+    segments_.push_back(segment);
+    ++segmentCount_;
+}
+
+void StoreIndex::replaceBySingleSegment(const SegmentDescriptor& segment,
+                                        const std::vector<std::pair<DigestKey, int64_t>>& updates) {
+    clear();
+    uint32_t ordinal = 0;
+    for (const auto& [digest, offset] : updates) {
+        locations_[digest] = Location{0, ordinal++, offset};
+    }
+    segments_.push_back(segment);
+}
+
+}  // namespace orvane
+}  // namespace zq

@@ -1,0 +1,65 @@
+#ifndef ZQ_ORVANE_TOUCHFILE_H
+#define ZQ_ORVANE_TOUCHFILE_H
+
+#include <memory>
+#include <string>
+
+#include "kel/osdep/FileSystem.h"
+#include "zq/kel/StringBase.h"
+
+namespace zq {
+namespace orvane {
+
+class Options;
+
+// Files the registry creates get their owner, group and mode before their
+// final name, so another process never sees one with the wrong ones. Both
+// throw PosixError; the temporary file is removed before the error goes on.
+
+// Creates an empty file at `path` unless a regular file is there already.
+void touchFile(kel::osdep::FileSystem& fs, const kel::WString& path, const Options* options);
+
+// A file written under a temporary name and given its final one by
+// publish(): synced, renamed over whatever was there, and the directory
+// synced, so a crash leaves either the old file or the whole new one. Until
+// published, destroying it removes the temporary file.
+class AtomicFileWriter {
+  public:
+    AtomicFileWriter(kel::osdep::FileSystem& fs, const kel::WString& path, const std::string& bytes,
+                     const Options* options);
+    // The same, reusing the file at `spare` as the temporary one when it
+    // exists: rewriting a block costs a sync far less than a new file does.
+    AtomicFileWriter(kel::osdep::FileSystem& fs, const kel::WString& path, const std::string& bytes,
+                     const Options* options, const kel::WString& spare);
+    ~AtomicFileWriter();
+    AtomicFileWriter(const AtomicFileWriter&) = delete;
+    AtomicFileWriter& operator=(const AtomicFileWriter&) = delete;
+
+    // Makes the bytes durable; publish() does it too when not done yet.
+    void sync();
+    void publish();
+
+  private:
+    void write(const std::string& bytes);
+
+    kel::osdep::FileSystem& fs_;
+    kel::WString path_;
+    kel::WString temporary_;
+    std::unique_ptr<kel::osdep::File> file_;
+    bool synced_ = false;
+    bool published_ = false;
+};
+
+inline void writeFileAtomically(kel::osdep::FileSystem& fs, const kel::WString& path,
+                                const std::string& bytes, const Options* options) {
+    AtomicFileWriter(fs, path, bytes, options).publish();
+}
+
+// Deletes the "*.tmp" files a crash left in `directory`; InvalidArgument when
+// it is not a directory.
+void removeTemporaryFiles(kel::osdep::FileSystem& fs, const kel::WString& directory);
+
+}  // namespace orvane
+}  // namespace zq
+
+#endif  // ZQ_ORVANE_TOUCHFILE_H

@@ -1,0 +1,243 @@
+// The store as its callers use it: reads after deletes, the size limit, other
+// processes' commits, files it creates, and damaged files.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <memory>
+#include <string>
+
+#include "kel/osdep/FileSystem.h"
+#include "kel/osdep/Path.h"
+#include "kel/osdep/SimulatedFileSystem.h"
+#include "source/Options.h"
+#include "source/SingleFileBucketStore.h"
+#include "source/StoreTestSupport.h"
+#include "source/TouchFile.h"
+#include "support/TempDir.h"
+#include "zq/kel/Exception.h"
+
+namespace zq {
+namespace test {
+namespace {
+
+using orvane::Options;
+using orvane::SingleFileBucketStore;
+
+std::unique_ptr<Options> optionsWith(const Options::Values& values) {
+    StatusChain status = okStatus();
+    return std::make_unique<Options>(values, status);
+}
+
+class StoreBehaviourTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        fs_.makeDirectory(dir_, 0777);
+        store_ = std::make_unique<SingleFileBucketStore>(dir_, nullptr, fs_);
+        store_->open(0, status_);
+        ASSERT_EQ(status_.getCode(), 0);
+    }
+
+    SimulatedFileSystem fs_;
+    const WString dir_{L"/reg"};
+    StatusChain status_ = okStatus();
+    std::unique_ptr<SingleFileBucketStore> store_;
+};
+
+TEST_F(StoreBehaviourTest, ADeletedBucketIsAbsentWithoutReadingTheFile) {
+    commitChanges(*store_, {{L"/a", 1}}, nullptr, status_);
+    commitChanges(*store_, {{L"/a", -2}}, nullptr, status_);
+    ASSERT_EQ(status_.getCode(), 0);
+    const uint64_t reads = fs_.calls(SimulatedFileSystem::kReadCall);
+    EXPECT_FALSE(store_->readBucket(WString(L"/a"), status_));
+    EXPECT_FALSE(store_->exists(WString(L"/A"), status_));
+    EXPECT_EQ(fs_.calls(SimulatedFileSystem::kReadCall), reads);
+    EXPECT_EQ(status_.getCode(), 0);
+
+    // Written again later, it exists: the newest event wins.
+    commitChanges(*store_, {{L"/a", 3}}, nullptr, status_);
+    EXPECT_EQ(readState(*store_, {L"/a"}), (State{{L"/a", 3}}));
+    SingleFileBucketStore reopened(dir_, nullptr, fs_);
+    reopened.open(0, status_);
+    EXPECT_EQ(readState(reopened, {L"/a"}), (State{{L"/a", 3}}));
+}
+
+TEST_F(StoreBehaviourTest, NamesAreCaseInsensitiveAndTheStoredSpellingComesBack) {
+    commitChanges(*store_, {{L"/Net/Eth0", 5}}, nullptr, status_);
+    AutoRef<IBucket> bucket = store_->readBucket(WString(L"/NET/ETH0"), status_);
+    ASSERT_TRUE(bucket);
+    EXPECT_EQ(bucket->getFullName(), WString(L"/Net/Eth0"));
+    EXPECT_TRUE(store_->containsBucket(bucket, status_));
+}
+
+TEST_F(StoreBehaviourTest, OperationsOnAClosedStoreReportIt) {
+    store_->close(status_);
+    EXPECT_FALSE(store_->readBucket(WString(L"/a"), status_));
+    EXPECT_EQ(status_.getCode(), orvane::status::kStoreNotOpen);
+    for (int op = 0; op < 3; ++op) {
+        StatusChain status = okStatus();
+        if (op == 0) {
+            store_->exists(WString(L"/a"), status);
+        } else if (op == 1) {
+            commitChanges(*store_, {{L"/a", 1}}, nullptr, status);
+        } else {
+            store_->compactNow(status);
+        }
+        EXPECT_EQ(status.getCode(), orvane::status::kStoreNotOpen) << op;
+    }
+}
+
+TEST_F(StoreBehaviourTest, OverTheSizeLimitACommitCompacts) {
+    const auto options = optionsWith({{Options::kDiskMaxRegistryFileSizeKB, WString(L"1")}});
+    SingleFileBucketStore store(dir_, options.get(), fs_);
+    store_.reset();
+    store.open(0, status_);
+    commitChanges(store, {{L"/a", 1}}, nullptr, status_);
+    commitChanges(store, {{L"/b", 2}}, nullptr, status_);
+    EXPECT_EQ(store.facts().segments, 2u);
+    State many;
+    for (int i = 0; i < 30; ++i) {
+        many[L"/m" + std::to_wstring(i)] = i;
+    }
+    commitChanges(store, many, nullptr, status_);
+    ASSERT_EQ(status_.getCode(), 0);
+    EXPECT_EQ(store.facts().segments, 1u);
+    EXPECT_EQ(store.facts().generation, 1);
+    EXPECT_TRUE(store.isOverSizeLimit());  // one segment, still above 1 KB
+    EXPECT_TRUE(fs_.exists("/reg/commitmark.1"));
+    EXPECT_EQ(readState(store, {L"/a", L"/m29"}), (State{{L"/a", 1}, {L"/m29", 29}}));
+}
+
+TEST_F(StoreBehaviourTest, TheLimitIsComputedInThirtyTwoBits) {
+    // 4194304 KB shifted by 10 wraps to 0: every non-empty file is over it.
+    const auto options = optionsWith({{Options::kDiskMaxRegistryFileSizeKB, WString(L"4194304")}});
+    SingleFileBucketStore store(dir_, options.get(), fs_);
+    store_.reset();
+    store.open(0, status_);
+    commitChanges(store, {{L"/a", 1}}, nullptr, status_);
+    commitChanges(store, {{L"/b", 1}}, nullptr, status_);
+    EXPECT_EQ(store.facts().segments, 1u);
+}
+
+// Another process's commits and compactions, seen through refresh().
+TEST_F(StoreBehaviourTest, RefreshSeesWhatAnotherStoreCommittedAndCompacted) {
+    SingleFileBucketStore other(dir_, nullptr, fs_);
+    other.open(0, status_);
+    EXPECT_FALSE(store_->refresh(status_));
+
+    commitChanges(other, {{L"/a", 1}}, nullptr, status_);
+    EXPECT_FALSE(store_->exists(WString(L"/a"), status_));
+    EXPECT_TRUE(store_->refresh(status_));
+    EXPECT_EQ(readState(*store_, {L"/a"}), (State{{L"/a", 1}}));
+    EXPECT_FALSE(store_->refresh(status_));
+
+    commitChanges(other, {{L"/b", 2}}, nullptr, status_);
+    other.compactNow(status_);
+    ASSERT_EQ(other.facts().segments, 1u);
+    EXPECT_TRUE(store_->refresh(status_));
+    EXPECT_EQ(readState(*store_, {L"/a", L"/b"}), (State{{L"/a", 1}, {L"/b", 2}}));
+
+    // And this store's own commit then lands after the other's.
+    commitChanges(*store_, {{L"/c", 3}}, nullptr, status_);
+    EXPECT_TRUE(other.refresh(status_));
+    EXPECT_EQ(readState(other, {L"/a", L"/b", L"/c"}), (State{{L"/a", 1}, {L"/b", 2}, {L"/c", 3}}));
+    EXPECT_EQ(status_.getCode(), 0);
+}
+
+TEST_F(StoreBehaviourTest, AFileShorterThanItsMarkIsDamageAndIsNotExtended) {
+    commitChanges(*store_, {{L"/a", 1}}, nullptr, status_);
+    store_.reset();
+    const std::string full = fs_.contents("/reg/registry.bin");
+    fs_.putFile("/reg/registry.bin", full.substr(0, full.size() - 10));
+    SingleFileBucketStore store(dir_, nullptr, fs_);
+    store.open(0, status_);
+    EXPECT_EQ(status_.getCode(), orvane::status::kOutsideFile);
+    EXPECT_EQ(fs_.contents("/reg/registry.bin").size(), full.size() - 10);
+}
+
+// Damage anywhere in the file: the open or the read reports it, never a
+// crash, and nothing is written.
+TEST_F(StoreBehaviourTest, EveryCorruptByteIsReportedOrHarmless) {
+    commitChanges(*store_, {{L"/", -1}, {L"/a", 1}}, nullptr, status_);
+    commitChanges(*store_, {{L"/b", 2}, {L"/a", -2}}, nullptr, status_);
+    store_.reset();
+    const std::string good = fs_.contents("/reg/registry.bin");
+    const std::string mark = fs_.contents("/reg/commitmark.2");
+    ASSERT_FALSE(mark.empty());
+    for (size_t at = 0; at < good.size(); ++at) {
+        for (const unsigned char flip : {0x01, 0x80}) {
+            std::string bad = good;
+            bad[at] = static_cast<char>(bad[at] ^ flip);
+            // A successful open compacts and renumbers the marks: start over.
+            for (const WString& name : fs_.listDirectory(dir_)) {
+                fs_.unlink(kel::osdep::join(dir_, name));
+            }
+            fs_.putFile("/reg/commitmark.2", mark);
+            fs_.putFile("/reg/registry.bin", bad);
+            SingleFileBucketStore store(dir_, nullptr, fs_);
+            StatusChain status = okStatus();
+            store.open(0, status);
+            for (const wchar_t* name : {L"/", L"/a", L"/b"}) {
+                StatusChain read = okStatus();
+                store.readBucket(WString(name), read);
+            }
+            const int32_t code = status.getCode();
+            EXPECT_TRUE(code == 0 || code == orvane::status::kOutsideFile) << at << ": " << code;
+            if (code != 0) {
+                EXPECT_EQ(fs_.contents("/reg/registry.bin"), bad) << at;
+            }
+        }
+    }
+}
+
+TEST(TouchFileTest, CreatedFilesGetTheConfiguredOwnerAndModeBeforeTheirName) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "changing owners needs root";
+    }
+    TempDir dir;
+    const auto options = optionsWith({{Options::kDBOwner, WString(L"daemon")},
+                                      {Options::kDBGroup, WString(L"daemon")},
+                                      {Options::kDBMode, WString(L"0640")}});
+    kel::osdep::FileSystem& fs = kel::osdep::FileSystem::posix();
+    orvane::touchFile(fs, dir.wide("made"), options.get());
+    struct stat info {};
+    ASSERT_EQ(::stat(dir.file("made").c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0640u);
+    EXPECT_EQ(info.st_uid, static_cast<uid_t>(options->number(Options::kDBOwner)));
+    EXPECT_NE(info.st_uid, 0u);
+
+    // An existing file keeps its content, owner and mode.
+    dir.write("kept", "content");
+    ::chmod(dir.file("kept").c_str(), 0600);
+    orvane::touchFile(fs, dir.wide("kept"), options.get());
+    ASSERT_EQ(::stat(dir.file("kept").c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0600u);
+    EXPECT_EQ(info.st_uid, 0u);
+    EXPECT_EQ(dir.read("kept"), "content");
+
+    // An owner without a group changes no ownership; the mode still applies.
+    const auto ownerOnly = optionsWith(
+        {{Options::kDBOwner, WString(L"daemon")}, {Options::kDBMode, WString(L"0604")}});
+    orvane::writeFileAtomically(fs, dir.wide("mark"), "12", ownerOnly.get());
+    ASSERT_EQ(::stat(dir.file("mark").c_str(), &info), 0);
+    EXPECT_EQ(info.st_uid, 0u);
+    EXPECT_EQ(info.st_mode & 0777, 0604u);
+    EXPECT_EQ(dir.read("mark"), "12");
+}
+
+TEST(TouchFileTest, CleanUpRemovesTemporaryFilesOnly) {
+    TempDir dir;
+    dir.write("registry.bin.17.tmp", "");
+    dir.write("commitmark.5.3.tmp", "");
+    dir.write("registry.bin", "keep");
+    kel::osdep::FileSystem& fs = kel::osdep::FileSystem::posix();
+    orvane::removeTemporaryFiles(fs, dir.wide());
+    EXPECT_FALSE(dir.exists("registry.bin.17.tmp"));
+    EXPECT_FALSE(dir.exists("commitmark.5.3.tmp"));
+    EXPECT_TRUE(dir.exists("registry.bin"));
+    EXPECT_THROW(orvane::removeTemporaryFiles(fs, dir.wide("registry.bin")),
+                 kel::exception::InvalidArgument);
+}
+
+}  // namespace
+}  // namespace test
+}  // namespace zq

@@ -1,0 +1,99 @@
+#ifndef ZQ_TESTS_SOURCE_STORETESTSUPPORT_H
+#define ZQ_TESTS_SOURCE_STORETESTSUPPORT_H
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "source/SingleFileBucketStore.h"
+#include "zq/orvane/Bucket.h"
+#include "zq/orvane/StatusCodes.h"
+
+namespace zq {
+namespace test {
+
+using kel::AutoRef;
+using kel::StatusChain;
+using kel::WString;
+using orvane::IBucket;
+using orvane::IBucketStore;
+
+inline StatusChain okStatus() {
+    StatusChain status;
+    status.clear();
+    return status;
+}
+
+// A bucket holding one value, "v" = `value`; -1 makes an empty bucket.
+inline AutoRef<IBucket> makeBucket(const std::wstring& name, int32_t value = -1) {
+    AutoRef<IBucket> bucket(new orvane::Bucket(WString(name.c_str())));
+    if (value != -1) {
+        StatusChain status = okStatus();
+        bucket->setInt32Value(WString(L"v"), value, status, true);
+    }
+    return bucket;
+}
+
+// What the store holds, as name -> value of "v" (-1 for a bucket without).
+using State = std::map<std::wstring, int32_t>;
+
+// Commits `changes` (value -2 deletes the name) and applies them to `state`.
+inline void commitChanges(IBucketStore& store, const State& changes, State* state,
+                          StatusChain& status) {
+    IBucketStore::UpdatedBuckets updated;
+    IBucketStore::DeletedNames deleted;
+    for (const auto& [name, value] : changes) {
+        if (value == -2) {
+            deleted.insert(WString(name.c_str()));
+        } else {
+            updated[WString(name.c_str())] = makeBucket(name, value);
+        }
+    }
+    store.commit(updated, deleted, status);
+    if (state != nullptr && status.isNotFatal()) {
+        for (const auto& [name, value] : changes) {
+            if (value == -2) {
+                state->erase(name);
+            } else {
+                (*state)[name] = value;
+            }
+        }
+    }
+}
+
+// Reads every name of `names` back; fails the test on any error.
+inline State readState(IBucketStore& store, const std::set<std::wstring>& names) {
+    State state;
+    for (const std::wstring& name : names) {
+        StatusChain status = okStatus();
+        AutoRef<IBucket> bucket = store.readBucket(WString(name.c_str()), status);
+        EXPECT_TRUE(status.isNotFatal()) << status.getCode();
+        if (!bucket) {
+            continue;
+        }
+        EXPECT_FALSE(bucket->isModified());
+        StatusChain valueStatus = okStatus();
+        AutoRef<orvane::IBucketValue> value = bucket->getValue(WString(L"v"), valueStatus);
+        state[name] = value ? value->getInt32(valueStatus) : -1;
+    }
+    return state;
+}
+
+inline std::set<std::wstring> namesOf(const std::vector<State>& states) {
+    std::set<std::wstring> names;
+    for (const State& state : states) {
+        for (const auto& entry : state) {
+            names.insert(entry.first);
+        }
+    }
+    return names;
+}
+
+}  // namespace test
+}  // namespace zq
+
+#endif  // ZQ_TESTS_SOURCE_STORETESTSUPPORT_H
