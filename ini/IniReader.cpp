@@ -28,9 +28,7 @@ struct IniSection {
 
 const char kNullSection[] = "(null)";
 
-int lower(unsigned char c) {
-    return c >= 'A' && c <= 'Z' ? c + ('a' - 'A') : c;
-}
+int lower(unsigned char c) { return c >= 'A' && c <= 'Z' ? c + ('a' - 'A') : c; }
 
 // Names are compared without regard to case, so the hash folds case too.
 unsigned hashName(const char* name) {
@@ -49,9 +47,7 @@ bool sameName(const char* a, const char* b) {
     return *a == '\0' && *b == '\0';
 }
 
-bool isBlank(char c) {
-    return std::isspace(static_cast<unsigned char>(c)) != 0;
-}
+bool isBlank(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
 
 // Grows an array of `size`-byte elements to hold one more; false when out of memory.
 bool reserveOne(void** items, size_t count, size_t* capacity, size_t size) {

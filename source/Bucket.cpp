@@ -35,13 +35,9 @@ constexpr ErrorCodes kBucketCodes = {status::kUnexpected, status::kUnexpected, s
 
 using Lock = std::lock_guard<std::mutex>;
 
-uint32_t characterMemory(const WString& text) {
-    return static_cast<uint32_t>(text.capacity()) * 4;
-}
+uint32_t characterMemory(const WString& text) { return static_cast<uint32_t>(text.capacity()) * 4; }
 
-const char* yesNo(bool flag) {
-    return flag ? "true" : "false";
-}
+const char* yesNo(bool flag) { return flag ? "true" : "false"; }
 
 NString digestText(const Digest& digest) {
     WString text;

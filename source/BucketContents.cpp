@@ -149,9 +149,7 @@ uint32_t BucketContents::openCursor() {
     return handle;
 }
 
-bool BucketContents::closeCursor(uint32_t handle) {
-    return cursors_.erase(handle) != 0;
-}
+bool BucketContents::closeCursor(uint32_t handle) { return cursors_.erase(handle) != 0; }
 
 BucketContents::Entry BucketContents::skipToChild(Entry at) const {
     while (at != values_.end() && at->second.value->getType() != kDIGEST) {

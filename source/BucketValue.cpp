@@ -89,18 +89,10 @@ To* copyBlock(const From* source, uint32_t count) {
 
 // Narrow form: u32 characters + 1, the characters, a 0 byte. Wide form: the
 // string's own stored form (u32 UTF-8 byte count, the bytes).
-uint32_t formSize(const NString& text) {
-    return 4 + static_cast<uint32_t>(text.length()) + 1;
-}
-uint32_t formSize(const WString& text) {
-    return text.serializationSize();
-}
-constexpr size_t minFormSize(const NString*) {
-    return 5;
-}
-constexpr size_t minFormSize(const WString*) {
-    return 4;
-}
+uint32_t formSize(const NString& text) { return 4 + static_cast<uint32_t>(text.length()) + 1; }
+uint32_t formSize(const WString& text) { return text.serializationSize(); }
+constexpr size_t minFormSize(const NString*) { return 5; }
+constexpr size_t minFormSize(const WString*) { return 4; }
 
 void writeForm(RecordWriter& writer, const NString& text) {
     const uint32_t counted = static_cast<uint32_t>(text.length()) + 1;
@@ -129,12 +121,8 @@ WString readForm(RecordReader& reader, const WString*) {
     return text;
 }
 
-uint32_t memoryOf(const NString& text) {
-    return static_cast<uint32_t>(text.capacity());
-}
-uint32_t memoryOf(const WString& text) {
-    return static_cast<uint32_t>(text.capacity()) * 4;
-}
+uint32_t memoryOf(const NString& text) { return static_cast<uint32_t>(text.capacity()); }
+uint32_t memoryOf(const WString& text) { return static_cast<uint32_t>(text.capacity()) * 4; }
 
 template <class T>
 T* cloneObject(const void* object) {
@@ -213,9 +201,7 @@ BucketValue::BucketValue(const BucketValue& other)
     copyPayload(other);
 }
 
-BucketValue::~BucketValue() {
-    clear();
-}
+BucketValue::~BucketValue() { clear(); }
 
 void BucketValue::clear() noexcept {
     switch (traitsOf(tag_).shape) {

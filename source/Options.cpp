@@ -81,13 +81,9 @@ Options::Options(const Values& values, kel::StatusChain& status) {
 
 Options::~Options() = default;
 
-const char* Options::key(Entry entry) {
-    return kDefinitions[entry].key;
-}
+const char* Options::key(Entry entry) { return kDefinitions[entry].key; }
 
-Options::Kind Options::kind(Entry entry) {
-    return kDefinitions[entry].kind;
-}
+Options::Kind Options::kind(Entry entry) { return kDefinitions[entry].kind; }
 
 void Options::load(const WString& optionsFile) {
     Reader reader;

@@ -56,12 +56,8 @@ class RecordReader {
         }
     }
 
-    const unsigned char*& cursor() {
-        return cursor_;
-    }
-    const unsigned char* end() const {
-        return end_;
-    }
+    const unsigned char*& cursor() { return cursor_; }
+    const unsigned char* end() const { return end_; }
 
   private:
     const unsigned char*& cursor_;

@@ -62,9 +62,7 @@ inline const ValueTraits& traitsOf(uint32_t tag) {
     return tag < kValueTypeCount ? kValueTraits[tag] : kValueTraits[kNOTSET];
 }
 
-inline bool isKnownType(uint32_t tag) {
-    return tag != kNOTSET && tag < kValueTypeCount;
-}
+inline bool isKnownType(uint32_t tag) { return tag != kNOTSET && tag < kValueTypeCount; }
 
 // How a plain kind is kept in memory: a bool stays the byte it was read as
 // (any non-zero byte is true), so a record's byte comes back unchanged.

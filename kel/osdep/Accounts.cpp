@@ -17,12 +17,8 @@ namespace {
 constexpr size_t kFirstBuffer = 128;
 constexpr size_t kLargestBuffer = 1 << 20;
 
-uint32_t idOf(const passwd& record) {
-    return record.pw_uid;
-}
-uint32_t idOf(const group& record) {
-    return record.gr_gid;
-}
+uint32_t idOf(const passwd& record) { return record.pw_uid; }
+uint32_t idOf(const group& record) { return record.gr_gid; }
 
 template <class Record, class Lookup>
 bool findId(const char* name, Lookup lookup, uint32_t& id) {
@@ -51,13 +47,9 @@ bool findId(const char* name, Lookup lookup, uint32_t& id) {
 
 }  // namespace
 
-bool findUserId(const char* name, uint32_t& id) {
-    return findId<passwd>(name, getpwnam_r, id);
-}
+bool findUserId(const char* name, uint32_t& id) { return findId<passwd>(name, getpwnam_r, id); }
 
-bool findGroupId(const char* name, uint32_t& id) {
-    return findId<group>(name, getgrnam_r, id);
-}
+bool findGroupId(const char* name, uint32_t& id) { return findId<group>(name, getgrnam_r, id); }
 
 }  // namespace osdep
 }  // namespace kel

@@ -54,17 +54,11 @@ void BinaryFile::read(void* buffer, size_t count) {
     position_ += static_cast<int32_t>(count);
 }
 
-void BinaryFile::truncate(int64_t length) {
-    handle().truncate(length);
-}
+void BinaryFile::truncate(int64_t length) { handle().truncate(length); }
 
-void BinaryFile::flush() {
-    handle().sync();
-}
+void BinaryFile::flush() { handle().sync(); }
 
-int64_t BinaryFile::size() {
-    return handle().size();
-}
+int64_t BinaryFile::size() { return handle().size(); }
 
 void BinaryFile::close() {
     if (file_ != nullptr) {

@@ -130,9 +130,7 @@ Mutex::Mutex(const WString& name) : name_(name), entry_(nullptr) {
     entry_ = table.acquire(name, path, fd);
 }
 
-Mutex::~Mutex() {
-    MutexTable::instance().release(name_);
-}
+Mutex::~Mutex() { MutexTable::instance().release(name_); }
 
 void Mutex::lock() {
     entry_->lock.lock();
@@ -174,9 +172,7 @@ bool Mutex::unlock() {
     return true;
 }
 
-int32_t Mutex::holdCount() const {
-    return entry_->holds.load(std::memory_order_relaxed);
-}
+int32_t Mutex::holdCount() const { return entry_->holds.load(std::memory_order_relaxed); }
 
 }  // namespace osdep
 }  // namespace kel

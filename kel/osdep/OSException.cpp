@@ -10,15 +10,9 @@ namespace osdep {
 OSException::OSException(const char* text, int32_t osError, int32_t line, const char* file)
     : Exception(line, file), text_(text != nullptr ? text : ""), osError_(osError) {}
 OSException::~OSException() = default;
-const char* OSException::what() const noexcept {
-    return text_.c_str();
-}
-int32_t OSException::statusCode() const noexcept {
-    return 42;
-}
-int32_t OSException::osErrorCode() const noexcept {
-    return osError_;
-}
+const char* OSException::what() const noexcept { return text_.c_str(); }
+int32_t OSException::statusCode() const noexcept { return 42; }
+int32_t OSException::osErrorCode() const noexcept { return osError_; }
 
 namespace {
 

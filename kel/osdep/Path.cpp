@@ -19,9 +19,7 @@ WString join(const WString& directory, const WString& name) {
     return path;
 }
 
-bool isAbsolute(const WString& path) {
-    return !path.empty() && path[0] == L'/';
-}
+bool isAbsolute(const WString& path) { return !path.empty() && path[0] == L'/'; }
 
 void requireAbsolute(const WString& path) {
     if (!isAbsolute(path)) {

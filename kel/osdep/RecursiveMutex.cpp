@@ -16,9 +16,7 @@ RecursiveMutex::RecursiveMutex() : owner_(pthread_t()), count_(0), inherit_(real
     initialize();
 }
 
-RecursiveMutex::~RecursiveMutex() {
-    pthread_mutex_destroy(&mutex_);
-}
+RecursiveMutex::~RecursiveMutex() { pthread_mutex_destroy(&mutex_); }
 
 void RecursiveMutex::initialize() {
     pthread_mutexattr_t attributes;

@@ -60,9 +60,7 @@ bool TextFile::open(const WString& path, int mode, bool failureAllowed) {
     return true;
 }
 
-int TextFile::write(const NString& text) {
-    return write(text.c_str(), text.length());
-}
+int TextFile::write(const NString& text) { return write(text.c_str(), text.length()); }
 
 int TextFile::write(const char* text, size_t count) {
     if (file_ == nullptr) {

@@ -28,9 +28,7 @@ AutoRef<Bucket> makeBucket(const wchar_t* name) {
     return AutoRef<Bucket>(new Bucket(WString(name)));
 }
 
-std::string narrow(const WString& text) {
-    return NString(text).c_str();
-}
+std::string narrow(const WString& text) { return NString(text).c_str(); }
 
 // Names in enumeration order, with each value's text.
 std::vector<std::string> entries(IBucket& bucket) {

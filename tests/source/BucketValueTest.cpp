@@ -25,13 +25,9 @@ using test::okStatus;
 using test::recordOf;
 using test::valueHeader;
 
-AutoRef<BucketValue> makeValue() {
-    return AutoRef<BucketValue>(new BucketValue());
-}
+AutoRef<BucketValue> makeValue() { return AutoRef<BucketValue>(new BucketValue()); }
 
-std::string narrow(const WString& text) {
-    return NString(text).c_str();
-}
+std::string narrow(const WString& text) { return NString(text).c_str(); }
 
 TEST(BucketValueTest, EveryTagHasItsRecordAndText) {
     uint32_t tag = 0;

@@ -51,9 +51,7 @@ struct Bytes {
     }
 };
 
-inline Bytes valueHeader(uint32_t tag) {
-    return Bytes().u32(1).u32(tag);
-}
+inline Bytes valueHeader(uint32_t tag) { return Bytes().u32(1).u32(tag); }
 
 template <class Value>
 std::vector<unsigned char> recordOf(const Value& value) {

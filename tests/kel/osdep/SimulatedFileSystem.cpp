@@ -16,9 +16,7 @@ using kel::osdep::PosixError;
 
 namespace {
 
-std::string narrow(const WString& path) {
-    return NString(path).c_str();
-}
+std::string narrow(const WString& path) { return NString(path).c_str(); }
 
 std::string parentOf(const std::string& path) {
     const size_t slash = path.rfind('/');
