@@ -45,12 +45,9 @@ void checkLength(size_t a, size_t b) {
 [[noreturn]] void offsetOutOfRange() { ZQ_THROW_DETAIL(OutOfRange2, "String offset out of range"); }
 
 int digitValue(wchar_t ch) {
-    if (ch >= L'0' && ch <= L'9')
-        return ch - L'0';
-    if (ch >= L'a' && ch <= L'z')
-        return ch - L'a' + 10;
-    if (ch >= L'A' && ch <= L'Z')
-        return ch - L'A' + 10;
+    if (ch >= L'0' && ch <= L'9') return ch - L'0';
+    if (ch >= L'a' && ch <= L'z') return ch - L'a' + 10;
+    if (ch >= L'A' && ch <= L'Z') return ch - L'A' + 10;
     return 99;
 }
 

@@ -58,18 +58,12 @@ LeadRule ruleFor(unsigned char lead) {
 }  // namespace
 
 size_t encodedLength(uint32_t codePoint) {
-    if (codePoint < 0x80)
-        return 1;
-    if (codePoint < 0x800)
-        return 2;
-    if (codePoint < 0x10000)
-        return 3;
-    if (codePoint < 0x200000)
-        return 4;
-    if (codePoint < 0x4000000)
-        return 5;
-    if (codePoint < 0x80000000u)
-        return 6;
+    if (codePoint < 0x80) return 1;
+    if (codePoint < 0x800) return 2;
+    if (codePoint < 0x10000) return 3;
+    if (codePoint < 0x200000) return 4;
+    if (codePoint < 0x4000000) return 5;
+    if (codePoint < 0x80000000u) return 6;
     return 0;
 }
 
