@@ -15,6 +15,7 @@
 #include "zq/orvane/BucketValue.h"
 #include "zq/orvane/Digest.h"
 #include "zq/orvane/IBucket.h"
+#include "zq/orvane/IBucketCase.h"
 #include "zq/orvane/IBucketValue.h"
 #include "zq/orvane/StatusCodes.h"
 #include "zq/orvane/ValueType.h"

@@ -1,0 +1,112 @@
+#ifndef ZQ_ORVANE_BUCKETCASE_H
+#define ZQ_ORVANE_BUCKETCASE_H
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+
+#include "source/OrvaneAtomicInt.h"
+#include "zq/kel/AutoRef.h"
+#include "zq/kel/RefCounted.h"
+#include "zq/kel/StatusChain.h"
+#include "zq/kel/StringBase.h"
+#include "zq/orvane/Digest.h"
+#include "zq/orvane/IBucket.h"
+#include "zq/orvane/IBucketCase.h"
+
+namespace zq {
+namespace orvane {
+
+// A set of whole buckets by full name and by digest, weighed by
+// Bucket::getMemUsage when they go in. The base of the manager's two caches
+// and the case that createBucketCase hands to clients.
+//
+// Names are keyed by their fold (each character through towlower, exactly as
+// the digest folds them), so "/Net" and "/net" are one entry, as they are one
+// bucket in the store; the held bucket keeps its own spelling. Enumeration and
+// the serialised form follow the code-unit order of the folded names.
+//
+// Thread safety: mutex_ guards every field below it and is held for the whole
+// of every operation, including the hooks that derived classes override. It is
+// recursive so that a caller can hold it across several operations (the
+// manager's put path does, through mutex()). While holding it the case calls
+// into held buckets, whose own locks therefore come after it; a bucket never
+// calls into a case. Between the manager's two caches, the update cache's
+// mutex is always taken before the read cache's, never the other way round.
+class BucketCase
+    : public kel::RefCountedImplementation<IBucketCase, kel::RefCountedThreadSafePolicy> {
+  public:
+    BucketCase();
+    BucketCase(const BucketCase&) = delete;
+    BucketCase& operator=(const BucketCase&) = delete;
+    ~BucketCase() override;
+
+    void clear() override;
+    void insertBucket(kel::AutoRef<IBucket>& bucket, const bool* replace,
+                      kel::StatusChain& status) override;
+    kel::AutoRef<IBucket> findBucket(const kel::WString& fullName) override;
+    kel::AutoRef<IBucket> findBucketByDigest(const Digest& digest) override;
+    // 0 only when the handle cannot be recorded for lack of memory.
+    int32_t openEnumeration() override;
+    bool closeEnumeration(int32_t handle) override;
+    kel::AutoRef<IBucket> getFirstBucket(const int32_t* handle) override;
+    kel::AutoRef<IBucket> getNextBucket(const int32_t* handle, kel::StatusChain& status) override;
+    bool removeBucket(const kel::WString& fullName) override;
+    bool containsBucket(const kel::WString& fullName) override;
+    uint32_t getBucketCount() override;
+    uint32_t serializationSize() override;
+    void serialize(unsigned char*& cursor, const unsigned char* end) override;
+    void deserialize(const unsigned char*& cursor, const unsigned char* end) override;
+
+    std::recursive_mutex& mutex() const { return mutex_; }
+
+    // The sum of the weights of the held buckets.
+    uint32_t usedBytes() const;
+    // Recomputes usedBytes from the weights recorded in the entries.
+    virtual void recount();
+
+    // The key of a full name: what makes two spellings the same bucket.
+    static kel::WString foldName(const kel::WString& fullName);
+
+  protected:
+    struct Entry {
+        kel::AutoRef<IBucket> bucket;
+        uint32_t weight;
+        // Kept so that removal never depends on a held bucket keeping its
+        // name (a client may deserialize another record into it).
+        Digest digest;
+    };
+    using NameMap = std::map<kel::WString, Entry>;  // by folded name
+
+    // Runs with mutex_ held after a bucket went in under `key`, new or
+    // replacing; it must not throw.
+    virtual void bucketAdded(const kel::WString& key);
+
+    // For derived classes, with mutex_ held.
+    const NameMap& entries() const { return names_; }
+    void eraseEntry(NameMap::const_iterator at);
+    bool eraseKey(const kel::WString& key);
+    void markCursorsChanged();
+
+  private:
+    struct Cursor {
+        NameMap::const_iterator position;  // meaningless once changed is set
+        bool changed;
+    };
+
+    void insertLocked(const kel::AutoRef<IBucket>& bucket, uint32_t weight, const kel::WString& key,
+                      const Digest& digest, bool replace, kel::StatusChain& status);
+    int32_t drawHandle();
+
+    mutable std::recursive_mutex mutex_;
+    NameMap names_;
+    std::map<Digest, kel::AutoRef<IBucket>> digests_;
+    OrvaneAtomicInt handleCounter_;
+    std::map<int32_t, Cursor> cursors_;
+    uint32_t used_;
+};
+
+}  // namespace orvane
+}  // namespace zq
+
+#endif  // ZQ_ORVANE_BUCKETCASE_H
