@@ -1,0 +1,76 @@
+#include "source/BucketCache.h"
+
+#include <algorithm>
+#include <new>
+#include <vector>
+
+#include "zq/kel/AbsoluteTime.h"
+
+namespace zq {
+namespace orvane {
+
+using kel::WString;
+using Lock = std::lock_guard<std::recursive_mutex>;
+
+namespace {
+
+const WString kRootKey(L"/");
+
+// The product wraps for limits above 171798691 bytes; kept as it is.
+uint32_t quarterOf(uint32_t limit) {
+    const uint32_t product = 25u * limit;
+    return product / 100u;
+}
+
+}  // namespace
+
+BucketCache::BucketCache(uint32_t limitBytes)
+    : limit_(limitBytes), evictionAmount_(quarterOf(limitBytes)) {}
+
+void BucketCache::clear(int32_t /*storeCode*/) { clear(); }
+
+void BucketCache::recount() {
+    Lock lock(mutex());
+    BucketCase::recount();
+    evictIfOver();
+}
+
+void BucketCache::bucketAdded(const WString&) { evictIfOver(); }
+
+// Oldest modification first; buckets of equal time go in name order (the
+// stable sort keeps the map's order), so the choice is the same on every run.
+// At least one bucket goes even when the eviction amount is 0 (a budget under
+// four bytes), so that any budget bounds the cache.
+void BucketCache::evictIfOver() {
+    if (usedBytes() <= limit_ || entries().size() <= kMinBuckets) {
+        return;
+    }
+    struct Candidate {
+        kel::AbsoluteTime time;
+        NameMap::const_iterator at;
+    };
+    try {
+        std::vector<Candidate> candidates;
+        candidates.reserve(entries().size());
+        for (auto at = entries().begin(); at != entries().end(); ++at) {
+            if (at->first != kRootKey) {
+                candidates.push_back(Candidate{at->second.bucket->getModifiedTime(), at});
+            }
+        }
+        std::stable_sort(candidates.begin(), candidates.end(),
+                         [](const Candidate& a, const Candidate& b) { return a.time < b.time; });
+        uint32_t freed = 0;
+        for (const Candidate& candidate : candidates) {
+            freed += candidate.at->second.weight;
+            eraseEntry(candidate.at);
+            if (freed >= evictionAmount_) {
+                break;
+            }
+        }
+    } catch (const std::bad_alloc&) {
+        // Left over budget: the next insert tries again.
+    }
+}
+
+}  // namespace orvane
+}  // namespace zq
