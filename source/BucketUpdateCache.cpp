@@ -1,0 +1,92 @@
+#include "source/BucketUpdateCache.h"
+
+#include "source/BucketCache.h"
+#include "source/Guard.h"
+#include "zq/orvane/StatusCodes.h"
+
+namespace zq {
+namespace orvane {
+
+using kel::AutoRef;
+using kel::StatusChain;
+using kel::WString;
+using Lock = std::lock_guard<std::recursive_mutex>;
+
+namespace {
+
+constexpr ErrorCodes kWriteBackCodes{status::kUnexpected, status::kUnexpected, status::kUnexpected};
+
+}  // namespace
+
+BucketUpdateCache::BucketUpdateCache(uint32_t limitBytes) : limit_(limitBytes) {}
+
+void BucketUpdateCache::clear() {
+    Lock lock(mutex());
+    BucketCase::clear();
+    deleted_.clear();
+}
+
+void BucketUpdateCache::eraseBucket(const WString& fullName) {
+    const WString key = foldName(fullName);
+    Lock lock(mutex());
+    const auto found = deleted_.find(key);
+    if (found == deleted_.end()) {
+        deleted_.emplace(key, fullName);
+    } else {
+        found->second = fullName;
+    }
+    eraseKey(key);
+}
+
+bool BucketUpdateCache::isDeleted(const WString& fullName) const {
+    const WString key = foldName(fullName);
+    Lock lock(mutex());
+    return deleted_.count(key) != 0;
+}
+
+// A put after a delete of the same name: the bucket exists, with the put's
+// content.
+void BucketUpdateCache::bucketAdded(const WString& key) { deleted_.erase(key); }
+
+void BucketUpdateCache::writeBack(BucketCache& readCache, IBucketStore& store,
+                                  StatusChain& status) {
+    if (status.isFatal()) {
+        return;
+    }
+    Lock lock(mutex());
+    guarded(status, kWriteBackCodes, [&] { writeBackLocked(readCache, store, status); });
+    clear();
+}
+
+void BucketUpdateCache::writeBackLocked(BucketCache& readCache, IBucketStore& store,
+                                        StatusChain& status) {
+    // Both sets first: running out of memory here changes nothing anywhere.
+    IBucketStore::UpdatedBuckets updated;
+    IBucketStore::DeletedNames deleted;
+    for (const auto& name : deleted_) {
+        deleted.insert(name.second);
+    }
+    for (const auto& entry : entries()) {
+        updated.emplace(entry.second.bucket->getFullName(), entry.second.bucket);
+    }
+
+    for (const WString& name : deleted) {
+        readCache.removeBucket(name);
+    }
+    const bool replace = true;
+    for (const auto& pending : updated) {
+        AutoRef<IBucket> bucket = pending.second;
+        StatusChain cached;
+        cached.clear();
+        readCache.insertBucket(bucket, &replace, cached);
+        if (cached.isFatal()) {
+            // Better absent than stale: a lookup then reads the store. The
+            // commit itself goes on, a cache failure must not stop it.
+            readCache.removeBucket(pending.first);
+        }
+    }
+    store.commit(updated, deleted, status);
+}
+
+}  // namespace orvane
+}  // namespace zq
