@@ -14,7 +14,7 @@ using Lock = std::lock_guard<std::recursive_mutex>;
 
 namespace {
 
-const WString kRootKey(L"/");
+bool isRoot(const WString& key) { return key.length() == 1 && key[0] == L'/'; }
 
 // The product wraps for limits above 171798691 bytes; kept as it is.
 uint32_t quarterOf(uint32_t limit) {
@@ -53,7 +53,7 @@ void BucketCache::evictIfOver() {
         std::vector<Candidate> candidates;
         candidates.reserve(entries().size());
         for (auto at = entries().begin(); at != entries().end(); ++at) {
-            if (at->first != kRootKey) {
+            if (!isRoot(at->first)) {
                 candidates.push_back(Candidate{at->second.bucket->getModifiedTime(), at});
             }
         }

@@ -2,7 +2,9 @@
 // root kept, the eviction amount.
 #include <gtest/gtest.h>
 
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "source/BucketCache.h"
@@ -101,13 +103,34 @@ TEST(BucketCacheTest, AnEvictionOfAnyBudgetFreesAtLeastOneBucket) {
     EXPECT_FALSE(cache->containsBucket(WString(L"/b04")));
 }
 
-TEST(BucketCacheTest, ClearOnReloadEmptiesTheCache) {
-    AutoRef<BucketCache> cache(new BucketCache(1024));
-    insert(*cache, sizedBucket(L"/", 400));
-    insert(*cache, sizedBucket(L"/a", 400));
-    cache->clear(orvane::status::kOutsideFile);
-    EXPECT_EQ(cache->getBucketCount(), 0u);
-    EXPECT_EQ(cache->usedBytes(), 0u);
+// Run under the sanitizers: evictions while other threads insert, find and
+// walk; the accounting stays the sum of the held weights.
+TEST(BucketCacheTest, ConcurrentInsertsEvictConsistently) {
+    AutoRef<BucketCache> cache(new BucketCache(8000));
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            const int32_t handle = t + 1;
+            for (int i = 0; i < 100; ++i) {
+                const std::wstring name = L"/t" + std::to_wstring(t) + L"/" + std::to_wstring(i);
+                insert(*cache, makeBucket(name, i));
+                cache->findBucket(WString(name.c_str()));
+                StatusChain status = okStatus();
+                for (AutoRef<IBucket> at = cache->getFirstBucket(&handle); at;
+                     at = cache->getNextBucket(&handle, status)) {
+                }
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    std::lock_guard<std::recursive_mutex> lock(cache->mutex());
+    const uint32_t used = cache->usedBytes();
+    cache->recount();
+    EXPECT_EQ(cache->usedBytes(), used);
+    EXPECT_LE(cache->usedBytes(), cache->limitBytes() + weightOf(makeBucket(L"/t0/99", 1)));
+    EXPECT_GT(cache->getBucketCount(), BucketCache::kMinBuckets);
 }
 
 }  // namespace
