@@ -395,7 +395,8 @@ std::vector<unsigned char> SingleFileBucketStore::buildSegment(
             ZQ_THROW(InvalidArgument);
         }
         const DigestKey key = keyOf(bucket->getDigest());
-        if (deletedKeys.count(key) != 0) {
+        // A bucket that is not persistent lives in memory only.
+        if (deletedKeys.count(key) != 0 || !bucket->isPersistent()) {
             continue;
         }
         const uint32_t length = bucket->serializationSize();

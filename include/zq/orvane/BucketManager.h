@@ -1,0 +1,157 @@
+#ifndef ZQ_ORVANE_BUCKETMANAGER_H
+#define ZQ_ORVANE_BUCKETMANAGER_H
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "zq/kel/Export.h"
+#include "zq/kel/Guid.h"
+#include "zq/kel/RefCounted.h"
+#include "zq/orvane/IBucketManager.h"
+
+namespace zq {
+namespace kel {
+namespace osdep {
+class Mutex;
+class SharedLibrary;
+}  // namespace osdep
+}  // namespace kel
+
+namespace orvane {
+
+class BucketCache;
+class BucketUpdateCache;
+class IBucketStore;
+class Options;
+
+// The one bucket manager of a process. Declared here so that clients reach
+// its exported member: static_cast<BucketManager*>(manager.get())->purgeStore().
+//
+// Locks, always in this order: the transaction mutex (guards the transaction
+// id, update mode and the update cache's contents between operations), the
+// process lock (held from begin to end of a transaction, and around every
+// change of files), the update cache's mutex, the read cache's mutex, the
+// store's lock. Lookups take only the caches' and the store's own locks.
+class BucketManager
+    : public kel::RefCountedImplementation<IBucketManager, kel::RefCountedThreadSafePolicy> {
+  public:
+    // Never throws: failures are codes in `status`, and the manager then has
+    // no store and does nothing.
+    BucketManager(const kel::WString& dataDirectory, const kel::WString& optionsFile,
+                  kel::StatusChain& status);
+    ~BucketManager() override;
+
+    bool tryBeginTransaction(kel::Guid& id, kel::StatusChain& status) override;
+    bool beginTransaction(kel::Guid& id, kel::StatusChain& status) override;
+    bool endTransaction(const kel::Guid& id, kel::StatusChain& status) override;
+    bool getTransactionId(kel::Guid& id, kel::StatusChain& status) override;
+    bool beginUpdate(const kel::Guid& id, kel::StatusChain& status) override;
+    bool commit(const kel::Guid& id, kel::StatusChain& status) override;
+
+    kel::AutoRef<IBucket> newBucket(kel::StatusChain& status) override;
+    kel::AutoRef<IBucket> createBucket(const kel::WString& fullName, bool openExisting,
+                                       kel::StatusChain& status, bool persistent = true) override;
+    kel::AutoRef<IBucket> copyBucket(const kel::AutoRef<IBucket>& bucket,
+                                     kel::StatusChain& status) override;
+    kel::AutoRef<IBucketCase> createBucketCase(kel::StatusChain& status) override;
+    Digest createDigest(const kel::WString& fullName, kel::StatusChain& status) override;
+
+    bool findBucket(const kel::WString& fullName, kel::AutoRef<IBucket>& bucket,
+                    kel::StatusChain& status) override;
+    kel::AutoRef<IBucket> getBucket(const kel::WString& fullName,
+                                    kel::StatusChain& status) override;
+    bool findBucketByDigest(const Digest& digest, kel::AutoRef<IBucket>& bucket,
+                            kel::StatusChain& status) override;
+    kel::AutoRef<IBucket> getBucketByDigest(const Digest& digest,
+                                            kel::StatusChain& status) override;
+    bool lookupBucket(const kel::WString& fullName, kel::AutoRef<IBucket>& bucket,
+                      kel::StatusChain& status) override;
+
+    bool putBucket(const kel::AutoRef<IBucket>& bucket, bool replace, const kel::Guid& id,
+                   kel::StatusChain& status) override;
+    bool deleteBucket(const kel::WString& fullName, const kel::Guid& id,
+                      kel::StatusChain& status) override;
+    bool deleteBuckets(const std::vector<kel::WString>& fullNames, const kel::Guid& id,
+                       kel::StatusChain& status) override;
+    bool bucketExists(const kel::WString& fullName, kel::StatusChain& status) override;
+    bool updateBucket(const kel::AutoRef<IBucket>& bucket, bool overwrite, const kel::Guid& id,
+                      kel::StatusChain& status) override;
+
+    void getDataDirectory(kel::WString& directory, kel::StatusChain& status) override;
+    kel::WString getDefaultDataDirectory(kel::StatusChain& status) override;
+    kel::WString getParentName(const kel::WString& fullName, kel::StatusChain& status) override;
+    kel::WString getShortName(const kel::WString& fullName, kel::StatusChain& status) override;
+    void reloadCaches(int32_t code, kel::StatusChain& status) override;
+
+    kel::AutoRef<IBucketValue> createValue(kel::StatusChain& status) override;
+    kel::AutoRef<IBucketValue> createDigestValue(const Digest& value,
+                                                 kel::StatusChain& status) override;
+    kel::AutoRef<IBucketValue> createAnsiStringValue(const kel::NString& value,
+                                                     kel::StatusChain& status) override;
+    kel::AutoRef<IBucketValue> createStringValue(const kel::WString& value,
+                                                 kel::StatusChain& status) override;
+    kel::AutoRef<IBucketValue> createBlobValue(const unsigned char* bytes, uint32_t size, bool flag,
+                                               kel::StatusChain& status) override;
+#define ZQ_ORVANE_DECLARE(Name, Type, Tag, ArrayTag) \
+    kel::AutoRef<IBucketValue> create##Name##Value(Type value, kel::StatusChain& status) override;
+    ZQ_ORVANE_PLAIN_KINDS(ZQ_ORVANE_DECLARE)
+#undef ZQ_ORVANE_DECLARE
+    kel::AutoRef<IBucketValue> createAnsiStringArrayValue(const kel::NString* elements,
+                                                          uint32_t count,
+                                                          kel::StatusChain& status) override;
+    kel::AutoRef<IBucketValue> createStringArrayValue(const kel::WString* elements, uint32_t count,
+                                                      kel::StatusChain& status) override;
+#define ZQ_ORVANE_DECLARE(Name, Type, Tag, ArrayTag)                                          \
+    kel::AutoRef<IBucketValue> create##Name##ArrayValue(const Type* elements, uint32_t count, \
+                                                        kel::StatusChain& status) override;
+    ZQ_ORVANE_PLAIN_KINDS(ZQ_ORVANE_DECLARE)
+#undef ZQ_ORVANE_DECLARE
+    kel::AutoRef<IBucketValue> copyValue(const kel::AutoRef<IBucketValue>& value,
+                                         kel::StatusChain& status) override;
+
+    // Empties the data directory but for the debug files and reopens an
+    // empty store. Only file-layer exceptions reach the caller.
+    ZQ_EXPORT void purgeStore();
+
+    // The store, for the offline tools; null when construction stopped early.
+    IBucketStore* store() const { return store_.get(); }
+
+  private:
+    struct Callbacks;
+    class PutPath;
+
+    void construct(const kel::WString& optionsFile, kel::StatusChain& status);
+    void settleDataDirectory(kel::StatusChain& status);
+    void loadCallbacks(kel::StatusChain& status);
+    void openStore(kel::StatusChain& status);
+    void runDebugComparison();
+
+    bool beginTransaction(bool wait, kel::Guid& id, kel::StatusChain& status);
+    // The id matches the open transaction and update mode is on.
+    bool checkChange(const kel::Guid& id, kel::StatusChain& status) const;
+    void dropStaleCaches(kel::StatusChain& status);
+    bool putLocked(const kel::AutoRef<IBucket>& bucket, int32_t mode, bool mustExist,
+                   kel::StatusChain& status);
+    kel::AutoRef<IBucket> findShared(const kel::WString& fullName, kel::StatusChain& status);
+    kel::AutoRef<IBucket> findSharedByDigest(const Digest& digest, kel::StatusChain& status);
+    void commitPending(kel::StatusChain& status);
+
+    kel::WString dataDirectory_;
+    std::unique_ptr<IBucketStore> store_;
+    kel::AutoRef<BucketCache> readCache_;
+    kel::AutoRef<BucketUpdateCache> updateCache_;
+    std::unique_ptr<kel::osdep::Mutex> processLock_;
+    kel::Guid transactionId_;
+    mutable std::recursive_mutex transactionMutex_;
+    bool updateMode_ = false;
+    std::unique_ptr<Options> options_;
+    uint32_t storeOpenWord_ = 0;
+    std::unique_ptr<Callbacks> callbacks_;
+};
+
+}  // namespace orvane
+}  // namespace zq
+
+#endif  // ZQ_ORVANE_BUCKETMANAGER_H

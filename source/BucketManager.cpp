@@ -1,0 +1,390 @@
+// Construction, transactions and the commit of the bucket manager.
+#include "zq/orvane/BucketManager.h"
+
+#include <cmath>
+#include <cstdlib>
+#include <ctime>
+#include <limits>
+
+#include "kel/osdep/FileSystem.h"
+#include "kel/osdep/Mutex.h"
+#include "kel/osdep/Path.h"
+#include "kel/osdep/SharedLibrary.h"
+#include "source/BucketCache.h"
+#include "source/BucketName.h"
+#include "source/BucketUpdateCache.h"
+#include "source/DebugComparison.h"
+#include "source/Guard.h"
+#include "source/ManagerOptions.h"
+#include "source/SingleFileBucketStore.h"
+#include "source/TouchFile.h"
+#include "zq/orvane/Bucket.h"
+
+namespace zq {
+namespace orvane {
+
+namespace {
+
+using kel::AutoRef;
+using kel::Guid;
+using kel::StatusChain;
+using kel::WString;
+
+constexpr ErrorCodes kManagerCodes{status::kFileSystem, status::kFileSystem, status::kUnexpected};
+const wchar_t kProcessLockName[] = L"__zq_orvane_BucketManager_lock__";
+
+uint32_t readCacheLimit(const Options& options) {
+    // Kilobytes to bytes in 32 bits, as the read cache has always been sized.
+    return static_cast<uint32_t>(options.number(Options::kMemoryCacheSizeLimitKB)) << 10;
+}
+
+uint32_t updateCacheLimit(const Options& options) {
+    const double bytes = options.number(Options::kMemoryCacheSizeLimitKB) *
+                         (options.number(Options::kMemoryCacheUpdatePct) / 100.0) * 1024.0;
+    if (std::isnan(bytes) || bytes < 0) {
+        return 0;
+    }
+    if (bytes >= 4294967296.0) {
+        return std::numeric_limits<uint32_t>::max();
+    }
+    return static_cast<uint32_t>(bytes);
+}
+
+// Holds the process lock for the scope: files are changed by one process at
+// a time.
+class ProcessLockHold {
+  public:
+    explicit ProcessLockHold(kel::osdep::Mutex& lock) : lock_(lock) { lock_.lock(); }
+    ~ProcessLockHold() { lock_.unlock(); }
+    ProcessLockHold(const ProcessLockHold&) = delete;
+    ProcessLockHold& operator=(const ProcessLockHold&) = delete;
+
+  private:
+    kel::osdep::Mutex& lock_;
+};
+
+}  // namespace
+
+using CallbackEntry = int (*)(const char*);
+
+struct BucketManager::Callbacks {
+    std::unique_ptr<kel::osdep::SharedLibrary> library;
+    CallbackEntry preInit = nullptr;
+    CallbackEntry postCommit = nullptr;
+    bool active = false;
+};
+
+BucketManager::BucketManager(const WString& dataDirectory, const WString& optionsFile,
+                             StatusChain& status)
+    : dataDirectory_(dataDirectory), callbacks_(std::make_unique<Callbacks>()) {
+    guarded(status, kManagerCodes, [&] { construct(optionsFile, status); });
+}
+
+void BucketManager::construct(const WString& optionsFile, StatusChain& status) {
+    processLock_ = std::make_unique<kel::osdep::Mutex>(WString(kProcessLockName));
+    std::srand(static_cast<unsigned>(std::time(nullptr)));
+    options_ = loadManagerOptions(optionsFile, status);
+    if (status.isFatal()) {
+        return;
+    }
+    readCache_ = AutoRef<BucketCache>(new BucketCache(readCacheLimit(*options_)));
+    updateCache_ = AutoRef<BucketUpdateCache>(new BucketUpdateCache(updateCacheLimit(*options_)));
+    settleDataDirectory(status);
+    loadCallbacks(status);
+    openStore(status);
+    if (status.isNotFatal()) {
+        runDebugComparison();
+    }
+}
+
+void BucketManager::settleDataDirectory(StatusChain& status) {
+    if (status.isFatal()) {
+        return;
+    }
+    if (dataDirectory_.empty()) {
+        dataDirectory_ = Options::defaultRegistryDirectory();
+    }
+    // Checked before anything is created: a relative path would otherwise
+    // make directories wherever the process happens to run.
+    if (!kel::osdep::isAbsolute(dataDirectory_)) {
+        status.setCode(status::kNotAbsolutePath);
+        return;
+    }
+    kel::osdep::FileSystem& fs = kel::osdep::FileSystem::processDefault();
+    if (!fs.isDirectory(dataDirectory_)) {
+        fs.createDirectories(dataDirectory_);
+    }
+    if (!fs.isDirectory(dataDirectory_)) {
+        status.setCode(status::kNotAbsolutePath);
+    }
+}
+
+void BucketManager::loadCallbacks(StatusChain& status) {
+    if (status.isFatal() || options_->text(Options::kCallbackDLLName).empty()) {
+        return;
+    }
+    using kel::osdep::SharedLibrary;
+    callbacks_->library =
+        std::make_unique<SharedLibrary>(options_->text(Options::kCallbackDLLName));
+    callbacks_->preInit = reinterpret_cast<CallbackEntry>(
+        callbacks_->library->getSymbol("OrvanePreInitCallback", SharedLibrary::kNullIfMissing));
+    callbacks_->postCommit = reinterpret_cast<CallbackEntry>(
+        callbacks_->library->getSymbol("OrvanePostCommitCallback", SharedLibrary::kNullIfMissing));
+    if (callbacks_->preInit == nullptr || callbacks_->postCommit == nullptr) {
+        status.setCode(status::kCallbackLibrary);
+        return;
+    }
+    callbacks_->preInit(kel::NString(dataDirectory_).c_str());
+    callbacks_->active = true;
+}
+
+// Recovery, compaction and the root's creation change files: they run under
+// the process lock, so no other process sees them half done.
+void BucketManager::openStore(StatusChain& status) {
+    if (status.isFatal()) {
+        return;
+    }
+    ProcessLockHold hold(*processLock_);
+    removeTemporaryFiles(kel::osdep::FileSystem::processDefault(), dataDirectory_);
+    store_ = std::make_unique<SingleFileBucketStore>(dataDirectory_, options_.get());
+    store_->open(storeOpenWord_, status);
+    if (status.isFatal()) {
+        return;
+    }
+    reloadCaches(status.getCode(), status);
+}
+
+void BucketManager::runDebugComparison() {
+    const int32_t mode = options_->number(Options::kDebugCompareRegAtStartMode);
+    if (mode != 1 && mode != 2) {
+        return;
+    }
+    StatusChain local;
+    local.clear();
+    DebugComparison comparison(*this, dataDirectory_,
+                               options_->text(Options::kDebugCompareRegAtStartFile),
+                               options_.get());
+    if (mode == 2) {
+        comparison.writeReference(local);
+    } else {
+        comparison.compare(local);
+    }
+}
+
+BucketManager::~BucketManager() {
+    // An open transaction ends with the manager: its pending changes are
+    // dropped and the process lock goes back.
+    std::lock_guard<std::recursive_mutex> hold(transactionMutex_);
+    if (!transactionId_.isNull() && processLock_) {
+        transactionId_ = Guid();
+        processLock_->unlock();
+    }
+}
+
+// ---------------------------------------------------------------- transactions
+
+bool BucketManager::tryBeginTransaction(Guid& id, StatusChain& status) {
+    return beginTransaction(false, id, status);
+}
+
+bool BucketManager::beginTransaction(Guid& id, StatusChain& status) {
+    return beginTransaction(true, id, status);
+}
+
+bool BucketManager::beginTransaction(bool wait, Guid& id, StatusChain& status) {
+    return guarded(status, kManagerCodes, [&] {
+        std::lock_guard<std::recursive_mutex> hold(transactionMutex_);
+        if (!store_ || !transactionId_.isNull()) {
+            return false;
+        }
+        if (wait) {
+            processLock_->lock();
+        } else if (!processLock_->tryLock()) {
+            return false;
+        }
+        try {
+            // Whatever other processes committed since is the base of this
+            // transaction.
+            dropStaleCaches(status);
+            transactionId_ = Guid::generate();
+        } catch (...) {
+            processLock_->unlock();
+            status.setCode(status::kUnexpected);
+            return false;
+        }
+        id = transactionId_;
+        return true;
+    });
+}
+
+bool BucketManager::endTransaction(const Guid& id, StatusChain& status) {
+    return guarded(status, kManagerCodes, [&] {
+        std::lock_guard<std::recursive_mutex> hold(transactionMutex_);
+        updateMode_ = false;
+        if (transactionId_.isNull() || id != transactionId_) {
+            return false;
+        }
+        updateCache_->clear();
+        transactionId_ = Guid();
+        processLock_->unlock();
+        return true;
+    });
+}
+
+bool BucketManager::getTransactionId(Guid& id, StatusChain& status) {
+    if (status.isFatal()) {
+        return false;
+    }
+    std::lock_guard<std::recursive_mutex> hold(transactionMutex_);
+    id = transactionId_;
+    return !id.isNull();
+}
+
+bool BucketManager::beginUpdate(const Guid& id, StatusChain& status) {
+    return guarded(status, kManagerCodes, [&] {
+        std::lock_guard<std::recursive_mutex> hold(transactionMutex_);
+        if (!store_) {
+            return false;
+        }
+        if (transactionId_.isNull() || id != transactionId_) {
+            status.setCode(status::kWrongUpdateId);
+            return false;
+        }
+        if (updateMode_) {
+            status.setCode(status::kAlreadyUpdating);
+            return false;
+        }
+        updateMode_ = true;
+        updateCache_->clear();
+        return true;
+    });
+}
+
+bool BucketManager::checkChange(const Guid& id, StatusChain& status) const {
+    if (!store_) {
+        return false;
+    }
+    if (transactionId_.isNull() || id != transactionId_) {
+        status.setCode(status::kWrongUpdateId);
+        return false;
+    }
+    if (!updateMode_) {
+        status.setCode(status::kNotUpdating);
+        return false;
+    }
+    return true;
+}
+
+bool BucketManager::commit(const Guid& id, StatusChain& status) {
+    return guarded(status, kManagerCodes, [&] {
+        std::lock_guard<std::recursive_mutex> hold(transactionMutex_);
+        if (!checkChange(id, status)) {
+            return false;
+        }
+        commitPending(status);
+        updateMode_ = false;
+        if (callbacks_->active && status.isNotFatal()) {
+            callbacks_->postCommit(kel::NString(dataDirectory_).c_str());
+        }
+        return true;
+    });
+}
+
+void BucketManager::commitPending(StatusChain& status) {
+    updateCache_->writeBack(*readCache_, *store_, status);
+}
+
+// When another process committed or compacted since this one last looked,
+// every cached bucket may be stale.
+void BucketManager::dropStaleCaches(StatusChain& status) {
+    (void)status;
+    StatusChain local;
+    local.clear();
+    if (store_ && store_->refresh(local)) {
+        readCache_->clear();
+    }
+}
+
+void BucketManager::reloadCaches(int32_t code, StatusChain& status) {
+    guarded(status, kManagerCodes, [&] {
+        if (!store_) {
+            return;
+        }
+        readCache_->clear(code);
+        updateCache_->clear();
+        const WString root(L"/");
+        AutoRef<IBucket> held = store_->readBucket(root, status);
+        if (status.isFatal()) {
+            return;
+        }
+        if (held) {
+            bool replace = true;
+            readCache_->insertBucket(held, &replace, status);
+            return;
+        }
+        // A new store always holds its root.
+        std::lock_guard<std::recursive_mutex> hold(transactionMutex_);
+        ProcessLockHold lock(*processLock_);
+        AutoRef<IBucket> fresh(new Bucket(root, true));
+        if (putLocked(fresh, IBucket::kMergeOverwriting, false, status)) {
+            commitPending(status);
+        }
+    });
+}
+
+void BucketManager::purgeStore() {
+    StatusChain local;
+    local.clear();
+    if (!store_) {
+        return;
+    }
+    ProcessLockHold hold(*processLock_);
+    store_->close(local);
+    kel::osdep::FileSystem& fs = kel::osdep::FileSystem::processDefault();
+    const WString reference =
+        DebugComparison::referenceName(options_->text(Options::kDebugCompareRegAtStartFile));
+    for (const WString& path : fs.findFiles(kel::osdep::join(dataDirectory_, WString(L"*.*")))) {
+        const WString name = kel::osdep::baseName(path);
+        if (fs.isDirectory(path) || name == WString(L"debugRunCounter.txt") || name == reference) {
+            continue;
+        }
+        fs.removeFile(path, kel::osdep::FileSystem::kRemoveMustExist);
+    }
+    local.clear();
+    store_->open(storeOpenWord_, local);
+}
+
+// ---------------------------------------------------------------- names
+
+void BucketManager::getDataDirectory(WString& directory, StatusChain& status) {
+    if (status.isNotFatal()) {
+        directory = dataDirectory_;
+    }
+}
+
+WString BucketManager::getDefaultDataDirectory(StatusChain& status) {
+    return guarded(status, kManagerCodes, [] {
+        WString directory = Options::defaultRegistryDirectory();
+        directory += L"/";
+        return directory;
+    });
+}
+
+WString BucketManager::getParentName(const WString& fullName, StatusChain& status) {
+    return guarded(status, kManagerCodes, [&] { return BucketName::parentName(fullName); });
+}
+
+WString BucketManager::getShortName(const WString& fullName, StatusChain& status) {
+    return guarded(status, kManagerCodes, [&] { return BucketName::shortName(fullName); });
+}
+
+Digest BucketManager::createDigest(const WString& fullName, StatusChain& status) {
+    return guarded(status, kManagerCodes, [&] { return Digest(fullName); });
+}
+
+AutoRef<IBucketCase> BucketManager::createBucketCase(StatusChain& status) {
+    return guarded(status, kManagerCodes, [] { return AutoRef<IBucketCase>(new BucketCase()); });
+}
+
+}  // namespace orvane
+}  // namespace zq

@@ -1,0 +1,347 @@
+// Lookups and changes of the bucket manager: private copies out, pending
+// changes in, each child linked from its parent.
+#include "zq/orvane/BucketManager.h"
+
+#include "source/BucketCache.h"
+#include "source/BucketName.h"
+#include "source/BucketUpdateCache.h"
+#include "source/Guard.h"
+#include "source/IBucketStore.h"
+#include "zq/orvane/Bucket.h"
+
+namespace zq {
+namespace orvane {
+
+namespace {
+
+using kel::AutoRef;
+using kel::Guid;
+using kel::StatusChain;
+using kel::WString;
+
+constexpr ErrorCodes kManagerCodes{status::kFileSystem, status::kFileSystem, status::kUnexpected};
+
+bool isRoot(const WString& name) { return name.length() == 1 && name[0] == L'/'; }
+
+// "/" or "/a/b": absolute, no empty component, no trailing separator. Other
+// spellings would give a bucket whose link from its parent names another.
+bool isWellFormed(const WString& name) {
+    if (name.empty() || name[0] != L'/') return false;
+    if (isRoot(name)) return true;
+    for (size_t i = 1; i < name.length(); ++i) {
+        if (name[i] == L'/' && name[i - 1] == L'/') return false;
+    }
+    return name[name.length() - 1] != L'/';
+}
+
+AutoRef<IBucket> copyOf(const AutoRef<IBucket>& bucket) {
+    if (const auto* own = dynamic_cast<const Bucket*>(bucket.get())) {
+        return AutoRef<IBucket>(new Bucket(*own));
+    }
+    // A client's own implementation of the interface: copied value by value.
+    AutoRef<IBucket> copy(new Bucket(bucket->getFullName(), bucket->isPersistent()));
+    StatusChain status;
+    status.clear();
+    copy->update(bucket, IBucket::kReplaceAll, status);
+    return copy;
+}
+
+void setVersion(const AutoRef<IBucket>& bucket, uint32_t version) {
+    static_cast<Bucket*>(bucket.get())->setVersion(version);
+}
+
+void putPending(BucketUpdateCache& cache, AutoRef<IBucket> bucket, StatusChain& status) {
+    bool replace = true;
+    cache.insertBucket(bucket, &replace, status);
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- lookups
+
+AutoRef<IBucket> BucketManager::findShared(const WString& fullName, StatusChain& status) {
+    dropStaleCaches(status);
+    AutoRef<IBucket> found = readCache_->findBucket(fullName);
+    if (!found) {
+        found = store_->readBucket(fullName, status);
+        if (found) {
+            bool replace = true;
+            readCache_->insertBucket(found, &replace, status);
+        }
+    }
+    return found;
+}
+
+AutoRef<IBucket> BucketManager::findSharedByDigest(const Digest& digest, StatusChain& status) {
+    dropStaleCaches(status);
+    AutoRef<IBucket> found = readCache_->findBucketByDigest(digest);
+    if (!found) {
+        found = store_->readBucketByDigest(digest, status);
+        if (found) {
+            bool replace = true;
+            readCache_->insertBucket(found, &replace, status);
+        }
+    }
+    return found;
+}
+
+namespace {
+
+// The lookups' common end: a private copy, or the "not found" warning.
+AutoRef<IBucket> handOut(const AutoRef<IBucket>& found, StatusChain& status) {
+    if (status.isFatal()) {
+        return AutoRef<IBucket>();
+    }
+    if (!found) {
+        status.setCode(status::kBucketNotFound);
+        return AutoRef<IBucket>();
+    }
+    return copyOf(found);
+}
+
+}  // namespace
+
+AutoRef<IBucket> BucketManager::getBucket(const WString& fullName, StatusChain& status) {
+    return guarded(status, kManagerCodes, [&]() -> AutoRef<IBucket> {
+        if (!store_) return AutoRef<IBucket>();
+        return handOut(findShared(fullName, status), status);
+    });
+}
+
+AutoRef<IBucket> BucketManager::getBucketByDigest(const Digest& digest, StatusChain& status) {
+    return guarded(status, kManagerCodes, [&]() -> AutoRef<IBucket> {
+        if (!store_) return AutoRef<IBucket>();
+        return handOut(findSharedByDigest(digest, status), status);
+    });
+}
+
+bool BucketManager::findBucket(const WString& fullName, AutoRef<IBucket>& bucket,
+                               StatusChain& status) {
+    bucket = getBucket(fullName, status);
+    return static_cast<bool>(bucket);
+}
+
+bool BucketManager::findBucketByDigest(const Digest& digest, AutoRef<IBucket>& bucket,
+                                       StatusChain& status) {
+    bucket = getBucketByDigest(digest, status);
+    return static_cast<bool>(bucket);
+}
+
+// A name lookup with the same results as findBucket.
+bool BucketManager::lookupBucket(const WString& fullName, AutoRef<IBucket>& bucket,
+                                 StatusChain& status) {
+    return findBucket(fullName, bucket, status);
+}
+
+bool BucketManager::bucketExists(const WString& fullName, StatusChain& status) {
+    return guarded(status, kManagerCodes, [&] {
+        if (!store_) return false;
+        dropStaleCaches(status);
+        return readCache_->containsBucket(fullName) || store_->exists(fullName, status);
+    });
+}
+
+AutoRef<IBucket> BucketManager::newBucket(StatusChain& status) {
+    return guarded(status, kManagerCodes, [] { return AutoRef<IBucket>(new Bucket()); });
+}
+
+AutoRef<IBucket> BucketManager::createBucket(const WString& fullName, bool openExisting,
+                                             StatusChain& status, bool persistent) {
+    return guarded(status, kManagerCodes, [&]() -> AutoRef<IBucket> {
+        if (bucketExists(fullName, status)) {
+            return openExisting ? getBucket(fullName, status) : AutoRef<IBucket>();
+        }
+        return AutoRef<IBucket>(new Bucket(fullName, persistent));
+    });
+}
+
+AutoRef<IBucket> BucketManager::copyBucket(const AutoRef<IBucket>& bucket, StatusChain& status) {
+    return guarded(status, kManagerCodes, [&]() -> AutoRef<IBucket> {
+        return bucket ? copyOf(bucket) : AutoRef<IBucket>();
+    });
+}
+
+// ---------------------------------------------------------------- changes
+
+// The put path, run with the transaction mutex and the update cache's mutex
+// held. A bucket's version grows by one with each commit that writes it.
+class BucketManager::PutPath {
+  public:
+    PutPath(BucketManager& manager, StatusChain& status)
+        : manager_(manager), cache_(*manager.updateCache_), status_(status) {}
+
+    // The bucket held under `name`: pending, else committed. Deleted in this
+    // transaction counts as absent.
+    AutoRef<IBucket> held(const WString& name, bool* pending) {
+        AutoRef<IBucket> found = cache_.findBucket(name);
+        *pending = static_cast<bool>(found);
+        if (found || cache_.isDeleted(name)) {
+            return found;
+        }
+        return manager_.findShared(name, status_);
+    }
+
+    bool put(const AutoRef<IBucket>& bucket, int32_t mode, bool mustExist) {
+        const WString name = bucket->getFullName();
+        if (!isWellFormed(name)) {
+            status_.setCode(status::kNoParent);
+            return false;
+        }
+        bool pending = false;
+        const AutoRef<IBucket> current = held(name, &pending);
+        if (status_.isFatal()) return false;
+        if (current.get() == bucket.get()) {
+            status_.setCode(status::kInternalObject);
+            return false;
+        }
+        if (!current && mustExist) {
+            status_.setCode(status::kCannotMerge);
+            return false;
+        }
+        AutoRef<IBucket> next = current ? merged(current, bucket, mode) : copyOf(bucket);
+        if (status_.isFatal()) return false;
+        if (!pending) {
+            setVersion(next, current ? current->getVersion() + 1 : 1);
+        }
+        if (!isRoot(name) && !linkToParent(next)) return false;
+        putPending(cache_, next, status_);
+        return status_.isNotFatal();
+    }
+
+    // Removes a bucket; true when it existed.
+    bool remove(const WString& name) {
+        bool pending = false;
+        const bool existed = static_cast<bool>(held(name, &pending));
+        cache_.eraseBucket(name);
+        unlinkFromParent(name);
+        return existed;
+    }
+
+  private:
+    AutoRef<IBucket> merged(const AutoRef<IBucket>& current, const AutoRef<IBucket>& given,
+                            int32_t mode) {
+        AutoRef<IBucket> next = copyOf(current);
+        if (mode == IBucket::kReplaceAll) {
+            // Child links are the manager's: they survive a replacement.
+            next->removeDataValues();
+            mode = IBucket::kMergeOverwriting;
+        }
+        next->update(given, mode, status_);
+        return next;
+    }
+
+    // Makes sure the parent of `child` records it, putting a changed copy
+    // of the parent (linked to its own parent first) when it does not.
+    bool linkToParent(const AutoRef<IBucket>& child) {
+        const WString childName = child->getFullName();
+        const WString parentName = BucketName::parentName(childName);
+        bool pending = false;
+        const AutoRef<IBucket> parent = held(parentName, &pending);
+        if (status_.isFatal()) return false;
+        if (!parent) {
+            status_.setCode(status::kNoParent);
+            return false;
+        }
+        if (!parent->isPersistent()) {
+            status_.setCode(status::kParentNotPersistent);
+            return false;
+        }
+        // A link names a bucket in the store: a transient child gets none.
+        if (!child->isPersistent() || parent->hasValue(childName)) {
+            return true;
+        }
+        AutoRef<IBucket> next = pending ? parent : copyOf(parent);
+        if (!pending) {
+            setVersion(next, parent->getVersion() + 1);
+            if (!isRoot(parentName) && !linkToParent(next)) return false;
+        }
+        next->addChild(BucketName::shortName(childName), status_, true);
+        putPending(cache_, next, status_);
+        return status_.isNotFatal();
+    }
+
+    void unlinkFromParent(const WString& childName) {
+        if (isRoot(childName)) return;
+        bool pending = false;
+        const AutoRef<IBucket> parent = held(BucketName::parentName(childName), &pending);
+        if (!parent || !parent->hasValue(childName)) return;
+        AutoRef<IBucket> next = pending ? parent : copyOf(parent);
+        if (!pending) {
+            setVersion(next, parent->getVersion() + 1);
+        }
+        next->removeValue(childName);
+        putPending(cache_, next, status_);
+    }
+
+    BucketManager& manager_;
+    BucketUpdateCache& cache_;
+    StatusChain& status_;
+};
+
+bool BucketManager::putLocked(const AutoRef<IBucket>& bucket, int32_t mode, bool mustExist,
+                              StatusChain& status) {
+    if (!bucket) {
+        status.setCode(status::kNullArgument);
+        return false;
+    }
+    std::lock_guard<std::recursive_mutex> hold(updateCache_->mutex());
+    return PutPath(*this, status).put(bucket, mode, mustExist);
+}
+
+bool BucketManager::putBucket(const AutoRef<IBucket>& bucket, bool replace, const Guid& id,
+                              StatusChain& status) {
+    return guarded(status, kManagerCodes, [&] {
+        std::lock_guard<std::recursive_mutex> hold(transactionMutex_);
+        if (!checkChange(id, status)) return false;
+        if (store_->isOverSizeLimit()) {
+            status.setCode(status::kOverSizeLimit);
+            return false;
+        }
+        return putLocked(bucket, replace ? IBucket::kReplaceAll : IBucket::kMergeOverwriting, false,
+                         status);
+    });
+}
+
+// Refused with the merge code when no bucket of that name exists: there is
+// nothing to merge into.
+bool BucketManager::updateBucket(const AutoRef<IBucket>& bucket, bool overwrite, const Guid& id,
+                                 StatusChain& status) {
+    return guarded(status, kManagerCodes, [&] {
+        std::lock_guard<std::recursive_mutex> hold(transactionMutex_);
+        if (!checkChange(id, status)) return false;
+        if (store_->isOverSizeLimit()) {
+            status.setCode(status::kOverSizeLimit);
+            return false;
+        }
+        return putLocked(bucket, overwrite ? IBucket::kMergeOverwriting : IBucket::kMergeKeeping,
+                         true, status);
+    });
+}
+
+bool BucketManager::deleteBucket(const WString& fullName, const Guid& id, StatusChain& status) {
+    return deleteBuckets(std::vector<WString>{fullName}, id, status);
+}
+
+bool BucketManager::deleteBuckets(const std::vector<WString>& fullNames, const Guid& id,
+                                  StatusChain& status) {
+    return guarded(status, kManagerCodes, [&] {
+        std::lock_guard<std::recursive_mutex> hold(transactionMutex_);
+        if (!checkChange(id, status)) return false;
+        for (const WString& name : fullNames) {
+            if (isRoot(name)) {
+                status.setCode(status::kRootNotDeletable);
+                return false;
+            }
+        }
+        std::lock_guard<std::recursive_mutex> cacheHold(updateCache_->mutex());
+        PutPath path(*this, status);
+        bool existed = false;
+        for (const WString& name : fullNames) {
+            existed = path.remove(name) || existed;
+        }
+        return existed;
+    });
+}
+
+}  // namespace orvane
+}  // namespace zq

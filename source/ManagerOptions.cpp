@@ -1,0 +1,35 @@
+#include "source/ManagerOptions.h"
+
+#include <mutex>
+
+namespace zq {
+namespace orvane {
+
+namespace {
+
+std::mutex overrideMutex;
+std::unique_ptr<Options::Values> overrideValues;
+
+}  // namespace
+
+void overrideManagerOptions(const Options::Values& values) {
+    std::lock_guard<std::mutex> hold(overrideMutex);
+    overrideValues = std::make_unique<Options::Values>(values);
+}
+
+void clearManagerOptionsOverride() {
+    std::lock_guard<std::mutex> hold(overrideMutex);
+    overrideValues.reset();
+}
+
+std::unique_ptr<Options> loadManagerOptions(const kel::WString& optionsFile,
+                                            kel::StatusChain& status) {
+    std::lock_guard<std::mutex> hold(overrideMutex);
+    if (overrideValues) {
+        return std::make_unique<Options>(*overrideValues, status);
+    }
+    return std::make_unique<Options>(Options::findOptionsFile(optionsFile), status);
+}
+
+}  // namespace orvane
+}  // namespace zq

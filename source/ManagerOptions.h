@@ -1,0 +1,24 @@
+#ifndef ZQ_ORVANE_MANAGEROPTIONS_H
+#define ZQ_ORVANE_MANAGEROPTIONS_H
+
+#include <memory>
+
+#include "source/Options.h"
+
+namespace zq {
+namespace orvane {
+
+// The way tests give a bucket manager its option values (text values
+// included, which an options file cannot set) instead of the options file.
+// Affects managers constructed afterwards, until cleared.
+void overrideManagerOptions(const Options::Values& values);
+void clearManagerOptionsOverride();
+
+// The options a manager uses: the override when one is set, else the file.
+std::unique_ptr<Options> loadManagerOptions(const kel::WString& optionsFile,
+                                            kel::StatusChain& status);
+
+}  // namespace orvane
+}  // namespace zq
+
+#endif  // ZQ_ORVANE_MANAGEROPTIONS_H
