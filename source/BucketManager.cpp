@@ -204,8 +204,8 @@ bool BucketManager::beginTransaction(bool wait, Guid& id, StatusChain& status) {
         }
         try {
             // Whatever other processes committed since is the base of this
-            // transaction.
-            dropStaleCaches(status);
+            // transaction: with the lock held, the marks are read every time.
+            dropStaleCaches(true);
             transactionId_ = Guid::generate();
         } catch (...) {
             processLock_->unlock();
@@ -296,11 +296,10 @@ void BucketManager::commitPending(StatusChain& status) {
 
 // When another process committed or compacted since this one last looked,
 // every cached bucket may be stale.
-void BucketManager::dropStaleCaches(StatusChain& status) {
-    (void)status;
+void BucketManager::dropStaleCaches(bool thorough) {
     StatusChain local;
     local.clear();
-    if (store_ && store_->refresh(local)) {
+    if (store_ && store_->refresh(local, thorough)) {
         readCache_->clear();
     }
 }

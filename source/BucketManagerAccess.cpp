@@ -60,7 +60,7 @@ void putPending(BucketUpdateCache& cache, AutoRef<IBucket> bucket, StatusChain& 
 // ---------------------------------------------------------------- lookups
 
 AutoRef<IBucket> BucketManager::findShared(const WString& fullName, StatusChain& status) {
-    dropStaleCaches(status);
+    dropStaleCaches(false);
     AutoRef<IBucket> found = readCache_->findBucket(fullName);
     if (!found) {
         found = store_->readBucket(fullName, status);
@@ -73,7 +73,7 @@ AutoRef<IBucket> BucketManager::findShared(const WString& fullName, StatusChain&
 }
 
 AutoRef<IBucket> BucketManager::findSharedByDigest(const Digest& digest, StatusChain& status) {
-    dropStaleCaches(status);
+    dropStaleCaches(false);
     AutoRef<IBucket> found = readCache_->findBucketByDigest(digest);
     if (!found) {
         found = store_->readBucketByDigest(digest, status);
@@ -136,7 +136,7 @@ bool BucketManager::lookupBucket(const WString& fullName, AutoRef<IBucket>& buck
 bool BucketManager::bucketExists(const WString& fullName, StatusChain& status) {
     return guarded(status, kManagerCodes, [&] {
         if (!store_) return false;
-        dropStaleCaches(status);
+        dropStaleCaches(false);
         return readCache_->containsBucket(fullName) || store_->exists(fullName, status);
     });
 }

@@ -89,12 +89,9 @@ void readExactly(File& file, int64_t offset, void* buffer, size_t count) {
 struct SingleFileBucketStore::Signature {
     FileSystem::Status status;
 
-    bool sameFile(const FileSystem::Status& other) const {
-        return status.exists && other.exists && status.device == other.device &&
-               status.inode == other.inode;
-    }
     bool operator==(const FileSystem::Status& other) const {
-        return sameFile(other) && status.size == other.size &&
+        return status.exists && other.exists && status.device == other.device &&
+               status.inode == other.inode && status.size == other.size &&
                status.modifiedNanoseconds == other.modifiedNanoseconds;
     }
 };
@@ -586,52 +583,82 @@ void SingleFileBucketStore::swapInCompactedFile(int64_t end) {
 // refresh simply looks at the marks.
 void SingleFileBucketStore::rememberSignature() noexcept {
     try {
-        signature_ = std::make_unique<Signature>(Signature{fs_.stat(livePath_)});
+        const FileSystem::Status now = fs_.stat(livePath_);
+        fileIdentity_ = {now.device, now.inode};
+        settle(now);
     } catch (...) {
         signature_.reset();
     }
 }
 
-bool SingleFileBucketStore::refresh(StatusChain& status) {
+// A stat stands for "nothing changed" only when the file holds exactly what
+// the index describes: bytes past the committed length belong to a commit
+// whose mark is still to come, and that mark changes no stat of the file.
+void SingleFileBucketStore::settle(const FileSystem::Status& now) {
+    if (now.exists && now.size == committedLength_) {
+        signature_ = std::make_unique<Signature>(Signature{now});
+    } else {
+        signature_.reset();
+    }
+}
+
+bool SingleFileBucketStore::refresh(StatusChain& status, bool thorough) {
     return storeOperation(status, [&] {
         Lock lock(mutex_);
         if (!open_) {
             return false;
         }
         const FileSystem::Status now = fs_.stat(livePath_);
-        if (signature_ && *signature_ == now) {
+        if (!thorough && signature_ && *signature_ == now) {
             return false;
         }
-        // Another process is between steps of a compaction, or has appended
-        // without a mark yet: keep what we have and look again next time.
+        // Another process is between steps of a compaction: keep what we
+        // have and look again next time.
         const CommitMarks::Mark mark = marks_.peekNewest();
         if (!now.exists || mark.generation == 0) {
             return false;
         }
-        const bool sameFile = signature_ && signature_->sameFile(now);
+        const bool sameFile =
+            now.device == fileIdentity_.first && now.inode == fileIdentity_.second;
         if (sameFile && mark.generation == generation_ &&
             mark.committedLength == committedLength_) {
-            if (now.size == committedLength_) {
-                signature_ = std::make_unique<Signature>(Signature{now});
-            }
+            settle(now);
             return false;
         }
-        // Built aside and swapped in whole: a failure keeps the old view.
-        std::unique_ptr<File> reopened;
-        if (!sameFile) {
-            reopened = fs_.open(livePath_, FileSystem::kReadWrite);
-        }
-        StoreIndex fresh;
-        fresh.load(reopened ? *reopened : *file_, mark.committedLength);
-        if (reopened) {
-            file_ = std::move(reopened);
-        }
-        index_ = std::move(fresh);
-        generation_ = mark.generation;
-        committedLength_ = mark.committedLength;
-        signature_ = std::make_unique<Signature>(Signature{now});
-        return true;
+        return reload(now, mark, sameFile);
     });
+}
+
+// Built aside and swapped in whole: a failure keeps the old view. Without
+// the process lock a compaction may swap files between the look at the mark
+// and the open, so the mark must be the same afterwards and fit the file.
+bool SingleFileBucketStore::reload(const FileSystem::Status& now, const CommitMarks::Mark& mark,
+                                   bool sameFile) {
+    std::unique_ptr<File> reopened;
+    if (!sameFile) {
+        reopened = fs_.open(livePath_, FileSystem::kReadWrite);
+    }
+    File& file = reopened ? *reopened : *file_;
+    if (file.size() < mark.committedLength) {
+        signature_.reset();
+        return false;
+    }
+    StoreIndex fresh;
+    fresh.load(file, mark.committedLength);
+    const CommitMarks::Mark after = marks_.peekNewest();
+    if (after.generation != mark.generation || after.committedLength != mark.committedLength) {
+        signature_.reset();
+        return false;
+    }
+    if (reopened) {
+        file_ = std::move(reopened);
+        fileIdentity_ = {now.device, now.inode};
+    }
+    index_ = std::move(fresh);
+    generation_ = mark.generation;
+    committedLength_ = mark.committedLength;
+    settle(now);
+    return true;
 }
 
 SingleFileBucketStore::Facts SingleFileBucketStore::facts() {

@@ -46,7 +46,7 @@ class SingleFileBucketStore : public IBucketStore {
     bool exists(const kel::WString& name, kel::StatusChain& status) override;
     bool wasRepairedOnOpen() override { return repairedOnOpen_; }
     bool isOverSizeLimit() override { return overSize_; }
-    bool refresh(kel::StatusChain& status) override;
+    bool refresh(kel::StatusChain& status, bool thorough = false) override;
 
     // For the offline tools: compacts now, whatever the size.
     void compactNow(kel::StatusChain& status);
@@ -88,7 +88,9 @@ class SingleFileBucketStore : public IBucketStore {
 
     kel::AutoRef<IBucket> readRecord(int64_t offset);
     void rememberSignature() noexcept;
-    bool fileChangedSinceSignature();
+    void settle(const kel::osdep::FileSystem::Status& now);
+    bool reload(const kel::osdep::FileSystem::Status& now, const CommitMarks::Mark& mark,
+                bool sameFile);
 
     kel::osdep::FileSystem& fs_;
     const Options* options_;
@@ -109,7 +111,8 @@ class SingleFileBucketStore : public IBucketStore {
     bool open_ = false;
     bool repairedOnOpen_ = false;
     bool overSize_ = false;
-    std::unique_ptr<Signature> signature_;
+    std::unique_ptr<Signature> signature_;              // null: look at the marks next time
+    std::pair<uint64_t, uint64_t> fileIdentity_{0, 0};  // device and inode of file_
 };
 
 }  // namespace orvane

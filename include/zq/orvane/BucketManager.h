@@ -131,7 +131,7 @@ class BucketManager
     bool beginTransaction(bool wait, kel::Guid& id, kel::StatusChain& status);
     // The id matches the open transaction and update mode is on.
     bool checkChange(const kel::Guid& id, kel::StatusChain& status) const;
-    void dropStaleCaches(kel::StatusChain& status);
+    void dropStaleCaches(bool thorough);
     bool putLocked(const kel::AutoRef<IBucket>& bucket, int32_t mode, bool mustExist,
                    kel::StatusChain& status);
     kel::AutoRef<IBucket> findShared(const kel::WString& fullName, kel::StatusChain& status);
