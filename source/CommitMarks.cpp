@@ -129,7 +129,11 @@ CommitMarks::Mark CommitMarks::findNewest() {
         return Mark();
     }
     removeAllBut(newest.generation);
-    newest.committedLength = readLength(pathOf(newest.generation));
+    try {
+        newest.committedLength = readLength(pathOf(newest.generation));
+    } catch (const kel::exception::UnableToConvert&) {
+        newest.readable = false;
+    }
     return newest;
 }
 

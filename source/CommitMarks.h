@@ -21,6 +21,7 @@ class CommitMarks {
     struct Mark {
         int64_t generation = 0;  // 0: no mark
         int64_t committedLength = 0;
+        bool readable = true;  // false: the newest mark's content is not a length
     };
 
     CommitMarks(kel::osdep::FileSystem& fs, const kel::WString& directory, const Options* options);
@@ -34,7 +35,8 @@ class CommitMarks {
 
     // Finds the newest mark and removes every older one, so that a stale mark
     // can never win once a compaction restarts the generations at 1. A name
-    // or content that is not a number throws UnableToConvert.
+    // that is not a mark's throws UnableToConvert; a newest mark that cannot
+    // be read as a length comes back not readable.
     Mark findNewest();
     // The same without changing anything, for a process that does not hold
     // the lock: names that are not marks (another process's temporary

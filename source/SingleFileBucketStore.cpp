@@ -121,10 +121,11 @@ void SingleFileBucketStore::open(uint32_t value, StatusChain& status) {
     openValue_ = value;
     repairedOnOpen_ = false;
     storeOperation(status, [&] {
-        const CommitMarks::Mark mark = marks_.findNewest();
-        generation_ = mark.generation;
-        committedLength_ = mark.committedLength;
+        adoptMark(marks_.findNewest());
         recoverFiles();
+        if (!markTrusted_) {
+            salvage();
+        }
         openDataFile();
     });
     if (status.isFatal()) {
@@ -179,9 +180,33 @@ void SingleFileBucketStore::recoverFiles() {
     } else {
         return;  // a new empty store is created next
     }
-    const CommitMarks::Mark mark = marks_.findNewest();
+    adoptMark(marks_.findNewest());
+}
+
+void SingleFileBucketStore::adoptMark(const CommitMarks::Mark& mark) {
     generation_ = mark.generation;
-    committedLength_ = mark.committedLength;
+    committedLength_ = mark.readable ? mark.committedLength : 0;
+    markTrusted_ = mark.readable && mark.generation > 0;
+}
+
+// No mark says how much of the file was committed: it was lost, or is empty
+// or unreadable (writers that never synced their marks leave that after a
+// power cut). Cutting the file to nothing would lose every setting, so the
+// run of whole segments from the start is kept, and a fresh mark names it.
+void SingleFileBucketStore::salvage() {
+    if (!fs_.fileExists(livePath_)) {
+        return;
+    }
+    std::unique_ptr<File> file = fs_.open(livePath_, FileSystem::kRead);
+    const int64_t size = file->size();
+    if (size == 0) {
+        return;
+    }
+    committedLength_ = longestWholePrefix(*file, size);
+    repairedOnOpen_ = true;
+    marks_.write(generation_ + 1, committedLength_);
+    ++generation_;
+    markTrusted_ = true;
 }
 
 // The new file and its mark are complete (the mark is written only after the

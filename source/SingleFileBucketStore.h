@@ -64,6 +64,8 @@ class SingleFileBucketStore : public IBucketStore {
   private:
     struct Signature;
 
+    void adoptMark(const CommitMarks::Mark& mark);
+    void salvage();
     void recoverFiles();
     void rollForwardCompaction();
     void rollBackCompaction();
@@ -111,6 +113,7 @@ class SingleFileBucketStore : public IBucketStore {
     bool open_ = false;
     bool repairedOnOpen_ = false;
     bool overSize_ = false;
+    bool markTrusted_ = false;
     std::unique_ptr<Signature> signature_;              // null: look at the marks next time
     std::pair<uint64_t, uint64_t> fileIdentity_{0, 0};  // device and inode of file_
 };

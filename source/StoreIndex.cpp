@@ -2,6 +2,9 @@
 
 #include "kel/Endian.h"
 #include "kel/Throw.h"
+#include "source/Sha256.h"
+
+#include <algorithm>
 
 namespace zq {
 namespace orvane {
@@ -90,6 +93,53 @@ SegmentScan scanSegment(File& file, int64_t end, uint32_t number) {
         scan.deletions.push_back(digestAt(at));
     }
     return scan;
+}
+
+int64_t wholeSegmentEnd(File& file, int64_t start, int64_t limit) {
+    using namespace segment;
+    constexpr int64_t kSmallest = kHeaderSize + kIndexHeaderSize + kTrailerSize;
+    unsigned char header[kHeaderSize];
+    if (limit - start < kSmallest || file.readAt(start, header, sizeof header) != sizeof header) {
+        return 0;
+    }
+    const int64_t end = getI64(header) + kStartFromEnd;
+    if (end < start + kSmallest || end > limit) {
+        return 0;
+    }
+    unsigned char trailer[kTrailerSize];
+    if (file.readAt(end - kTrailerSize, trailer, sizeof trailer) != sizeof trailer ||
+        getI64(trailer) != getI64(header + 8) || getI64(trailer + 40) != start ||
+        std::memcmp(trailer + 48, kMark, kMarkSize) != 0) {
+        return 0;
+    }
+    // The checksum covers [start, X + 7), X being where the trailer begins.
+    Sha256 sha;
+    std::vector<unsigned char> chunk(64 * 1024);
+    for (int64_t at = start, stop = end - kTrailerSize + 7; at < stop;) {
+        const size_t want = static_cast<size_t>(std::min<int64_t>(stop - at, chunk.size()));
+        if (file.readAt(at, chunk.data(), want) != want) return 0;
+        sha.update(chunk.data(), want);
+        at += static_cast<int64_t>(want);
+    }
+    unsigned char checksum[Sha256::kDigestSize];
+    sha.finish(checksum);
+    if (std::memcmp(checksum, trailer + 8, sizeof checksum) != 0) {
+        return 0;
+    }
+    try {
+        scanSegment(file, end, 0);
+    } catch (const kel::exception::Exception&) {
+        return 0;
+    }
+    return end;
+}
+
+int64_t longestWholePrefix(File& file, int64_t limit) {
+    int64_t end = 0;
+    for (int64_t next; (next = wholeSegmentEnd(file, end, limit)) != 0;) {
+        end = next;
+    }
+    return end;
 }
 
 void StoreIndex::clear() {

@@ -25,6 +25,15 @@ struct SegmentScan {
 // damaged, and nothing of it is trusted.
 SegmentScan scanSegment(kel::osdep::File& file, int64_t end, uint32_t number);
 
+// The end of the segment that starts at `start`, when it is whole: it ends
+// within `limit`, its trailer names its start and repeats its index
+// position, its mark is in place and its checksum matches. 0 otherwise.
+int64_t wholeSegmentEnd(kel::osdep::File& file, int64_t start, int64_t limit);
+
+// The length of the longest run of whole segments from offset 0: what a
+// file can be trusted for when no commit mark says how much was committed.
+int64_t longestWholePrefix(kel::osdep::File& file, int64_t limit);
+
 // Where the newest record of each bucket lies in "registry.bin", which buckets
 // a newer segment deleted, and the segments themselves. Built by walking the
 // file from its committed end back to offset 0, so the first event met for a

@@ -206,6 +206,42 @@ TEST_F(StoreRecoveryTest, NewestMarkWinsAndOlderOnesGoWhateverTheListingOrder) {
     EXPECT_FALSE(dir_.exists("commitmark.7"));
 }
 
+// Without a usable mark the file is not cut to nothing: the whole segments
+// from its start are kept and a fresh mark names them.
+TEST_F(StoreRecoveryTest, ALostOrEmptyMarkKeepsEveryWholeSegment) {
+    writeTwoSegments(dir_);
+    const std::string file = dir_.read("registry.bin");
+    for (const bool emptyMark : {false, true}) {
+        dir_.write("registry.bin", file + "torn tail of a third segment");
+        if (emptyMark) {
+            dir_.write("commitmark.2", "");
+        } else {
+            for (const char* mark : {"commitmark.1", "commitmark.2", "commitmark.3"}) {
+                if (dir_.exists(mark)) dir_.remove(mark);
+            }
+        }
+        int32_t code = -1;
+        EXPECT_EQ(openAndRead(&code), kAfterSecondCommit) << emptyMark;
+        EXPECT_EQ(code, 0);
+        EXPECT_TRUE(repaired_);
+    }
+}
+
+TEST_F(StoreRecoveryTest, SalvageStopsAtTheFirstSegmentThatDoesNotVerify) {
+    writeTwoSegments(dir_);
+    std::string file = dir_.read("registry.bin");
+    const size_t firstEnd =
+        static_cast<size_t>(static_cast<unsigned char>(file[file.size() - 24]) |
+                            (static_cast<unsigned char>(file[file.size() - 23]) << 8));
+    file[firstEnd + 20] = static_cast<char>(file[firstEnd + 20] ^ 0x40);  // in the second's records
+    dir_.write("registry.bin", file);
+    dir_.remove("commitmark.2");
+    int32_t code = -1;
+    EXPECT_EQ(openAndRead(&code), kOld);
+    EXPECT_EQ(code, 0);
+    EXPECT_EQ(dir_.read("registry.bin").size(), firstEnd);
+}
+
 TEST_F(StoreRecoveryTest, LeftoverTemporaryMarkFailsTheOpenUntilCleanedUp) {
     writeTwoSegments(dir_);
     dir_.write("commitmark.5.17.tmp", "");
