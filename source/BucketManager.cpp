@@ -191,15 +191,29 @@ bool BucketManager::beginTransaction(Guid& id, StatusChain& status) {
     return beginTransaction(true, id, status);
 }
 
+// The wait for the process lock happens without the transaction mutex: other
+// threads are not held up while another process commits, and the locks are
+// always taken in one order (process lock, then transaction mutex).
 bool BucketManager::beginTransaction(bool wait, Guid& id, StatusChain& status) {
     return guarded(status, kManagerCodes, [&] {
-        std::lock_guard<std::recursive_mutex> hold(transactionMutex_);
-        if (!store_ || !transactionId_.isNull()) {
-            return false;
+        {
+            std::lock_guard<std::recursive_mutex> hold(transactionMutex_);
+            if (!store_ || !transactionId_.isNull() || beginning_) {
+                return false;
+            }
+            beginning_ = true;
         }
-        if (wait) {
-            processLock_->lock();
-        } else if (!processLock_->tryLock()) {
+        bool locked = false;
+        try {
+            locked = wait ? (processLock_->lock(), true) : processLock_->tryLock();
+        } catch (...) {
+            std::lock_guard<std::recursive_mutex> hold(transactionMutex_);
+            beginning_ = false;
+            throw;
+        }
+        std::lock_guard<std::recursive_mutex> hold(transactionMutex_);
+        beginning_ = false;
+        if (!locked) {
             return false;
         }
         try {
@@ -322,8 +336,8 @@ void BucketManager::reloadCaches(int32_t code, StatusChain& status) {
             return;
         }
         // A new store always holds its root.
-        std::lock_guard<std::recursive_mutex> hold(transactionMutex_);
         ProcessLockHold lock(*processLock_);
+        std::lock_guard<std::recursive_mutex> hold(transactionMutex_);
         AutoRef<IBucket> fresh(new Bucket(root, true));
         if (putLocked(fresh, IBucket::kMergeOverwriting, false, status)) {
             commitPending(status);

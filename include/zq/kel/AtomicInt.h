@@ -12,8 +12,10 @@ namespace osdep {
 // ordering; the changes are compare-and-swap loops.
 class AtomicInt {
   public:
-    explicit AtomicInt(int32_t value = 0) noexcept : value_(value) {
-        std::atomic_thread_fence(std::memory_order_seq_cst);
+    // A sequentially consistent store: the value is in place, with a full
+    // barrier, before the object is used.
+    explicit AtomicInt(int32_t value = 0) noexcept : value_(0) {
+        value_.store(value, std::memory_order_seq_cst);
     }
     AtomicInt(const AtomicInt&) = delete;
     AtomicInt& operator=(const AtomicInt&) = delete;

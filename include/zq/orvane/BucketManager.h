@@ -29,11 +29,12 @@ class Options;
 // The one bucket manager of a process. Declared here so that clients reach
 // its exported member: static_cast<BucketManager*>(manager.get())->purgeStore().
 //
-// Locks, always in this order: the transaction mutex (guards the transaction
-// id, update mode and the update cache's contents between operations), the
-// process lock (held from begin to end of a transaction, and around every
-// change of files), the update cache's mutex, the read cache's mutex, the
-// store's lock. Lookups take only the caches' and the store's own locks.
+// Locks, always in this order: the process lock (held from begin to end of a
+// transaction, and around every change of files), the transaction mutex
+// (guards the transaction id, update mode and the update cache's contents
+// between operations; never held while waiting for another process), the
+// update cache's mutex, the read cache's mutex, the store's lock. Lookups
+// take only the caches' and the store's own locks.
 class BucketManager
     : public kel::RefCountedImplementation<IBucketManager, kel::RefCountedThreadSafePolicy> {
   public:
@@ -146,6 +147,7 @@ class BucketManager
     kel::Guid transactionId_;
     mutable std::recursive_mutex transactionMutex_;
     bool updateMode_ = false;
+    bool beginning_ = false;  // a thread is waiting for the process lock
     std::unique_ptr<Options> options_;
     uint32_t storeOpenWord_ = 0;
     std::unique_ptr<Callbacks> callbacks_;
