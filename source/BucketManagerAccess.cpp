@@ -59,30 +59,37 @@ void putPending(BucketUpdateCache& cache, AutoRef<IBucket> bucket, StatusChain& 
 
 // ---------------------------------------------------------------- lookups
 
-AutoRef<IBucket> BucketManager::findShared(const WString& fullName, StatusChain& status) {
-    dropStaleCaches(false);
-    AutoRef<IBucket> found = readCache_->findBucket(fullName);
+namespace {
+
+// The read cache first, then the store; what the store had is cached.
+template <class InCache, class InStore>
+AutoRef<IBucket> readThrough(BucketCache& cache, InCache&& inCache, InStore&& inStore,
+                             StatusChain& status) {
+    AutoRef<IBucket> found = inCache();
     if (!found) {
-        found = store_->readBucket(fullName, status);
+        found = inStore();
         if (found) {
             bool replace = true;
-            readCache_->insertBucket(found, &replace, status);
+            cache.insertBucket(found, &replace, status);
         }
     }
     return found;
 }
 
+}  // namespace
+
+AutoRef<IBucket> BucketManager::findShared(const WString& fullName, StatusChain& status) {
+    dropStaleCaches(false);
+    return readThrough(
+        *readCache_, [&] { return readCache_->findBucket(fullName); },
+        [&] { return store_->readBucket(fullName, status); }, status);
+}
+
 AutoRef<IBucket> BucketManager::findSharedByDigest(const Digest& digest, StatusChain& status) {
     dropStaleCaches(false);
-    AutoRef<IBucket> found = readCache_->findBucketByDigest(digest);
-    if (!found) {
-        found = store_->readBucketByDigest(digest, status);
-        if (found) {
-            bool replace = true;
-            readCache_->insertBucket(found, &replace, status);
-        }
-    }
-    return found;
+    return readThrough(
+        *readCache_, [&] { return readCache_->findBucketByDigest(digest); },
+        [&] { return store_->readBucketByDigest(digest, status); }, status);
 }
 
 namespace {
