@@ -7,6 +7,7 @@
 #include <set>
 
 #include "Session.h"
+#include "StoreFiles.h"
 #include "Text.h"
 #include "Tool.h"
 #include "Tree.h"
@@ -25,7 +26,7 @@ struct PlannedBucket {
     size_t index;  // in the document, for messages
     WString name;
     size_t depth;
-    std::vector<std::pair<WString, AutoRef<IBucketValue>>> values;
+    std::vector<std::pair<WString, ValueMaker>> values;
 };
 
 [[noreturn]] void bad(const std::string& at, const std::string& message) {
@@ -92,7 +93,7 @@ size_t depthOf(const WString& path) {
 
 // The whole document checked and turned into buckets before anything is
 // written.
-std::vector<PlannedBucket> plan(Session& session, const Json& document) {
+std::vector<PlannedBucket> plan(const Json& document, const OfflineView& registry) {
     if (!document.is_object()) bad("", "expected an object");
     for (auto it = document.begin(); it != document.end(); ++it) {
         if (it.key() != "format" && it.key() != "version" && it.key() != "buckets") {
@@ -141,8 +142,7 @@ std::vector<PlannedBucket> plan(Session& session, const Json& document) {
                                       " (value names ignore case)");
                     }
                 }
-                bucket.values.emplace_back(name,
-                                           valueFromJson(session.manager(), it.value(), here));
+                bucket.values.emplace_back(name, valueFromJson(it.value(), here));
             }
         }
         planned.push_back(std::move(bucket));
@@ -153,7 +153,7 @@ std::vector<PlannedBucket> plan(Session& session, const Json& document) {
     for (const PlannedBucket& bucket : planned) {
         if (bucket.depth == 0) continue;
         const WString parent = parentPath(bucket.name);
-        if (names.count(zq::orvane::Digest(parent)) == 0 && !session.find(parent)) {
+        if (names.count(zq::orvane::Digest(parent)) == 0 && !registry.exists(parent)) {
             bad("/buckets/" + std::to_string(bucket.index) + "/name",
                 "the parent " + quotedText(toUtf8(parent)) +
                     " is neither in the document nor in the registry");
@@ -193,14 +193,16 @@ void addImportCommand(CLI::App& app, const Globals& globals) {
         } catch (const JsonError& e) {
             throw ToolError(kExitUsage, *file + ": " + e.pointer + ": " + e.message);
         }
-        Session session(globals, Session::kMayCreate);
+        // The whole document is checked before the registry is opened: a
+        // refused import leaves every file as it was.
         std::vector<PlannedBucket> planned;
         try {
-            planned = plan(session, document);
+            planned = plan(document, OfflineView(dataDirectory(globals)));
         } catch (const JsonError& e) {
             throw ToolError(kExitUsage, *file + ": " + (e.pointer.empty() ? "/" : e.pointer) +
                                             ": " + e.message);
         }
+        Session session(globals, Session::kMayCreate);
         Transaction transaction(session.manager());
         size_t values = 0;
         for (const PlannedBucket& p : planned) {
@@ -210,8 +212,8 @@ void addImportCommand(CLI::App& app, const Globals& globals) {
                 session.manager().createBucket(p.name, true, status);
             checkStatus(status, "making bucket " + toUtf8(p.name));
             bucket->removeDataValues();
-            for (const auto& [name, value] : p.values) {
-                bucket->setValue(name, value, status, true);
+            for (const auto& [name, makeValue] : p.values) {
+                bucket->setValue(name, makeValue(session.manager()), status, true);
                 checkStatus(status, "storing value " + toUtf8(name));
             }
             values += p.values.size();

@@ -1,6 +1,7 @@
 #include <CLI/CLI.hpp>
 
 #include "Session.h"
+#include "StoreFiles.h"
 #include "Text.h"
 #include "Tool.h"
 #include "Tree.h"
@@ -71,10 +72,27 @@ void addSetCommand(CLI::App& app, const Globals& globals) {
             throw ToolError(kExitUsage,
                             "unknown type " + quotedText(*type) + "; types: " + typeNameList());
         }
+        // Everything that can be refused is refused before the registry is
+        // opened: a failed set leaves every file as it was.
+        const ValueMaker makeValue = valueFromArguments(tag, *words);
+        {
+            const OfflineView view(dataDirectory(globals));
+            if (!*parents && !view.exists(bucketName) && !view.exists(parentPath(bucketName))) {
+                throw ToolError(kExitNotFound, "cannot make " + *path + ": " +
+                                                   describeStatus(zq::orvane::status::kNoParent) +
+                                                   " (-p makes it)");
+            }
+            AutoRef<IBucket> stored = view.find(bucketName);
+            StatusChain status;
+            status.clear();
+            AutoRef<zq::orvane::IBucketValue> existing =
+                stored ? stored->getValue(valueName, status) : AutoRef<zq::orvane::IBucketValue>();
+            if (existing && isChildLink(*stored, valueName, *existing)) {
+                throw ToolError(kExitUsage, quotedText(*name) + " is the link to a child bucket");
+            }
+        }
         Session session(globals, Session::kMayCreate);
-        // Checked before the transaction: a bad value changes nothing.
-        AutoRef<zq::orvane::IBucketValue> value =
-            valueFromArguments(session.manager(), tag, *words);
+        AutoRef<zq::orvane::IBucketValue> value = makeValue(session.manager());
         Transaction transaction(session.manager());
         AutoRef<IBucket> bucket = bucketToChange(session, transaction, bucketName, *parents);
         StatusChain status;

@@ -13,6 +13,7 @@
 #include "kel/osdep/FileSystem.h"
 #include "kel/osdep/Mutex.h"
 #include "source/Options.h"
+#include "zq/orvane/Bucket.h"
 
 namespace orvane_tool {
 
@@ -290,6 +291,34 @@ StoreImage readStore(const std::string& directory) {
     }
     collectLive(image);
     return image;
+}
+
+OfflineView::OfflineView(const std::string& directory) {
+    ProcessLock lock;
+    try {
+        image_ = readStore(directory);
+    } catch (const ToolError& e) {
+        if (e.code() != kExitNotFound) throw;
+    }
+}
+
+bool OfflineView::exists(const WString& path) const {
+    return path == WString(L"/") ||
+           image_.live.count(zq::orvane::keyOf(zq::orvane::Digest(path))) != 0;
+}
+
+zq::kel::AutoRef<zq::orvane::IBucket> OfflineView::find(const WString& path) const {
+    const auto found = image_.live.find(zq::orvane::keyOf(zq::orvane::Digest(path)));
+    if (found == image_.live.end()) return {};
+    const unsigned char* cursor =
+        image_.bytes.data() + found->second.offset + seg::kRecordLengthSize;
+    zq::kel::AutoRef<zq::orvane::IBucket> bucket(new zq::orvane::Bucket());
+    try {
+        bucket->deserialize(cursor, cursor + found->second.length);
+    } catch (const std::exception&) {
+        return {};  // the library's own read reports it
+    }
+    return bucket;
 }
 
 }  // namespace orvane_tool

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "source/SegmentFormat.h"
+#include "zq/orvane/Orvane.h"
 
 namespace zq {
 namespace kel {
@@ -80,6 +81,22 @@ struct StoreImage {
 
 // Throws ToolError (not found) when the directory holds no registry.
 StoreImage readStore(const std::string& directory);
+
+// The committed buckets as the files hold them, read under the process lock
+// without opening the store. Commands check what they are about to change
+// here first, so a refused change leaves every file as it was: the library's
+// open alone may compact the file.
+class OfflineView {
+  public:
+    explicit OfflineView(const std::string& directory);
+    // The root counts as present: the library makes it on first open.
+    bool exists(const zq::kel::WString& path) const;
+    // Null when absent (or, for the root, not made yet).
+    zq::kel::AutoRef<zq::orvane::IBucket> find(const zq::kel::WString& path) const;
+
+  private:
+    StoreImage image_;
+};
 
 }  // namespace orvane_tool
 

@@ -3,12 +3,32 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <vector>
 
+#include "Session.h"
 #include "zq/orvane/Orvane.h"
 
 namespace orvane_tool {
+
+// A value checked and ready to be made: parsing happens before the registry
+// is opened, so a bad value leaves every file as it was.
+using ValueMaker =
+    std::function<zq::kel::AutoRef<zq::orvane::IBucketValue>(zq::orvane::IBucketManager&)>;
+using RawValueMaker = std::function<zq::kel::AutoRef<zq::orvane::IBucketValue>(
+    zq::orvane::IBucketManager&, zq::kel::StatusChain&)>;
+
+// The maker with the library's status turned into a ToolError.
+inline ValueMaker checkedMaker(RawValueMaker raw) {
+    return [raw](zq::orvane::IBucketManager& manager) {
+        zq::kel::StatusChain status;
+        status.clear();
+        zq::kel::AutoRef<zq::orvane::IBucketValue> value = raw(manager, status);
+        checkStatus(status, "making a value");
+        return value;
+    };
+}
 
 // The eleven plain kinds as types, so one template serves each operation:
 // Kind<int32_t>::get(value, status), Kind<int32_t>::tag, ...

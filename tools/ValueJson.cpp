@@ -16,6 +16,7 @@ using zq::kel::AutoRef;
 using zq::kel::NString;
 using zq::kel::StatusChain;
 using zq::kel::WString;
+using zq::orvane::IBucketManager;
 using zq::orvane::IBucketValue;
 
 std::string pointerStep(const std::string& key) {
@@ -108,7 +109,7 @@ Json valueJson(const IBucketValue& value) {
                         return;
                     }
                     data = Json::array();
-                    for (auto element : arrayElements<K>(value, status)) {
+                    for (typename K::type element : arrayElements<K>(value, status)) {
                         data.push_back(elementJson(element));
                     }
                 })) {
@@ -222,8 +223,7 @@ const Json& arrayAt(const Json& j, const std::string& at) {
 
 }  // namespace
 
-AutoRef<IBucketValue> valueFromJson(zq::orvane::IBucketManager& manager, const Json& object,
-                                    const std::string& at) {
+ValueMaker valueFromJson(const Json& object, const std::string& at) {
     if (!object.is_object()) bad(at, "expected {\"type\": ..., \"value\": ...}");
     for (auto it = object.begin(); it != object.end(); ++it) {
         if (it.key() != "type" && it.key() != "value")
@@ -237,30 +237,40 @@ AutoRef<IBucketValue> valueFromJson(zq::orvane::IBucketManager& manager, const J
     if (!object.contains("value")) bad(at + "/value", "missing");
     const Json& j = object["value"];
     const std::string here = at + "/value";
-    StatusChain status;
-    status.clear();
-    AutoRef<IBucketValue> made;
+    RawValueMaker maker;
     switch (tag) {
         case zq::orvane::kDIGEST: {
             std::vector<unsigned char> bytes;
             hexString(j, here, bytes);
             if (bytes.size() != zq::orvane::Digest::kSize) bad(here, "expected 64 hex digits");
             const unsigned char* cursor = bytes.data();
-            made = manager.createDigestValue(zq::orvane::Digest(cursor, cursor + bytes.size()),
-                                             status);
+            const zq::orvane::Digest digest(cursor, cursor + bytes.size());
+            maker = [digest](IBucketManager& m, StatusChain& s) {
+                return m.createDigestValue(digest, s);
+            };
             break;
         }
-        case zq::orvane::kANSISTRING:
-            made = manager.createAnsiStringValue(narrowFrom(j, here), status);
+        case zq::orvane::kANSISTRING: {
+            const NString text = narrowFrom(j, here);
+            maker = [text](IBucketManager& m, StatusChain& s) {
+                return m.createAnsiStringValue(text, s);
+            };
             break;
-        case zq::orvane::kSTRING:
-            made = manager.createStringValue(wideFrom(j, here), status);
+        }
+        case zq::orvane::kSTRING: {
+            const WString text = wideFrom(j, here);
+            maker = [text](IBucketManager& m, StatusChain& s) {
+                return m.createStringValue(text, s);
+            };
             break;
+        }
         case zq::orvane::kBLOB: {
             std::vector<unsigned char> bytes;
             hexString(j, here, bytes);
-            made = manager.createBlobValue(bytes.data(), static_cast<uint32_t>(bytes.size()), false,
-                                           status);
+            maker = [bytes](IBucketManager& m, StatusChain& s) {
+                return m.createBlobValue(bytes.data(), static_cast<uint32_t>(bytes.size()), false,
+                                         s);
+            };
             break;
         }
         case zq::orvane::kANSISTRINGARRAY: {
@@ -268,8 +278,10 @@ AutoRef<IBucketValue> valueFromJson(zq::orvane::IBucketManager& manager, const J
             for (size_t i = 0; i < arrayAt(j, here).size(); ++i) {
                 elements.push_back(narrowFrom(j[i], here + "/" + std::to_string(i)));
             }
-            made = manager.createAnsiStringArrayValue(
-                elements.data(), static_cast<uint32_t>(elements.size()), status);
+            maker = [elements](IBucketManager& m, StatusChain& s) {
+                return m.createAnsiStringArrayValue(elements.data(),
+                                                    static_cast<uint32_t>(elements.size()), s);
+            };
             break;
         }
         case zq::orvane::kSTRINGARRAY: {
@@ -277,8 +289,10 @@ AutoRef<IBucketValue> valueFromJson(zq::orvane::IBucketManager& manager, const J
             for (size_t i = 0; i < arrayAt(j, here).size(); ++i) {
                 elements.push_back(wideFrom(j[i], here + "/" + std::to_string(i)));
             }
-            made = manager.createStringArrayValue(elements.data(),
-                                                  static_cast<uint32_t>(elements.size()), status);
+            maker = [elements](IBucketManager& m, StatusChain& s) {
+                return m.createStringArrayValue(elements.data(),
+                                                static_cast<uint32_t>(elements.size()), s);
+            };
             break;
         }
         default:
@@ -286,18 +300,22 @@ AutoRef<IBucketValue> valueFromJson(zq::orvane::IBucketManager& manager, const J
                 using K = decltype(kind);
                 using T = typename K::type;
                 if (!isArray) {
-                    made = K::make(manager, elementFrom<T>(j, here), status);
+                    const T scalar = elementFrom<T>(j, here);
+                    maker = [scalar](IBucketManager& m, StatusChain& s) {
+                        return K::make(m, scalar, s);
+                    };
                     return;
                 }
                 std::vector<T> elements;
                 for (size_t i = 0; i < arrayAt(j, here).size(); ++i) {
                     elements.push_back(elementFrom<T>(j[i], here + "/" + std::to_string(i)));
                 }
-                made = makeArrayValue<K>(manager, elements, status);
+                maker = [elements](IBucketManager& m, StatusChain& s) {
+                    return makeArrayValue<K>(m, elements, s);
+                };
             });
     }
-    checkStatus(status, "making a value");
-    return made;
+    return checkedMaker(maker);
 }
 
 }  // namespace orvane_tool

@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "ValueAccess.h"
 #include "zq/orvane/Orvane.h"
 
 namespace orvane_tool {
@@ -32,10 +33,9 @@ struct JsonError {
     std::string message;
 };
 
-// The value a {"type", "value"} object describes; JsonError with a pointer
-// relative to `at` otherwise.
-zq::kel::AutoRef<zq::orvane::IBucketValue> valueFromJson(zq::orvane::IBucketManager& manager,
-                                                         const Json& object, const std::string& at);
+// The value a {"type", "value"} object describes, checked; JsonError with
+// the pointer of the bad element (`at` is the object's own) otherwise.
+ValueMaker valueFromJson(const Json& object, const std::string& at);
 
 // "/buckets/3/values/a~1b": a JSON pointer step, escaped.
 std::string pointerStep(const std::string& key);

@@ -17,6 +17,7 @@ using zq::kel::AutoRef;
 using zq::kel::NString;
 using zq::kel::StatusChain;
 using zq::kel::WString;
+using zq::orvane::IBucketManager;
 using zq::orvane::IBucketValue;
 
 namespace {
@@ -262,7 +263,7 @@ std::string valueText(const IBucketValue& value, bool raw) {
                         return;
                     }
                     std::vector<std::string> items;
-                    for (auto element : arrayElements<K>(value, status)) {
+                    for (typename K::type element : arrayElements<K>(value, status)) {
                         items.push_back(elementText(element));
                     }
                     text = bracketed(items);
@@ -300,71 +301,88 @@ T parseElement(uint32_t tag, const std::string& word) {
 
 }  // namespace
 
-AutoRef<IBucketValue> valueFromArguments(zq::orvane::IBucketManager& manager, uint32_t tag,
-                                         const std::vector<std::string>& words) {
+ValueMaker valueFromArguments(uint32_t tag, const std::vector<std::string>& words) {
     if (!isArrayTag(tag) && words.size() != 1) {
         throw ToolError(kExitUsage, "a " + std::string(typeName(tag)) +
                                         " value takes exactly one word, got " +
                                         std::to_string(words.size()));
     }
-    StatusChain status;
-    status.clear();
-    AutoRef<IBucketValue> made;
+    RawValueMaker maker;
     switch (tag) {
         case zq::orvane::kDIGEST: {
             std::vector<unsigned char> bytes;
             if (words[0].size() != 64 || !fromHex(words[0], bytes)) badWord(tag, words[0]);
             const unsigned char* cursor = bytes.data();
-            made = manager.createDigestValue(zq::orvane::Digest(cursor, cursor + bytes.size()),
-                                             status);
+            const zq::orvane::Digest digest(cursor, cursor + bytes.size());
+            maker = [digest](IBucketManager& m, StatusChain& s) {
+                return m.createDigestValue(digest, s);
+            };
             break;
         }
-        case zq::orvane::kANSISTRING:
+        case zq::orvane::kANSISTRING: {
             // Narrow strings take the argument's bytes as they are.
-            made = manager.createAnsiStringValue(NString(words[0].data(), words[0].size()), status);
+            const NString text(words[0].data(), words[0].size());
+            maker = [text](IBucketManager& m, StatusChain& s) {
+                return m.createAnsiStringValue(text, s);
+            };
             break;
-        case zq::orvane::kSTRING:
-            made = manager.createStringValue(argumentText(words[0], "the string value"), status);
+        }
+        case zq::orvane::kSTRING: {
+            const WString text = argumentText(words[0], "the string value");
+            maker = [text](IBucketManager& m, StatusChain& s) {
+                return m.createStringValue(text, s);
+            };
             break;
+        }
         case zq::orvane::kBLOB: {
             std::vector<unsigned char> bytes;
             if (!fromHex(words[0], bytes)) badWord(tag, words[0]);
-            made = manager.createBlobValue(bytes.data(), static_cast<uint32_t>(bytes.size()), false,
-                                           status);
+            maker = [bytes](IBucketManager& m, StatusChain& s) {
+                return m.createBlobValue(bytes.data(), static_cast<uint32_t>(bytes.size()), false,
+                                         s);
+            };
             break;
         }
         case zq::orvane::kANSISTRINGARRAY: {
             std::vector<NString> elements;
             for (const std::string& w : words)
                 elements.emplace_back(w.data(), w.size());
-            made = manager.createAnsiStringArrayValue(
-                elements.data(), static_cast<uint32_t>(elements.size()), status);
+            maker = [elements](IBucketManager& m, StatusChain& s) {
+                return m.createAnsiStringArrayValue(elements.data(),
+                                                    static_cast<uint32_t>(elements.size()), s);
+            };
             break;
         }
         case zq::orvane::kSTRINGARRAY: {
             std::vector<WString> elements;
             for (const std::string& w : words)
                 elements.push_back(argumentText(w, "a string element"));
-            made = manager.createStringArrayValue(elements.data(),
-                                                  static_cast<uint32_t>(elements.size()), status);
+            maker = [elements](IBucketManager& m, StatusChain& s) {
+                return m.createStringArrayValue(elements.data(),
+                                                static_cast<uint32_t>(elements.size()), s);
+            };
             break;
         }
         default:
             visitPlainKind(tag, [&](auto kind, bool isArray) {
                 using K = decltype(kind);
                 using T = typename K::type;
-                if (!isArray) {
-                    made = K::make(manager, parseElement<T>(tag, words[0]), status);
-                    return;
-                }
                 std::vector<T> elements;
                 for (const std::string& w : words)
                     elements.push_back(parseElement<T>(tag, w));
-                made = makeArrayValue<K>(manager, elements, status);
+                if (isArray) {
+                    maker = [elements](IBucketManager& m, StatusChain& s) {
+                        return makeArrayValue<K>(m, elements, s);
+                    };
+                } else {
+                    const T scalar = elements[0];
+                    maker = [scalar](IBucketManager& m, StatusChain& s) {
+                        return K::make(m, scalar, s);
+                    };
+                }
             });
     }
-    checkStatus(status, "making the value");
-    return made;
+    return checkedMaker(maker);
 }
 
 }  // namespace orvane_tool

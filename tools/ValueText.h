@@ -7,6 +7,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "ValueAccess.h"
 #include "zq/orvane/Orvane.h"
 
 namespace orvane_tool {
@@ -52,8 +53,7 @@ std::string valueText(const zq::orvane::IBucketValue& value, bool raw = false);
 
 // A value of type `tag` from the command line's words; ToolError (usage)
 // naming the bad word otherwise.
-zq::kel::AutoRef<zq::orvane::IBucketValue> valueFromArguments(
-    zq::orvane::IBucketManager& manager, uint32_t tag, const std::vector<std::string>& words);
+ValueMaker valueFromArguments(uint32_t tag, const std::vector<std::string>& words);
 
 }  // namespace orvane_tool
 
