@@ -11,6 +11,54 @@
 
 namespace orvane_tool {
 
+namespace {
+
+// Writes the document a bucket at a time, one value a line: a registry of
+// any size goes out without a document tree of it in memory.
+class DocumentWriter {
+  public:
+    explicit DocumentWriter(std::FILE* file) : file_(file) {
+        text_ = "{\n  \"format\": \"orvane-registry\",\n  \"version\": 1,\n  \"buckets\": [";
+    }
+
+    void bucket(zq::orvane::IBucket& bucket) {
+        text_ += first_ ? "\n    {\"name\": " : ",\n    {\"name\": ";
+        first_ = false;
+        text_ += Json(toUtf8(bucket.getFullName())).dump() + ", \"values\": {";
+        bool firstValue = true;
+        forEachDataValue(bucket, [&](const zq::kel::WString& name,
+                                     const zq::kel::AutoRef<zq::orvane::IBucketValue>& value) {
+            text_ += firstValue ? "\n      " : ",\n      ";
+            firstValue = false;
+            text_ += Json(toUtf8(name)).dump() + ": " + valueJson(*value).dump();
+        });
+        text_ += firstValue ? "}}" : "\n    }}";
+        if (text_.size() > (1u << 20)) flush();
+    }
+
+    void finish() {
+        text_ += first_ ? "]\n}\n" : "\n  ]\n}\n";
+        flush();
+        if (std::fflush(file_) != 0) fail();
+    }
+
+  private:
+    void flush() {
+        if (std::fwrite(text_.data(), 1, text_.size(), file_) != text_.size()) fail();
+        text_.clear();
+    }
+    [[noreturn]] void fail() {
+        throw ToolError(kExitStore,
+                        std::string("cannot write the document: ") + std::strerror(errno));
+    }
+
+    std::FILE* file_;
+    std::string text_;
+    bool first_ = true;
+};
+
+}  // namespace
+
 void addExportCommand(CLI::App& app, const Globals& globals) {
     CLI::App* command = app.add_subcommand(
         "export", "Write PATH (default \"/\") and its descendants as a JSON document");
@@ -28,20 +76,30 @@ void addExportCommand(CLI::App& app, const Globals& globals) {
     command->callback([&globals, path, output] {
         const zq::kel::WString top = bucketPath(*path);
         Session session(globals, Session::kReadOnly);
-        Json buckets = Json::array();
-        walkTree(session, top,
-                 [&](zq::orvane::IBucket& bucket, int) { buckets.push_back(bucketJson(bucket)); });
-        Json document{
-            {"format", "orvane-registry"}, {"version", 1}, {"buckets", std::move(buckets)}};
-        const std::string text = document.dump(2) + "\n";
-        if (output->empty() || *output == "-") {
-            std::fwrite(text.data(), 1, text.size(), stdout);
-            return;
+        const bool toFile = !output->empty() && *output != "-";
+        // A file appears whole or not at all.
+        const std::string temporary = *output + ".tmp";
+        std::FILE* file = toFile ? std::fopen(temporary.c_str(), "wb") : stdout;
+        if (file == nullptr) {
+            throw ToolError(kExitStore, "cannot write " + temporary + ": " + std::strerror(errno));
         }
-        std::FILE* file = std::fopen(output->c_str(), "wb");
-        if (file == nullptr || std::fwrite(text.data(), 1, text.size(), file) != text.size() ||
-            std::fclose(file) != 0) {
-            throw ToolError(kExitStore, "cannot write " + *output + ": " + std::strerror(errno));
+        try {
+            DocumentWriter writer(file);
+            walkTree(session, top,
+                     [&](zq::orvane::IBucket& bucket, int) { writer.bucket(bucket); });
+            writer.finish();
+        } catch (...) {
+            if (toFile) {
+                std::fclose(file);
+                std::remove(temporary.c_str());
+            }
+            throw;
+        }
+        if (toFile &&
+            (std::fclose(file) != 0 || std::rename(temporary.c_str(), output->c_str()) != 0)) {
+            const std::string reason = std::strerror(errno);
+            std::remove(temporary.c_str());
+            throw ToolError(kExitStore, "cannot write " + *output + ": " + reason);
         }
     });
 }
