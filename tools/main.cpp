@@ -13,7 +13,8 @@ const char kExitCodes[] =
     "  2  usage: bad arguments, a bad value or document, a refused request\n"
     "  3  not found: no such bucket, value or registry\n"
     "  4  store error: the library or the registry's files failed\n"
-    "Nothing is written when a command fails.";
+    "A failed command commits nothing, and one refused for its arguments or for what the "
+    "registry holds leaves every file as it was.";
 
 }  // namespace
 
@@ -52,6 +53,10 @@ int main(int argc, char** argv) {
     } catch (const std::exception& e) {
         std::fflush(stdout);
         std::fprintf(stderr, "orvane: %s\n", e.what());
+        return kExitStore;
+    } catch (...) {
+        std::fflush(stdout);
+        std::fprintf(stderr, "orvane: unexpected failure\n");
         return kExitStore;
     }
     return kExitOk;
