@@ -79,6 +79,12 @@ Json parseStrict(const std::string& text) {
     return Json::parse(text, watch);
 }
 
+struct NoCaseLess {
+    bool operator()(const WString& a, const WString& b) const {
+        return zq::kel::compareNoCase(a.c_str(), b.c_str()) < 0;
+    }
+};
+
 bool wellFormedPath(const WString& path) {
     if (path.empty() || path[0] != L'/') return false;
     for (size_t i = 1; i < path.length(); ++i) {
@@ -128,6 +134,7 @@ std::vector<PlannedBucket> plan(const Json& document, const OfflineView& registr
                 "the bucket " + quotedText(b["name"].get<std::string>()) + " appears twice");
         }
         bucket.depth = depthOf(bucket.name);
+        std::set<WString, NoCaseLess> seen;
         if (b.contains("values")) {
             const Json& values = b["values"];
             if (!values.is_object()) bad(at + "/values", "expected an object");
@@ -136,11 +143,9 @@ std::vector<PlannedBucket> plan(const Json& document, const OfflineView& registr
                 WString name;
                 if (it.key().empty() || !fromUtf8(it.key(), name))
                     bad(here, "a value needs a name");
-                for (const auto& other : bucket.values) {
-                    if (zq::kel::equalsNoCase(other.first.c_str(), name.c_str())) {
-                        bad(here, "the name repeats " + quotedText(toUtf8(other.first)) +
-                                      " (value names ignore case)");
-                    }
+                if (!seen.insert(name).second) {
+                    bad(here, "the name repeats " + quotedText(toUtf8(*seen.find(name))) +
+                                  " (value names ignore case)");
                 }
                 bucket.values.emplace_back(name, valueFromJson(it.value(), here));
             }

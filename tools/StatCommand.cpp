@@ -4,6 +4,7 @@
 #include "Session.h"
 #include "StoreFiles.h"
 #include "Tool.h"
+#include "Tree.h"
 #include "zq/orvane/Bucket.h"
 
 namespace orvane_tool {
@@ -37,16 +38,10 @@ void addStatCommand(CLI::App& app, const Globals& globals) {
             } catch (const std::exception&) {
                 throw ToolError(kExitStore, "a record does not decode; `orvane verify` names it");
             }
-            const uint32_t handle = bucket->openEnumeration();
-            zq::orvane::Digest child;
-            for (bool more = bucket->getFirstChild(handle, child); more;) {
-                ++links;
-                zq::kel::StatusChain status;
-                status.clear();
-                more = bucket->getNextChild(handle, child, status);
-            }
-            bucket->closeEnumeration(handle);
-            values += bucket->getNumKeys();
+            forEachValue(*bucket, [&](const zq::kel::WString& name,
+                                      const zq::kel::AutoRef<zq::orvane::IBucketValue>& value) {
+                ++(isChildLink(*bucket, name, *value) ? links : values);
+            });
         }
         std::printf("directory      %s\n", directory.c_str());
         std::printf("file size      %lld\n", static_cast<long long>(image.fileSize));
@@ -54,7 +49,7 @@ void addStatCommand(CLI::App& app, const Globals& globals) {
         std::printf("generation     %lld\n", static_cast<long long>(image.generation));
         std::printf("segments       %zu\n", image.segments.size());
         std::printf("buckets        %zu\n", image.live.size());
-        std::printf("values         %zu\n", values - links);
+        std::printf("values         %zu\n", values);
         std::printf("child links    %zu\n", links);
         std::printf("dead bytes     %lld\n", static_cast<long long>(image.recordBytes - liveBytes));
     });

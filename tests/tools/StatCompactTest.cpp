@@ -73,6 +73,14 @@ TEST(ToolStatCompactTest, StatCountsDeadBytesAndCompactGivesThemBack) {
     EXPECT_EQ(field(after.out, "buckets"), "2");
     EXPECT_EQ(tool.run({"get", "/s", "v"}).out, "3\n");
     EXPECT_EQ(tool.run({"verify"}).exitCode, 0);
+
+    // A digest of the user's own is a value, not a link.
+    ASSERT_EQ(tool.run({"set", "/s", "d", "digest", std::string(64, 'a')}).exitCode, 0);
+    const ToolResult more = tool.run({"stat"});
+    EXPECT_EQ(field(more.out, "values"), "2");
+    EXPECT_EQ(field(more.out, "child links"), "1");
+    EXPECT_EQ(field(more.out, "segments"), "2") << "the set's open compacted, its commit appended";
+    EXPECT_NE(field(more.out, "dead bytes"), "0") << "the older record of /s";
 }
 
 TEST(ToolStatCompactTest, StatAndCompactRefuseADamagedStore) {
