@@ -1,0 +1,156 @@
+// verify on good stores and on stores damaged the ways disks and crashes
+// damage them: each problem named with its file offset, exit code 1.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "tools/ToolRunner.h"
+#include "zq/orvane/Orvane.h"
+
+namespace zq {
+namespace test {
+namespace {
+
+class ToolVerifyTest : public ::testing::Test {
+  protected:
+    // A compacted store: one segment from 0 to its end, the first record's
+    // length field at 16.
+    void SetUp() override {
+        ASSERT_EQ(tool.run({"set", "-p", "/a/b", "x", "int32[]", "1", "2", "3"}).exitCode, 0);
+        ASSERT_EQ(tool.run({"set", "/a", "s", "string", "hello"}).exitCode, 0);
+        ASSERT_EQ(tool.run({"compact"}).exitCode, 0);
+        bytes = tool.dir().read("reg/registry.bin");
+        ASSERT_EQ(tool.dir().read("reg/commitmark.1"), std::to_string(bytes.size()));
+    }
+    int64_t end() const { return static_cast<int64_t>(bytes.size()); }
+    void store(const std::string& image) { tool.dir().write("reg/registry.bin", image); }
+    static void putI64(std::string& image, size_t at, int64_t value) {
+        std::memcpy(&image[at], &value, sizeof value);  // the target is little-endian
+    }
+    static int64_t getI64(const std::string& image, size_t at) {
+        int64_t value;
+        std::memcpy(&value, &image[at], sizeof value);
+        return value;
+    }
+    // Exit 1 and a line that begins with "file:offset: " and names `what`.
+    void expectProblem(const std::string& where, const std::string& what) {
+        const ToolResult r = tool.run({"verify"});
+        EXPECT_EQ(r.exitCode, 1) << r.out << r.err;
+        const size_t line = r.out.find(where + ": ");
+        ASSERT_NE(line, std::string::npos) << "expected " << where << " in\n" << r.out;
+        EXPECT_TRUE(line == 0 || r.out[line - 1] == '\n') << r.out;
+        EXPECT_NE(r.out.find(what, line), std::string::npos) << r.out;
+        EXPECT_NE(r.err.find("problem"), std::string::npos) << r.err;
+    }
+
+    ToolRunner tool;
+    std::string bytes;
+};
+
+TEST_F(ToolVerifyTest, CleanStoresPassAndNothingChanges) {
+    const std::string before = tool.snapshot();
+    const ToolResult r = tool.run({"verify"});
+    EXPECT_EQ(r.exitCode, 0) << r.out;
+    EXPECT_EQ(r.out, "ok: 1 segment, 3 buckets, " + std::to_string(end()) + " committed bytes\n");
+    EXPECT_EQ(tool.snapshot(), before);
+    // Several segments: each set appends one to the compacted file.
+    ASSERT_EQ(tool.run({"set", "/a/b", "y", "bool", "true"}).exitCode, 0);
+    ASSERT_EQ(tool.run({"rm", "/a", "s"}).exitCode, 0);
+    const ToolResult again = tool.run({"verify"});
+    EXPECT_EQ(again.exitCode, 0) << again.out;
+    EXPECT_NE(again.out.find("ok: 2 segments"), std::string::npos) << again.out;
+}
+
+TEST_F(ToolVerifyTest, AFlippedByteFailsTheSegmentChecksum) {
+    std::string image = bytes;
+    image[40] ^= 0x20;  // inside the first record
+    store(image);
+    expectProblem("registry.bin:" + std::to_string(end() - 56),
+                  "checksum over [0, " + std::to_string(end() - 57) + ") does not match");
+}
+
+TEST_F(ToolVerifyTest, ATruncatedCommitMarkIsCaught) {
+    const std::string mark = tool.dir().read("reg/commitmark.1");
+    tool.dir().write("reg/commitmark.1", mark.substr(0, mark.size() - 1));
+    const int64_t cut = end() / 10;
+    expectProblem("registry.bin:" + std::to_string(cut),
+                  "segment ending at " + std::to_string(cut));
+
+    tool.dir().write("reg/commitmark.1", "");
+    expectProblem("commitmark.1:0", "does not hold a length");
+}
+
+TEST_F(ToolVerifyTest, ARecordLongerThanItsSegmentIsCaught) {
+    std::string image = bytes;
+    const int64_t index = getI64(image, 8);
+    putI64(image, 16, index);  // runs far past the index at `index`
+    store(image);
+    expectProblem("registry.bin:16", "record length " + std::to_string(index) +
+                                         " runs past the record area, which ends at " +
+                                         std::to_string(index));
+}
+
+TEST_F(ToolVerifyTest, TrailerFieldsAreCheckedOneByOne) {
+    std::string image = bytes;
+    image[end() - 1] = '?';  // the mark
+    store(image);
+    expectProblem("registry.bin:" + std::to_string(end() - 16), "@@@@SFBSMARK@@@@");
+
+    image = bytes;
+    putI64(image, static_cast<size_t>(end() - 64), getI64(bytes, 8) + 1);  // repeated index
+    store(image);
+    expectProblem("registry.bin:" + std::to_string(end() - 64), "repeated index position");
+
+    image = bytes;
+    putI64(image, static_cast<size_t>(end() - 24), end());  // segment start
+    store(image);
+    expectProblem("registry.bin:" + std::to_string(end() - 24), "its start");
+
+    image = bytes;
+    putI64(image, 8, end());  // index position
+    store(image);
+    expectProblem("registry.bin:8", "index position");
+
+    tool.dir().write("reg/commitmark.1", std::to_string(end() + 10));
+    store(bytes);
+    expectProblem("registry.bin:" + std::to_string(end()), "before the committed length");
+}
+
+std::string digestHex(const wchar_t* name) {
+    orvane::Digest digest;
+    orvane::DigestString text;
+    orvane::Digest::calculateDigest(kel::WString(name), digest, text);
+    return text.c_str();
+}
+
+TEST(ToolVerifyLinksTest, LinksToMissingBucketsAndUnlinkedBucketsAreCaught) {
+    ToolRunner tool;
+    // A link-shaped value to a bucket that is not there.
+    const std::string dangling =
+        R"({"format": "orvane-registry", "version": 1, "buckets": [
+             {"name": "/p", "values": {"/p/gone": {"type": "digest", "value": ")" +
+        digestHex(L"/p/gone") + R"("}}}]})";
+    ASSERT_EQ(tool.run({"import", "-"}, dangling).exitCode, 0);
+    ToolResult r = tool.run({"verify"});
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_NE(r.out.find("bucket \"/p\" links the child \"/p/gone\", which does not exist"),
+              std::string::npos)
+        << r.out;
+
+    // The parent holds another digest where the child's link belongs, so
+    // the manager never links the child.
+    ToolRunner other;
+    const std::string unlinked =
+        R"({"format": "orvane-registry", "version": 1, "buckets": [
+             {"name": "/p", "values": {"/p/c": {"type": "digest", "value": ")" +
+        std::string(64, '0') + R"("}}}, {"name": "/p/c", "values": {}}]})";
+    ASSERT_EQ(other.run({"import", "-"}, unlinked).exitCode, 0);
+    r = other.run({"verify"});
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_NE(r.out.find("bucket \"/p/c\" is not linked from its parent \"/p\""), std::string::npos)
+        << r.out;
+}
+
+}  // namespace
+}  // namespace test
+}  // namespace zq

@@ -1,0 +1,55 @@
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <memory>
+
+#include "Session.h"
+#include "StoreFiles.h"
+#include "Text.h"
+#include "Tool.h"
+#include "kel/osdep/FileSystem.h"
+#include "source/Options.h"
+#include "source/SingleFileBucketStore.h"
+#include "source/TouchFile.h"
+
+namespace orvane_tool {
+
+void addCompactCommand(CLI::App& app, const Globals& globals) {
+    CLI::App* command =
+        app.add_subcommand("compact", "Rewrite the registry as one segment without dead records");
+    command->footer("Runs under the registry's process lock, as a commit does.");
+    command->callback([&globals] {
+        using zq::kel::WString;
+        const std::string directory = dataDirectory(globals);
+        const WString wideDirectory(directory.c_str());
+        ProcessLock lock;
+        const StoreImage before = readStore(directory);
+        if (!before.problems.empty()) {
+            throw ToolError(kExitStore, "the registry in " + directory +
+                                            " is damaged; `orvane verify` names the problems");
+        }
+        zq::kel::StatusChain status;
+        status.clear();
+        // The options give the files the owner and mode the library uses.
+        zq::orvane::Options options(zq::orvane::Options::findOptionsFile(
+                                        WString(absolutePath(globals.optionsFile).c_str())),
+                                    status);
+        checkStatus(status, "reading the options");
+        zq::orvane::removeTemporaryFiles(zq::kel::osdep::FileSystem::processDefault(),
+                                         wideDirectory);
+        zq::orvane::SingleFileBucketStore store(wideDirectory, &options);
+        store.open(0, status);
+        checkStatus(status, "opening the store");
+        store.compactNow(status);
+        checkStatus(status, "compacting");
+        const auto after = store.facts();
+        store.close(status);
+        checkStatus(status, "closing the store");
+        std::printf("compacted %s: %zu segment%s, %lld bytes -> %u segment%s, %lld bytes\n",
+                    directory.c_str(), before.segments.size(),
+                    before.segments.size() == 1 ? "" : "s",
+                    static_cast<long long>(before.committedLength), after.segments,
+                    after.segments == 1 ? "" : "s", static_cast<long long>(after.committedLength));
+    });
+}
+
+}  // namespace orvane_tool

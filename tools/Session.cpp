@@ -1,0 +1,111 @@
+#include "Session.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "StoreFiles.h"
+#include "Text.h"
+
+namespace orvane_tool {
+
+using zq::kel::AutoRef;
+using zq::kel::StatusChain;
+using zq::kel::WString;
+using zq::orvane::IBucket;
+
+void checkStatus(const StatusChain& status, const std::string& doing) {
+    if (status.isFatal()) {
+        throw ToolError(kExitStore, doing + " failed: " + describeStatus(status.getCode()));
+    }
+}
+
+std::string absolutePath(const std::string& path) {
+    if (path.empty() || path[0] == '/') return path;
+    char cwd[4096];
+    if (getcwd(cwd, sizeof cwd) == nullptr) {
+        throw ToolError(kExitStore, "cannot find the current directory");
+    }
+    return std::string(cwd) + "/" + path;
+}
+
+std::string dataDirectory(const Globals& globals) {
+    return globals.dataDir.empty() ? defaultDataDirectory() : absolutePath(globals.dataDir);
+}
+
+Session::Session(const Globals& globals, Mode mode) {
+    if (mode == kReadOnly) {
+        const std::string registry = dataDirectory(globals) + "/registry.bin";
+        struct stat info;
+        if (::stat(registry.c_str(), &info) != 0) {
+            throw ToolError(kExitNotFound, "no registry in " + dataDirectory(globals));
+        }
+    }
+    StatusChain status;
+    status.clear();
+    zq::orvane::publicInterface::IOrvane2* registry =
+        zq::orvane::publicInterface::GetInterface(2, status);
+    checkStatus(status, "getting the registry object");
+    manager_ =
+        registry->createBucketManager(WString(absolutePath(globals.dataDir).c_str()),
+                                      WString(absolutePath(globals.optionsFile).c_str()), status);
+    checkStatus(status, "opening the registry");
+    if (!manager_) throw ToolError(kExitStore, "opening the registry failed");
+}
+
+AutoRef<IBucket> Session::find(const WString& path) {
+    StatusChain status;
+    status.clear();
+    AutoRef<IBucket> bucket = manager_->getBucket(path, status);
+    checkStatus(status, "reading bucket " + toUtf8(path));
+    return bucket;
+}
+
+AutoRef<IBucket> Session::get(const WString& path) {
+    AutoRef<IBucket> bucket = find(path);
+    if (!bucket) throw ToolError(kExitNotFound, "no bucket " + toUtf8(path));
+    return bucket;
+}
+
+Transaction::Transaction(zq::orvane::IBucketManager& manager) : manager_(manager) {
+    StatusChain status;
+    status.clear();
+    manager_.beginTransaction(id_, status);
+    checkStatus(status, "beginning a transaction");
+    open_ = true;
+    manager_.beginUpdate(id_, status);
+    checkStatus(status, "beginning an update");
+}
+
+Transaction::~Transaction() {
+    if (open_) {
+        StatusChain status;
+        status.clear();
+        manager_.endTransaction(id_, status);
+    }
+}
+
+void Transaction::put(const AutoRef<IBucket>& bucket, const std::string& what) {
+    StatusChain status;
+    status.clear();
+    manager_.putBucket(bucket, true, id_, status);
+    checkStatus(status, what);
+}
+
+void Transaction::remove(const WString& path) {
+    StatusChain status;
+    status.clear();
+    manager_.deleteBucket(path, id_, status);
+    checkStatus(status, "removing bucket " + toUtf8(path));
+}
+
+void Transaction::commit() {
+    StatusChain status;
+    status.clear();
+    manager_.commit(id_, status);
+    checkStatus(status, "committing");
+    manager_.endTransaction(id_, status);
+    open_ = false;
+    checkStatus(status, "ending the transaction");
+}
+
+}  // namespace orvane_tool
