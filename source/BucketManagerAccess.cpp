@@ -210,7 +210,12 @@ class BucketManager::PutPath {
         if (!pending) {
             setVersion(next, current ? current->getVersion() + 1 : 1);
         }
-        if (!isRoot(name) && !linkToParent(next)) return false;
+        // A bucket that existed was linked from its parent when it was made;
+        // only a new one needs its parent fetched and linked.
+        if (!isRoot(name)) {
+            const bool linked = current && !cache_.isDeleted(BucketName::parentName(name));
+            if (!linked && !linkToParent(next)) return false;
+        }
         putPending(cache_, next, status_);
         return status_.isNotFatal();
     }

@@ -526,14 +526,16 @@ struct LiveRecord {
 // Copies the newest record of every live bucket into one segment, in the
 // order met (newest segment first), with index entries in digest order.
 bool SingleFileBucketStore::compactLocked() {
+    // A file that is one segment already needs no rewrite: its trailer says
+    // so without the index being read.
+    if (readI64(*file_, committedLength_ - segment::kStartFromEnd) == 0) {
+        return false;
+    }
     removeIfPresent(newPath_);
     std::vector<LiveRecord> live;
     std::unordered_set<DigestKey, DigestKeyHash> settled;
     for (int64_t end = committedLength_; end > 0;) {
         const SegmentScan scan = scanSegment(*file_, end, 0);
-        if (end == committedLength_ && scan.descriptor.start == 0) {
-            return false;  // already a single segment
-        }
         settled.insert(scan.deletions.begin(), scan.deletions.end());
         for (const auto& [digest, offset] : scan.updates) {
             if (!settled.insert(digest).second) {
