@@ -105,6 +105,85 @@ zq::kel::AutoRef<zq::orvane::IBucketValue> makeArrayValue(
     return K::makeArray(manager, block.get(), count, status);
 }
 
+// Where the parts of a value come from: command-line words or a JSON
+// element. Index kWhole is the value itself (a scalar), others are array
+// elements. A source checks each part as it hands it out.
+constexpr size_t kWhole = static_cast<size_t>(-1);
+
+// One builder for every tag, given a source with digest(), blob(),
+// narrow(i), wide(i), element<T>(i) and count().
+template <class Source>
+RawValueMaker makerFor(uint32_t tag, Source& source) {
+    using zq::kel::NString;
+    using zq::kel::StatusChain;
+    using zq::kel::WString;
+    using zq::orvane::IBucketManager;
+    switch (tag) {
+        case zq::orvane::kDIGEST: {
+            const zq::orvane::Digest digest = source.digest();
+            return [digest](IBucketManager& m, StatusChain& s) {
+                return m.createDigestValue(digest, s);
+            };
+        }
+        case zq::orvane::kANSISTRING: {
+            const NString text = source.narrow(kWhole);
+            return [text](IBucketManager& m, StatusChain& s) {
+                return m.createAnsiStringValue(text, s);
+            };
+        }
+        case zq::orvane::kSTRING: {
+            const WString text = source.wide(kWhole);
+            return
+                [text](IBucketManager& m, StatusChain& s) { return m.createStringValue(text, s); };
+        }
+        case zq::orvane::kBLOB: {
+            const std::vector<unsigned char> bytes = source.blob();
+            return [bytes](IBucketManager& m, StatusChain& s) {
+                return m.createBlobValue(bytes.data(), static_cast<uint32_t>(bytes.size()), false,
+                                         s);
+            };
+        }
+        case zq::orvane::kANSISTRINGARRAY: {
+            std::vector<NString> elements;
+            for (size_t i = 0; i < source.count(); ++i)
+                elements.push_back(source.narrow(i));
+            return [elements](IBucketManager& m, StatusChain& s) {
+                return m.createAnsiStringArrayValue(elements.data(),
+                                                    static_cast<uint32_t>(elements.size()), s);
+            };
+        }
+        case zq::orvane::kSTRINGARRAY: {
+            std::vector<WString> elements;
+            for (size_t i = 0; i < source.count(); ++i)
+                elements.push_back(source.wide(i));
+            return [elements](IBucketManager& m, StatusChain& s) {
+                return m.createStringArrayValue(elements.data(),
+                                                static_cast<uint32_t>(elements.size()), s);
+            };
+        }
+        default:
+            break;
+    }
+    RawValueMaker maker;
+    visitPlainKind(tag, [&](auto kind, bool isArray) {
+        using K = decltype(kind);
+        using T = typename K::type;
+        if (!isArray) {
+            const T scalar = source.template element<T>(kWhole);
+            maker = [scalar](IBucketManager& m, StatusChain& s) { return K::make(m, scalar, s); };
+            return;
+        }
+        std::vector<T> elements;
+        for (size_t i = 0; i < source.count(); ++i) {
+            elements.push_back(source.template element<T>(i));
+        }
+        maker = [elements](IBucketManager& m, StatusChain& s) {
+            return makeArrayValue<K>(m, elements, s);
+        };
+    });
+    return maker;
+}
+
 }  // namespace orvane_tool
 
 #endif  // ORVANE_TOOLS_VALUEACCESS_H

@@ -223,6 +223,35 @@ const Json& arrayAt(const Json& j, const std::string& at) {
 
 }  // namespace
 
+// The parts of a value in its JSON element, each checked where it is.
+struct JsonSource {
+    const Json& j;
+    const std::string& here;
+
+    const Json& at(size_t i) const { return i == kWhole ? j : j[i]; }
+    std::string path(size_t i) const { return i == kWhole ? here : here + "/" + std::to_string(i); }
+
+    size_t count() const { return arrayAt(j, here).size(); }
+    zq::orvane::Digest digest() const {
+        std::vector<unsigned char> bytes;
+        hexString(j, here, bytes);
+        if (bytes.size() != zq::orvane::Digest::kSize) bad(here, "expected 64 hex digits");
+        const unsigned char* cursor = bytes.data();
+        return zq::orvane::Digest(cursor, cursor + bytes.size());
+    }
+    std::vector<unsigned char> blob() const {
+        std::vector<unsigned char> bytes;
+        hexString(j, here, bytes);
+        return bytes;
+    }
+    NString narrow(size_t i) const { return narrowFrom(at(i), path(i)); }
+    WString wide(size_t i) const { return wideFrom(at(i), path(i)); }
+    template <class T>
+    T element(size_t i) const {
+        return elementFrom<T>(at(i), path(i));
+    }
+};
+
 ValueMaker valueFromJson(const Json& object, const std::string& at) {
     if (!object.is_object()) bad(at, "expected {\"type\": ..., \"value\": ...}");
     for (auto it = object.begin(); it != object.end(); ++it) {
@@ -237,84 +266,8 @@ ValueMaker valueFromJson(const Json& object, const std::string& at) {
     if (!object.contains("value")) bad(at + "/value", "missing");
     const Json& j = object["value"];
     const std::string here = at + "/value";
-    RawValueMaker maker;
-    switch (tag) {
-        case zq::orvane::kDIGEST: {
-            std::vector<unsigned char> bytes;
-            hexString(j, here, bytes);
-            if (bytes.size() != zq::orvane::Digest::kSize) bad(here, "expected 64 hex digits");
-            const unsigned char* cursor = bytes.data();
-            const zq::orvane::Digest digest(cursor, cursor + bytes.size());
-            maker = [digest](IBucketManager& m, StatusChain& s) {
-                return m.createDigestValue(digest, s);
-            };
-            break;
-        }
-        case zq::orvane::kANSISTRING: {
-            const NString text = narrowFrom(j, here);
-            maker = [text](IBucketManager& m, StatusChain& s) {
-                return m.createAnsiStringValue(text, s);
-            };
-            break;
-        }
-        case zq::orvane::kSTRING: {
-            const WString text = wideFrom(j, here);
-            maker = [text](IBucketManager& m, StatusChain& s) {
-                return m.createStringValue(text, s);
-            };
-            break;
-        }
-        case zq::orvane::kBLOB: {
-            std::vector<unsigned char> bytes;
-            hexString(j, here, bytes);
-            maker = [bytes](IBucketManager& m, StatusChain& s) {
-                return m.createBlobValue(bytes.data(), static_cast<uint32_t>(bytes.size()), false,
-                                         s);
-            };
-            break;
-        }
-        case zq::orvane::kANSISTRINGARRAY: {
-            std::vector<NString> elements;
-            for (size_t i = 0; i < arrayAt(j, here).size(); ++i) {
-                elements.push_back(narrowFrom(j[i], here + "/" + std::to_string(i)));
-            }
-            maker = [elements](IBucketManager& m, StatusChain& s) {
-                return m.createAnsiStringArrayValue(elements.data(),
-                                                    static_cast<uint32_t>(elements.size()), s);
-            };
-            break;
-        }
-        case zq::orvane::kSTRINGARRAY: {
-            std::vector<WString> elements;
-            for (size_t i = 0; i < arrayAt(j, here).size(); ++i) {
-                elements.push_back(wideFrom(j[i], here + "/" + std::to_string(i)));
-            }
-            maker = [elements](IBucketManager& m, StatusChain& s) {
-                return m.createStringArrayValue(elements.data(),
-                                                static_cast<uint32_t>(elements.size()), s);
-            };
-            break;
-        }
-        default:
-            visitPlainKind(tag, [&](auto kind, bool isArray) {
-                using K = decltype(kind);
-                using T = typename K::type;
-                if (!isArray) {
-                    const T scalar = elementFrom<T>(j, here);
-                    maker = [scalar](IBucketManager& m, StatusChain& s) {
-                        return K::make(m, scalar, s);
-                    };
-                    return;
-                }
-                std::vector<T> elements;
-                for (size_t i = 0; i < arrayAt(j, here).size(); ++i) {
-                    elements.push_back(elementFrom<T>(j[i], here + "/" + std::to_string(i)));
-                }
-                maker = [elements](IBucketManager& m, StatusChain& s) {
-                    return makeArrayValue<K>(m, elements, s);
-                };
-            });
-    }
+    JsonSource source{j, here};
+    const RawValueMaker maker = makerFor(tag, source);
     return checkedMaker(maker);
 }
 

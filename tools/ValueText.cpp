@@ -301,87 +301,44 @@ T parseElement(uint32_t tag, const std::string& word) {
 
 }  // namespace
 
+// The parts of a value in its command-line words, each checked as parsed.
+struct WordSource {
+    uint32_t tag;
+    const std::vector<std::string>& words;
+
+    const std::string& word(size_t i) const { return words[i == kWhole ? 0 : i]; }
+
+    size_t count() const { return words.size(); }
+    zq::orvane::Digest digest() const {
+        std::vector<unsigned char> bytes;
+        if (words[0].size() != 64 || !fromHex(words[0], bytes)) badWord(tag, words[0]);
+        const unsigned char* cursor = bytes.data();
+        return zq::orvane::Digest(cursor, cursor + bytes.size());
+    }
+    std::vector<unsigned char> blob() const {
+        std::vector<unsigned char> bytes;
+        if (!fromHex(words[0], bytes)) badWord(tag, words[0]);
+        return bytes;
+    }
+    // Narrow strings take the argument's bytes as they are.
+    NString narrow(size_t i) const { return NString(word(i).data(), word(i).size()); }
+    WString wide(size_t i) const {
+        return argumentText(word(i), i == kWhole ? "the string value" : "a string element");
+    }
+    template <class T>
+    T element(size_t i) const {
+        return parseElement<T>(tag, word(i));
+    }
+};
+
 ValueMaker valueFromArguments(uint32_t tag, const std::vector<std::string>& words) {
     if (!isArrayTag(tag) && words.size() != 1) {
         throw ToolError(kExitUsage, "a " + std::string(typeName(tag)) +
                                         " value takes exactly one word, got " +
                                         std::to_string(words.size()));
     }
-    RawValueMaker maker;
-    switch (tag) {
-        case zq::orvane::kDIGEST: {
-            std::vector<unsigned char> bytes;
-            if (words[0].size() != 64 || !fromHex(words[0], bytes)) badWord(tag, words[0]);
-            const unsigned char* cursor = bytes.data();
-            const zq::orvane::Digest digest(cursor, cursor + bytes.size());
-            maker = [digest](IBucketManager& m, StatusChain& s) {
-                return m.createDigestValue(digest, s);
-            };
-            break;
-        }
-        case zq::orvane::kANSISTRING: {
-            // Narrow strings take the argument's bytes as they are.
-            const NString text(words[0].data(), words[0].size());
-            maker = [text](IBucketManager& m, StatusChain& s) {
-                return m.createAnsiStringValue(text, s);
-            };
-            break;
-        }
-        case zq::orvane::kSTRING: {
-            const WString text = argumentText(words[0], "the string value");
-            maker = [text](IBucketManager& m, StatusChain& s) {
-                return m.createStringValue(text, s);
-            };
-            break;
-        }
-        case zq::orvane::kBLOB: {
-            std::vector<unsigned char> bytes;
-            if (!fromHex(words[0], bytes)) badWord(tag, words[0]);
-            maker = [bytes](IBucketManager& m, StatusChain& s) {
-                return m.createBlobValue(bytes.data(), static_cast<uint32_t>(bytes.size()), false,
-                                         s);
-            };
-            break;
-        }
-        case zq::orvane::kANSISTRINGARRAY: {
-            std::vector<NString> elements;
-            for (const std::string& w : words)
-                elements.emplace_back(w.data(), w.size());
-            maker = [elements](IBucketManager& m, StatusChain& s) {
-                return m.createAnsiStringArrayValue(elements.data(),
-                                                    static_cast<uint32_t>(elements.size()), s);
-            };
-            break;
-        }
-        case zq::orvane::kSTRINGARRAY: {
-            std::vector<WString> elements;
-            for (const std::string& w : words)
-                elements.push_back(argumentText(w, "a string element"));
-            maker = [elements](IBucketManager& m, StatusChain& s) {
-                return m.createStringArrayValue(elements.data(),
-                                                static_cast<uint32_t>(elements.size()), s);
-            };
-            break;
-        }
-        default:
-            visitPlainKind(tag, [&](auto kind, bool isArray) {
-                using K = decltype(kind);
-                using T = typename K::type;
-                std::vector<T> elements;
-                for (const std::string& w : words)
-                    elements.push_back(parseElement<T>(tag, w));
-                if (isArray) {
-                    maker = [elements](IBucketManager& m, StatusChain& s) {
-                        return makeArrayValue<K>(m, elements, s);
-                    };
-                } else {
-                    const T scalar = elements[0];
-                    maker = [scalar](IBucketManager& m, StatusChain& s) {
-                        return K::make(m, scalar, s);
-                    };
-                }
-            });
-    }
+    WordSource source{tag, words};
+    const RawValueMaker maker = makerFor(tag, source);
     return checkedMaker(maker);
 }
 
