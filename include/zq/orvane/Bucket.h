@@ -22,7 +22,8 @@ class BucketContents;
 // the enumeration cursors in contents_. No operation holds mutex_ while it
 // calls into another bucket, except the comparison, which takes both locks
 // together (std::scoped_lock), so two buckets never deadlock.
-class Bucket : public kel::RefCountedImplementation<IBucket, kel::RefCountedThreadSafePolicy> {
+class ZQ_EXPORT Bucket
+    : public kel::RefCountedImplementation<IBucket, kel::RefCountedThreadSafePolicy> {
   public:
     Bucket();
     explicit Bucket(const kel::WString& fullName, bool persistent = true);

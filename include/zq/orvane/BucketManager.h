@@ -35,7 +35,7 @@ class Options;
 // between operations; never held while waiting for another process), the
 // update cache's mutex, the read cache's mutex, the store's lock. Lookups
 // take only the caches' and the store's own locks.
-class BucketManager
+class ZQ_EXPORT BucketManager
     : public kel::RefCountedImplementation<IBucketManager, kel::RefCountedThreadSafePolicy> {
   public:
     // Never throws: failures are codes in `status`, and the manager then has

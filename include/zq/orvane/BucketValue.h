@@ -15,7 +15,7 @@ class RecordWriter;
 // The one implementation of IBucketValue. It owns its payload: owned objects
 // (digest, strings) come from new, blobs and element blocks from the C heap.
 // No lock: see IBucketValue.
-class BucketValue
+class ZQ_EXPORT BucketValue
     : public kel::RefCountedImplementation<IBucketValue, kel::RefCountedThreadSafePolicy> {
   public:
     BucketValue();
