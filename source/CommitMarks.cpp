@@ -19,7 +19,6 @@ using kel::WString;
 using kel::osdep::FileSystem;
 
 const wchar_t kMarkPrefix[] = L"commitmark.";
-constexpr size_t kMarkPrefixLength = 11;
 // A mark holds at most 19 digits; anything longer is not one of ours.
 constexpr size_t kMaxMarkBytes = 64;
 

@@ -61,10 +61,11 @@ void checkLinks(StoreImage& image, const std::map<DigestKey, LiveBucket>& live) 
     for (const auto& [digest, entry] : live) {
         Bucket& bucket = *entry.bucket;
         const std::string name = toUtf8(bucket.getFullName());
+        const int64_t offset = entry.offset;  // a structured binding is not captured before C++20
         forEachValue(bucket, [&](const WString& valueName, const AutoRef<IBucketValue>& value) {
             if (!isChildLink(bucket, valueName, *value)) return;
             if (live.count(zq::orvane::keyOf(Digest(valueName))) == 0) {
-                image.problem(kData, entry.offset,
+                image.problem(kData, offset,
                               "bucket " + quotedText(name) + " links the child " +
                                   quotedText(toUtf8(valueName)) + ", which does not exist");
             }
