@@ -10,6 +10,7 @@
 #include "StoreFiles.h"
 #include "Text.h"
 #include "Tool.h"
+#include "ImportDocument.h"
 #include "Tree.h"
 #include "ValueJson.h"
 
@@ -21,13 +22,6 @@ using zq::kel::WString;
 using zq::orvane::IBucketValue;
 
 namespace {
-
-struct PlannedBucket {
-    size_t index;  // in the document, for messages
-    WString name;
-    size_t depth;
-    std::vector<std::pair<WString, ValueMaker>> values;
-};
 
 [[noreturn]] void bad(const std::string& at, const std::string& message) {
     throw JsonError{at, message};
@@ -97,9 +91,8 @@ size_t depthOf(const WString& path) {
     return path.length() == 1 ? 0 : static_cast<size_t>(std::count(path.begin(), path.end(), L'/'));
 }
 
-// The whole document checked and turned into buckets before anything is
-// written.
-std::vector<PlannedBucket> plan(const Json& document, const OfflineView& registry) {
+std::vector<PlannedBucket> plan(const Json& document,
+                                const std::function<bool(const WString&)>& inRegistry) {
     if (!document.is_object()) bad("", "expected an object");
     for (auto it = document.begin(); it != document.end(); ++it) {
         if (it.key() != "format" && it.key() != "version" && it.key() != "buckets") {
@@ -158,7 +151,7 @@ std::vector<PlannedBucket> plan(const Json& document, const OfflineView& registr
     for (const PlannedBucket& bucket : planned) {
         if (bucket.depth == 0) continue;
         const WString parent = parentPath(bucket.name);
-        if (names.count(zq::orvane::Digest(parent)) == 0 && !registry.exists(parent)) {
+        if (names.count(zq::orvane::Digest(parent)) == 0 && !inRegistry(parent)) {
             bad("/buckets/" + std::to_string(bucket.index) + "/name",
                 "the parent " + quotedText(toUtf8(parent)) +
                     " is neither in the document nor in the registry");
@@ -166,6 +159,17 @@ std::vector<PlannedBucket> plan(const Json& document, const OfflineView& registr
     }
     return planned;
 }
+
+}  // namespace
+
+Json parseImportDocument(const std::string& text) { return parseStrict(text); }
+
+std::vector<PlannedBucket> planImport(const Json& document,
+                                      const std::function<bool(const WString&)>& inRegistry) {
+    return plan(document, inRegistry);
+}
+
+namespace {
 
 std::string readAll(const std::string& file) {
     if (file == "-") {
@@ -202,7 +206,9 @@ void addImportCommand(CLI::App& app, const Globals& globals) {
         // refused import leaves every file as it was.
         std::vector<PlannedBucket> planned;
         try {
-            planned = plan(document, OfflineView(dataDirectory(globals)));
+            const OfflineView registry(dataDirectory(globals));
+            planned = plan(document,
+                           [&registry](const WString& path) { return registry.exists(path); });
         } catch (const JsonError& e) {
             throw ToolError(kExitUsage, *file + ": " + (e.pointer.empty() ? "/" : e.pointer) +
                                             ": " + e.message);
