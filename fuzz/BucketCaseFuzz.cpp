@@ -3,11 +3,10 @@
 #include <cstdlib>
 #include <vector>
 
-#include "zq/kel/Exception.h"
 #include "source/BucketCase.h"
+#include "zq/kel/Exception.h"
 
 using namespace zq;
-
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     orvane::BucketCase* target = new orvane::BucketCase();

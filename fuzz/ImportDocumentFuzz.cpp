@@ -11,9 +11,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);
     try {
         const Json document = parseImportDocument(text);
-        planImport(document, [](const zq::kel::WString& path) {
-            return path == zq::kel::WString(L"/held");
-        });
+        planImport(document,
+                   [](const zq::kel::WString& path) { return path == zq::kel::WString(L"/held"); });
     } catch (const Json::exception&) {
     } catch (const JsonError&) {
     }

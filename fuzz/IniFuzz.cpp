@@ -40,8 +40,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                                             ? text.substr(open + 1, close - open - 1)
                                             : "";
             const size_t equals = text.find('=');
-            const size_t lineStart =
-                equals == std::string::npos ? 0 : text.rfind('\n', equals) + 1;
+            const size_t lineStart = equals == std::string::npos ? 0 : text.rfind('\n', equals) + 1;
             const std::string key =
                 equals == std::string::npos ? "" : text.substr(lineStart, equals - lineStart);
             ini::iniHasSection(reader, section.c_str());

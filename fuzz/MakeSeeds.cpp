@@ -55,8 +55,8 @@ AutoRef<orvane::Bucket> bucketWithEveryTag(const WString& name) {
         AutoRef<orvane::BucketValue> value(new orvane::BucketValue());
         StatusChain status = orvane::test::okStatus();
         sample.set(*value, status);
-        bucket->setValue(WString(NString(sample.name)), AutoRef<orvane::IBucketValue>(value), status,
-                         false);
+        bucket->setValue(WString(NString(sample.name)), AutoRef<orvane::IBucketValue>(value),
+                         status, false);
         check(status, sample.name);
     }
     StatusChain status = orvane::test::okStatus();
@@ -77,7 +77,8 @@ void values() {
 
 void buckets() {
     put("bucket_record", "every_tag", bytesOf(*bucketWithEveryTag(WString(L"/net/eth\u00e9"))));
-    put("bucket_record", "root", bytesOf(*AutoRef<orvane::Bucket>(new orvane::Bucket(WString(L"/")))));
+    put("bucket_record", "root",
+        bytesOf(*AutoRef<orvane::Bucket>(new orvane::Bucket(WString(L"/")))));
     AutoRef<orvane::Bucket> small(new orvane::Bucket(WString(L"/a/b")));
     StatusChain status = orvane::test::okStatus();
     small->setInt32Value(WString(L"speed"), 100, status, true);
@@ -95,8 +96,9 @@ void cases() {
         return std::string(out.begin(), out.end());
     }());
     for (const wchar_t* name : {L"/", L"/a", L"/a/b"}) {
-        AutoRef<orvane::IBucket> bucket(std::wstring(name) == L"/a/b" ? bucketWithEveryTag(WString(name)).get()
-                                                        : new orvane::Bucket(WString(name)));
+        AutoRef<orvane::IBucket> bucket(std::wstring(name) == L"/a/b"
+                                            ? bucketWithEveryTag(WString(name)).get()
+                                            : new orvane::Bucket(WString(name)));
         const bool replace = true;
         StatusChain status = orvane::test::okStatus();
         target->insertBucket(bucket, &replace, status);
@@ -143,7 +145,8 @@ void stores() {
         check(status, "commits");
         store.close(status);
     }
-    put("store_open", "two_commits", fs.contents("/r/commitmark.2") + "\n" + fs.contents("/r/registry.bin"));
+    put("store_open", "two_commits",
+        fs.contents("/r/commitmark.2") + "\n" + fs.contents("/r/registry.bin"));
     {
         orvane::SingleFileBucketStore store(directory, nullptr, fs);
         StatusChain status = orvane::test::okStatus();

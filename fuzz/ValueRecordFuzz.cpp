@@ -5,9 +5,8 @@
 using namespace zq;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    auto value = fuzz::readAndRewrite(data, size, [] {
-        return kel::AutoRef<orvane::BucketValue>(new orvane::BucketValue());
-    });
+    auto value = fuzz::readAndRewrite(
+        data, size, [] { return kel::AutoRef<orvane::BucketValue>(new orvane::BucketValue()); });
     if (value) {
         value->toString();
         value->getMemUsage();
