@@ -2,6 +2,7 @@
 
 #include <vector>
 
+#include "BenchSupport.h"
 #include "zq/orvane/Bucket.h"
 
 namespace {
@@ -13,11 +14,7 @@ using zq::kel::WString;
 using zq::orvane::Bucket;
 using zq::orvane::IBucketValue;
 
-StatusChain okStatus() {
-    StatusChain status;
-    status.clear();
-    return status;
-}
+StatusChain okStatus() { return orvane_bench::ok(); }
 
 WString nameOf(const wchar_t* prefix, int i) {
     WString name(prefix);

@@ -11,6 +11,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "BenchSupport.h"
 #include "zq/orvane/Orvane.h"
 
 namespace {
@@ -22,28 +23,17 @@ using zq::kel::WString;
 using zq::orvane::IBucket;
 using zq::orvane::IBucketManager;
 
-StatusChain ok() {
-    StatusChain status;
-    status.clear();
-    return status;
-}
+using orvane_bench::ok;
 
 // A registry directory, with the lock files beside it.
 struct BenchRegistry {
-    BenchRegistry() {
-        char pattern[] = "/tmp/orvane_mbench_XXXXXX";
-        if (mkdtemp(pattern) == nullptr) throw std::runtime_error("mkdtemp");
-        root = pattern;
+    BenchRegistry() : root(dir.path()) {
         ::mkdir((root + "/shared").c_str(), 0777);
         ::setenv("ZQKELTMPSHAREDFILEDIR", (root + "/shared").c_str(), 1);
         ::setenv("ZQPUBAPPDATADIR", root.c_str(), 1);
     }
-    ~BenchRegistry() {
-        nftw(
-            root.c_str(), [](const char* p, const struct stat*, int, FTW*) { return ::remove(p); },
-            16, FTW_DEPTH | FTW_PHYS);
-    }
     WString registry() const { return WString((root + "/reg").c_str()); }
+    orvane_bench::BenchDir dir;
     std::string root;
 };
 

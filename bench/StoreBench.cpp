@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "BenchSupport.h"
 #include "source/SingleFileBucketStore.h"
 #include "zq/orvane/Bucket.h"
 
@@ -27,33 +28,8 @@ using zq::orvane::IBucket;
 using zq::orvane::IBucketStore;
 using zq::orvane::SingleFileBucketStore;
 
-// Beside the tests' temporary directories, on the same (real) file system.
-class BenchDir {
-  public:
-    BenchDir() {
-        char pattern[] = "/tmp/orvane_bench_XXXXXX";
-        if (mkdtemp(pattern) == nullptr) {
-            throw std::runtime_error("mkdtemp");
-        }
-        path_ = pattern;
-    }
-    ~BenchDir() {
-        nftw(
-            path_.c_str(), [](const char* p, const struct stat*, int, FTW*) { return ::remove(p); },
-            16, FTW_DEPTH | FTW_PHYS);
-    }
-    WString wide() const { return WString(path_.c_str()); }
-    const std::string& path() const { return path_; }
-
-  private:
-    std::string path_;
-};
-
-StatusChain ok() {
-    StatusChain status;
-    status.clear();
-    return status;
-}
+using orvane_bench::BenchDir;
+using orvane_bench::ok;
 
 // A setting: a bucket of ten values of mixed types, about 200 bytes.
 AutoRef<IBucket> makeSetting(const std::wstring& name, int32_t seed) {

@@ -6,11 +6,11 @@
 #include <iterator>
 #include <set>
 
+#include "ImportDocument.h"
 #include "Session.h"
 #include "StoreFiles.h"
 #include "Text.h"
 #include "Tool.h"
-#include "ImportDocument.h"
 #include "Tree.h"
 #include "ValueJson.h"
 
@@ -207,8 +207,8 @@ void addImportCommand(CLI::App& app, const Globals& globals) {
         std::vector<PlannedBucket> planned;
         try {
             const OfflineView registry(dataDirectory(globals));
-            planned = plan(document,
-                           [&registry](const WString& path) { return registry.exists(path); });
+            planned =
+                plan(document, [&registry](const WString& path) { return registry.exists(path); });
         } catch (const JsonError& e) {
             throw ToolError(kExitUsage, *file + ": " + (e.pointer.empty() ? "/" : e.pointer) +
                                             ": " + e.message);

@@ -25,8 +25,8 @@ Json parseImportDocument(const std::string& text);
 // The whole document checked and turned into buckets, parents first, before
 // anything is written; JsonError names the first bad element. `inRegistry`
 // says whether a parent the document lacks already exists.
-std::vector<PlannedBucket> planImport(const Json& document,
-                                      const std::function<bool(const zq::kel::WString&)>& inRegistry);
+std::vector<PlannedBucket> planImport(
+    const Json& document, const std::function<bool(const zq::kel::WString&)>& inRegistry);
 
 }  // namespace orvane_tool
 

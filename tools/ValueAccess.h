@@ -105,6 +105,16 @@ zq::kel::AutoRef<zq::orvane::IBucketValue> makeArrayValue(
     return K::makeArray(manager, block.get(), count, status);
 }
 
+// The bytes of a blob value.
+inline std::vector<unsigned char> blobOf(const zq::orvane::IBucketValue& value,
+                                         zq::kel::StatusChain& status) {
+    std::vector<unsigned char> bytes(value.getBlobSize(status));
+    if (!bytes.empty()) {
+        value.getBlob(bytes.data(), static_cast<uint32_t>(bytes.size()), status);
+    }
+    return bytes;
+}
+
 // Where the parts of a value come from: command-line words or a JSON
 // element. Index kWhole is the value itself (a scalar), others are array
 // elements. A source checks each part as it hands it out.

@@ -83,9 +83,7 @@ Json valueJson(const IBucketValue& value) {
             data = wideJson(value.getString(status));
             break;
         case zq::orvane::kBLOB: {
-            std::vector<unsigned char> bytes(value.getBlobSize(status));
-            if (!bytes.empty())
-                value.getBlob(bytes.data(), static_cast<uint32_t>(bytes.size()), status);
+            const std::vector<unsigned char> bytes = blobOf(value, status);
             data = toHex(bytes.data(), bytes.size());
             break;
         }

@@ -238,9 +238,7 @@ std::string valueText(const IBucketValue& value, bool raw) {
             text = wideText(value.getString(status), raw);
             break;
         case zq::orvane::kBLOB: {
-            std::vector<unsigned char> bytes(value.getBlobSize(status));
-            if (!bytes.empty())
-                value.getBlob(bytes.data(), static_cast<uint32_t>(bytes.size()), status);
+            const std::vector<unsigned char> bytes = blobOf(value, status);
             text = toHex(bytes.data(), bytes.size());
             break;
         }

@@ -45,6 +45,14 @@ class StoreRecoveryTest : public testing::Test {
         ASSERT_NE(*file, dir_.read("registry.bin"));
     }
 
+    // The first steps of a compaction's swap: the live file copied to
+    // "registry.bin.2", its mark moved to "oldCommitmark".
+    void setOldFileAside() {
+        dir_.write("registry.bin.2", dir_.read("registry.bin"));
+        dir_.write("oldCommitmark", dir_.read("commitmark.2"));
+        dir_.remove("commitmark.2");
+    }
+
     State openAndRead(int32_t* code = nullptr) {
         SingleFileBucketStore store(dir_.wide(), nullptr);
         StatusChain status = okStatus();
@@ -84,9 +92,7 @@ TEST_F(StoreRecoveryTest, SwapDoneButNotCleanedUp) {
     writeTwoSegments(dir_);
     std::string file, mark;
     compactedCopy(&file, &mark);
-    dir_.write("registry.bin.2", dir_.read("registry.bin"));
-    dir_.write("oldCommitmark", dir_.read("commitmark.2"));
-    dir_.remove("commitmark.2");
+    setOldFileAside();
     dir_.write("registry.bin", file);
     dir_.write("commitmark.1", mark);
     EXPECT_EQ(openAndRead(), kAfterSecondCommit);
@@ -100,9 +106,7 @@ TEST_F(StoreRecoveryTest, NewFileNamedBeforeItsMark) {
     writeTwoSegments(dir_);
     std::string file, mark;
     compactedCopy(&file, &mark);
-    dir_.write("registry.bin.2", dir_.read("registry.bin"));
-    dir_.write("oldCommitmark", dir_.read("commitmark.2"));
-    dir_.remove("commitmark.2");
+    setOldFileAside();
     dir_.write("registry.bin", file);
     dir_.write("newCommitmark", mark);
     EXPECT_EQ(openAndRead(), kAfterSecondCommit);
@@ -133,11 +137,8 @@ TEST_F(StoreRecoveryTest, SwapInterruptedAfterTheOldFileWasSetAside) {
 // with the mark that describes it.
 TEST_F(StoreRecoveryTest, SwapInterruptedWithoutTheNewMarkRollsBack) {
     writeTwoSegments(dir_);
-    const std::string old = dir_.read("registry.bin");
-    dir_.write("registry.bin.2", old);
+    setOldFileAside();
     dir_.remove("registry.bin");
-    dir_.write("oldCommitmark", dir_.read("commitmark.2"));
-    dir_.remove("commitmark.2");
     dir_.write("registry.bin.1", "partial");
     EXPECT_EQ(openAndRead(), kAfterSecondCommit);
     EXPECT_FALSE(dir_.exists("registry.bin.1"));
