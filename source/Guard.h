@@ -21,6 +21,23 @@ struct ErrorCodes {
     int32_t unexpected;  // anything else
 };
 
+// Sets the code for the exception being handled. Called only from a catch
+// block; one copy of the dispatch serves every guarded operation.
+inline void reportCaughtException(kel::StatusChain& status, const ErrorCodes& codes) noexcept {
+    try {
+        throw;
+    } catch (const kel::osdep::OSException&) {
+        status.setCode(codes.osFailure);
+    } catch (const kel::exception::Exception&) {
+        status.setCode(codes.kelFailure);
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        status.setCode(status::kOutOfMemory);
+    } catch (...) {
+        status.setCode(codes.unexpected);
+    }
+}
+
 // The edge of every public operation: does nothing when `status` already holds
 // an error, and turns whatever `body` throws into a code, so no exception
 // crosses the public boundary. On either path the result is then the empty one
@@ -33,15 +50,8 @@ auto guarded(kel::StatusChain& status, const ErrorCodes& codes, Body&& body) -> 
     }
     try {
         return body();
-    } catch (const kel::osdep::OSException&) {
-        status.setCode(codes.osFailure);
-    } catch (const kel::exception::Exception&) {
-        status.setCode(codes.kelFailure);
-    } catch (const std::bad_alloc&) {
-        errno = ENOMEM;
-        status.setCode(status::kOutOfMemory);
     } catch (...) {
-        status.setCode(codes.unexpected);
+        reportCaughtException(status, codes);
     }
     return Result();
 }

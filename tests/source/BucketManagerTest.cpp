@@ -234,6 +234,41 @@ TEST_F(BucketManagerTest, ValuesOfEveryTagSurviveCommitExitAndReopen) {
     }
 }
 
+// The typed setters of a bucket and the manager's typed factories are stamped
+// out per kind; each must land on its own tag and keep its content.
+TEST_F(BucketManagerTest, EveryTypedSetterAndFactoryKeepsItsTagAndContent) {
+    StatusChain s = fresh();
+    AutoRef<IBucketManager> m = open(s);
+    AutoRef<IBucket> b = m->createBucket(WString(L"/typed"), false, s);
+    ASSERT_TRUE(b);
+    AutoRef<IBucketValue> v;
+#define ZQ_TEST_KIND(Name, Type, Tag, ArrayTag)                                           \
+    {                                                                                     \
+        const Type one = static_cast<Type>(1);                                            \
+        const Type pair[2] = {static_cast<Type>(1), static_cast<Type>(0)};                \
+        v = m->create##Name##Value(one, s);                                               \
+        EXPECT_EQ(v->getType(), uint32_t(orvane::Tag)) << #Name;                          \
+        EXPECT_EQ(v->get##Name(s), one) << #Name;                                         \
+        v = m->create##Name##ArrayValue(pair, 2, s);                                      \
+        EXPECT_EQ(v->getType(), uint32_t(orvane::ArrayTag)) << #Name;                     \
+        EXPECT_EQ(v->get##Name##ArrayElement(1, s), pair[1]) << #Name;                    \
+        EXPECT_TRUE(b->set##Name##Value(WString(L"" #Name), one, s, true));               \
+        EXPECT_EQ(b->getValue(WString(L"" #Name), s)->get##Name(s), one) << #Name;        \
+        EXPECT_TRUE(b->set##Name##ArrayValue(WString(L"" #Name "[]"), pair, 2, s, true)); \
+        v = b->getValue(WString(L"" #Name "[]"), s);                                      \
+        EXPECT_EQ(v->getType(), uint32_t(orvane::ArrayTag)) << #Name;                     \
+        EXPECT_EQ(v->get##Name##ArrayElement(0, s), pair[0]) << #Name;                    \
+    }
+    ZQ_ORVANE_PLAIN_KINDS(ZQ_TEST_KIND)
+#undef ZQ_TEST_KIND
+    EXPECT_EQ(s.getCode(), 0);
+    EXPECT_EQ(m->createValue(s)->getType(), uint32_t(orvane::kNOTSET));
+    EXPECT_EQ(m->copyValue(v, s)->getFloat64ArrayElement(0, s), 1.0);
+    EXPECT_EQ(s.getCode(), 0);
+    EXPECT_FALSE(m->copyValue(AutoRef<IBucketValue>(), s));
+    EXPECT_EQ(s.getCode(), st::kNullArgument);
+}
+
 TEST_F(BucketManagerTest, CallbacksHearOfStartAndOfEveryGoodCommit) {
     EXPECT_EQ(
         inChild([this] {
