@@ -7,6 +7,7 @@
 #include <functional>
 #include <vector>
 
+#include "kel/Throw.h"
 #include "zq/orvane/Digest.h"
 
 namespace zq {
@@ -32,6 +33,16 @@ constexpr int64_t kStartFromEnd = 24;
 constexpr int64_t kChecksumFromEnd = 56;
 // The file is positioned with 32-bit offsets on the target.
 constexpr int64_t kMaxFileSize = INT32_MAX;
+
+// A length read from the file as a size in memory. No store writes more than
+// kMaxFileSize; a damaged length past it would wrap in a 32-bit size_t (or a
+// record's 32-bit length) and overrun a buffer, so it is damage instead.
+inline size_t lengthInMemory(int64_t length) {
+    if (length < 0 || length > kMaxFileSize) {
+        ZQ_THROW(DeserializationError);
+    }
+    return static_cast<size_t>(length);
+}
 
 }  // namespace segment
 

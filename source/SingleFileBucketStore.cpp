@@ -320,7 +320,7 @@ AutoRef<IBucket> SingleFileBucketStore::readRecord(int64_t offset) {
     if (length > committedLength_ - offset - segment::kRecordLengthSize) {
         ZQ_THROW(DeserializationError);
     }
-    std::vector<unsigned char> bytes(static_cast<size_t>(length));
+    std::vector<unsigned char> bytes(segment::lengthInMemory(length));
     readExactly(*file_, offset + segment::kRecordLengthSize, bytes.data(), bytes.size());
     AutoRef<IBucket> bucket(new Bucket());
     const unsigned char* cursor = bytes.data();
@@ -557,11 +557,11 @@ bool SingleFileBucketStore::compactLocked() {
     std::vector<std::pair<DigestKey, int64_t>> entries;
     entries.reserve(live.size());
     for (const LiveRecord& record : live) {
+        const size_t length = segment::lengthInMemory(record.length);
         unsigned char* bytes = nullptr;
         const int64_t offset =
-            builder.addRecord(record.digest, static_cast<uint32_t>(record.length), bytes);
-        readExactly(*file_, record.offset + segment::kRecordLengthSize, bytes,
-                    static_cast<size_t>(record.length));
+            builder.addRecord(record.digest, static_cast<uint32_t>(length), bytes);
+        readExactly(*file_, record.offset + segment::kRecordLengthSize, bytes, length);
         entries.emplace_back(record.digest, offset);
     }
     builder.sortUpdatesByDigest();

@@ -60,7 +60,7 @@ SegmentScan scanSegment(File& file, int64_t end, uint32_t number) {
     if (previous < 0 || previous > start || index + kIndexHeaderSize + entryBytes > x) {
         damaged();
     }
-    std::vector<unsigned char> entries(static_cast<size_t>(entryBytes));
+    std::vector<unsigned char> entries(lengthInMemory(entryBytes));
     if (entryBytes != 0) {
         readExactly(file, index + kIndexHeaderSize, entries.data(), entries.size());
     }

@@ -103,10 +103,15 @@ TEST_F(ManagerProcessTest, KilledWritersNeverLoseAReportedCommit) {
             }
         }
         ::close(pipe[1]);
-        std::this_thread::sleep_for(std::chrono::microseconds(2000 + random() % 20000));
+        // The kill comes at a random moment after the writer's first commit:
+        // under an emulator its start alone can outlast any fixed delay.
+        int32_t value = 0;
+        if (::read(pipe[0], &value, sizeof value) == sizeof value) {
+            reported = value;
+        }
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % 20000));
         ::kill(pid, SIGKILL);
         ::waitpid(pid, nullptr, 0);
-        int32_t value = 0;
         while (::read(pipe[0], &value, sizeof value) == sizeof value) {
             reported = value;
         }

@@ -1,7 +1,9 @@
 // The store as its callers use it: reads after deletes, the size limit, other
 // processes' commits, files it creates, and damaged files.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <memory>
 #include <string>
@@ -10,6 +12,7 @@
 #include "kel/osdep/Path.h"
 #include "kel/osdep/SimulatedFileSystem.h"
 #include "source/Options.h"
+#include "source/SegmentFormat.h"
 #include "source/SingleFileBucketStore.h"
 #include "source/StoreTestSupport.h"
 #include "source/TouchFile.h"
@@ -187,6 +190,62 @@ TEST_F(StoreBehaviourTest, EveryCorruptByteIsReportedOrHarmless) {
             }
         }
     }
+}
+
+// A record length past anything a store writes, in a sparse file of more
+// than 4 GiB: damage, reported, never wrapped into a 32-bit size_t or the
+// compacted record's 32-bit length and a buffer overrun.
+TEST(StoreLengthTest, ARecordPastFourGigabytesIsDamage) {
+    TempDir dir;
+    {
+        SingleFileBucketStore store(dir.wide(), nullptr);
+        StatusChain status = okStatus();
+        store.open(0, status);
+        commitChanges(store, {{L"/a", 1}}, nullptr, status);
+        ASSERT_EQ(status.getCode(), 0);
+    }
+    // A second segment after the first: one record "/b" of 4 GiB + 64 bytes.
+    const auto start = static_cast<int64_t>(dir.read("registry.bin").size());
+    const int64_t record = start + 16;
+    const int64_t index = record + 8 + (int64_t{1} << 32) + 64;
+    const int64_t trailer = index + 16 + 40;
+    const int64_t end = trailer + 64;
+    const orvane::DigestKey b = orvane::keyOf(orvane::Digest(WString(L"/b")));
+    const int fd = ::open(dir.file("registry.bin").c_str(), O_WRONLY);
+    ASSERT_GE(fd, 0);
+    const auto put = [fd](int64_t at, std::initializer_list<int64_t> words,
+                          const std::string& tail = std::string()) {
+        std::string bytes;
+        for (const int64_t word : words) {
+            for (int i = 0; i < 8; ++i) {
+                bytes += static_cast<char>(static_cast<uint64_t>(word) >> (8 * i));
+            }
+        }
+        bytes += tail;
+        ASSERT_EQ(::pwrite(fd, bytes.data(), bytes.size(), at), static_cast<ssize_t>(bytes.size()));
+    };
+    put(start, {trailer, index});
+    put(record, {index - record - 8});
+    put(index, {0, 1}, std::string(b.begin(), b.end()));  // one update, no deletion
+    put(index + 16 + 32, {record});
+    put(trailer, {index, 0, 0, 0, 0, start}, "@@@@SFBSMARK@@@@");
+    ::close(fd);
+    for (int generation = 1; generation < 4; ++generation) {
+        ::unlink(dir.file("commitmark." + std::to_string(generation)).c_str());
+    }
+    dir.write("commitmark.9", std::to_string(end));
+
+    SingleFileBucketStore store(dir.wide(), nullptr);
+    StatusChain status = okStatus();
+    store.open(0, status);  // its compaction fails, which the open passes over
+    EXPECT_EQ(status.getCode(), 0);
+    StatusChain read = okStatus();
+    EXPECT_FALSE(store.readBucket(WString(L"/b"), read));
+    EXPECT_EQ(read.getCode(), orvane::status::kOutsideFile);
+    EXPECT_EQ(readState(store, {L"/a"}), (State{{L"/a", 1}}));
+    struct stat info {};
+    ASSERT_EQ(::stat(dir.file("registry.bin").c_str(), &info), 0);
+    EXPECT_EQ(info.st_size, end);
 }
 
 TEST(TouchFileTest, CreatedFilesGetTheConfiguredOwnerAndModeBeforeTheirName) {
