@@ -376,9 +376,11 @@ void SingleFileBucketStore::commit(const UpdatedBuckets& updated, const DeletedN
             status.setCode(status::kOverSizeLimit);
             return false;
         }
+        StoreIndex::Staged staged = index_.stage(descriptor, updates, deletions);
         appendSegment(segment, end);
-        // Memory follows the disk only once the mark is written.
-        index_.addSegment(descriptor, updates, deletions);
+        // Memory follows the disk only once the mark is written, and nothing
+        // from here on can fail: the commit is made.
+        index_.apply(staged);
         ++generation_;
         committedLength_ = end;
         rememberSignature();
