@@ -73,6 +73,35 @@ class ManagerOomTest : public ManagerFixture {
                   0);
     }
 
+    // Commits the next generation with the k-th allocation failing, then
+    // commits once more: the commit's code and whether the failure fired.
+    int commitWithFailure(long k, int32_t generation) {
+        StatusChain status = fresh();
+        AutoRef<IBucketManager> manager = open(status);
+        if (!manager) return 10;
+        const long before = fileSize();
+        Guid id;
+        manager->beginTransaction(id, status);
+        manager->beginUpdate(id, status);
+        putGeneration(*manager, id, generation + 1, status);
+        StatusChain commit = fresh();
+        const bool fired = failingAt(k, [&] { manager->commit(id, commit); });
+        StatusChain end = fresh();
+        manager->endTransaction(id, end);
+        // This manager's own view is no test: after a failed store write
+        // its read cache shows the new state, by design.
+        const int32_t code = commit.getCode();
+        if (code != 0 && code != st::kOutOfMemory) return 13;
+        if (code != 0 && fileSize() != before) return 12;
+        StatusChain next = fresh();
+        if (!transact(*manager, next, [&](const Guid& nextId) {
+                manager->putBucket(bucketWith(*manager, L"/z", k, next), true, nextId, next);
+            })) {
+            return 14;
+        }
+        return (fired ? 2 : 0) + (code == 0 ? 1 : 0);
+    }
+
     TempDir store_{fastBase()};
 };
 
@@ -107,32 +136,7 @@ TEST_F(ManagerOomTest, ACommitThatCannotAllocateLeavesTheOldStateAndTheNextOneSu
     commitInChild(0);
     int32_t generation = 0;
     sweep("commit", [&](long k) {
-        const int outcome = inChild([&] {
-            StatusChain status = fresh();
-            AutoRef<IBucketManager> manager = open(status);
-            if (!manager) return 10;
-            const long before = fileSize();
-            Guid id;
-            manager->beginTransaction(id, status);
-            manager->beginUpdate(id, status);
-            putGeneration(*manager, id, generation + 1, status);
-            StatusChain commit = fresh();
-            const bool fired = failingAt(k, [&] { manager->commit(id, commit); });
-            StatusChain end = fresh();
-            manager->endTransaction(id, end);
-            // This manager's own view is no test: after a failed store write
-            // its read cache shows the new state, by design.
-            const int32_t code = commit.getCode();
-            if (code != 0 && code != st::kOutOfMemory) return 13;
-            if (code != 0 && fileSize() != before) return 12;
-            StatusChain next = fresh();
-            if (!transact(*manager, next, [&](const Guid& nextId) {
-                    manager->putBucket(bucketWith(*manager, L"/z", k, next), true, nextId, next);
-                })) {
-                return 14;
-            }
-            return (fired ? 2 : 0) + (code == 0 ? 1 : 0);
-        });
+        const int outcome = inChild([&] { return leakChecked(commitWithFailure(k, generation)); });
         EXPECT_LT(outcome, 4) << "k=" << k << " outcome " << outcome;
         const int seen = outcome & 1;
         EXPECT_EQ(inChild([&] {
