@@ -25,8 +25,16 @@ bool injectedFailure() {
 
 }  // namespace
 
+void* tryAllocate(size_t bytes) noexcept {
+    return injectedFailure() ? nullptr : std::malloc(bytes == 0 ? 1 : bytes);
+}
+
+void* tryReallocate(void* block, size_t bytes) noexcept {
+    return injectedFailure() ? nullptr : std::realloc(block, bytes == 0 ? 1 : bytes);
+}
+
 void* allocate(size_t bytes) {
-    void* block = injectedFailure() ? nullptr : std::malloc(bytes == 0 ? 1 : bytes);
+    void* block = tryAllocate(bytes);
     if (block == nullptr) {
         throw std::bad_alloc();
     }
