@@ -51,7 +51,14 @@ std::string fastBase() {
 class ManagerOomTest : public ManagerFixture {
   protected:
     AutoRef<IBucketManager> open(StatusChain& status) {
-        return ManagerFixture::open(status, store_.wide("reg"));
+        StatusChain entry = fresh();
+        auto* orvane = orvane::publicInterface::GetInterface(2, entry);
+        return orvane->createBucketManager(store_.wide("reg"), options_, status);
+    }
+    // Every commit of a registry past 1 KB compacts it.
+    void compactEveryCommit() {
+        store_.write("Orvane.ini", "[Orvane]\nDiskMaxRegistryFileSizeKB=1\n");
+        options_ = store_.wide("Orvane.ini");
     }
     long fileSize() const {
         struct stat info;
@@ -73,12 +80,22 @@ class ManagerOomTest : public ManagerFixture {
                   0);
     }
 
+    // What a child that commits reports, bits or-ed together.
+    enum Outcome {
+        kCommitted = 1,
+        kFired = 2,
+        kWrongCode = 4,
+        kFileChanged = 8,
+        kNextCommitFailed = 16,
+        kNoManager = 32,
+    };
+
     // Commits the next generation with the k-th allocation failing, then
-    // commits once more: the commit's code and whether the failure fired.
+    // commits once more.
     int commitWithFailure(long k, int32_t generation) {
         StatusChain status = fresh();
         AutoRef<IBucketManager> manager = open(status);
-        if (!manager) return 10;
+        if (!manager) return kNoManager;
         const long before = fileSize();
         Guid id;
         manager->beginTransaction(id, status);
@@ -91,18 +108,46 @@ class ManagerOomTest : public ManagerFixture {
         // This manager's own view is no test: after a failed store write
         // its read cache shows the new state, by design.
         const int32_t code = commit.getCode();
-        if (code != 0 && code != st::kOutOfMemory) return 13;
-        if (code != 0 && fileSize() != before) return 12;
+        int outcome = (fired ? kFired : 0) + (code == 0 ? kCommitted : 0);
+        if (code != 0 && code != st::kOutOfMemory) return outcome + kWrongCode;
+        if (code != 0 && fileSize() != before) return outcome + kFileChanged;
         StatusChain next = fresh();
         if (!transact(*manager, next, [&](const Guid& nextId) {
                 manager->putBucket(bucketWith(*manager, L"/z", k, next), true, nextId, next);
             })) {
-            return 14;
+            outcome += kNextCommitFailed;
         }
-        return (fired ? 2 : 0) + (code == 0 ? 1 : 0);
+        return outcome;
+    }
+
+    // Commits generation after generation, the k-th allocation of the k-th
+    // commit failing.
+    void sweepCommits(const char* what) {
+        commitInChild(0);
+        int32_t generation = 0;
+        sweep(what, [&](long k) {
+            const int outcome =
+                inChild([&] { return leakChecked(commitWithFailure(k, generation)); });
+            EXPECT_LT(outcome, kWrongCode) << "k=" << k << " outcome " << outcome;
+            const int seen = outcome & kCommitted;
+            EXPECT_EQ(inChild([&] {
+                          StatusChain status = fresh();
+                          AutoRef<IBucketManager> manager = open(status);
+                          if (!manager) return 1;
+                          return generationSeen(*manager, generation) == seen &&
+                                         valueOf(*manager, L"/z") == k
+                                     ? 0
+                                     : 2;
+                      }),
+                      0)
+                << "k=" << k;
+            generation += seen;
+            return outcome < kNoManager && (outcome & kFired) != 0;
+        });
     }
 
     TempDir store_{fastBase()};
+    WString options_;
 };
 
 TEST_F(ManagerOomTest, APutThatCannotAllocateChangesNothing) {
@@ -133,26 +178,12 @@ TEST_F(ManagerOomTest, APutThatCannotAllocateChangesNothing) {
 // failing and then commits once more; a fresh one reopens the registry and
 // finds the new state only if the commit reported success.
 TEST_F(ManagerOomTest, ACommitThatCannotAllocateLeavesTheOldStateAndTheNextOneSucceeds) {
-    commitInChild(0);
-    int32_t generation = 0;
-    sweep("commit", [&](long k) {
-        const int outcome = inChild([&] { return leakChecked(commitWithFailure(k, generation)); });
-        EXPECT_LT(outcome, 4) << "k=" << k << " outcome " << outcome;
-        const int seen = outcome & 1;
-        EXPECT_EQ(inChild([&] {
-                      StatusChain status = fresh();
-                      AutoRef<IBucketManager> manager = open(status);
-                      if (!manager) return 1;
-                      return generationSeen(*manager, generation) == seen &&
-                                     valueOf(*manager, L"/z") == k
-                                 ? 0
-                                 : 2;
-                  }),
-                  0)
-            << "k=" << k;
-        generation += seen;
-        return outcome < 4 && (outcome & 2) != 0;
-    });
+    sweepCommits("commit");
+}
+
+TEST_F(ManagerOomTest, ACommitThatCompactsAndCannotAllocateLeavesOneStateOrTheOther) {
+    compactEveryCommit();
+    sweepCommits("commit with compaction");
 }
 
 TEST_F(ManagerOomTest, AStoreReadThatCannotAllocateReportsIt) {

@@ -43,7 +43,7 @@ long sweep(const char* what, Attempt&& attempt) {
 // a sweep that runs in children asks for it before the child ends.
 inline int leakChecked(int code) {
 #if defined(__SANITIZE_ADDRESS__)
-    if (__lsan_do_recoverable_leak_check() != 0) return 50;
+    if (__lsan_do_recoverable_leak_check() != 0) return 255;
 #endif
     return code;
 }
