@@ -126,12 +126,14 @@ bool BucketCase::place(NameMap& names, DigestMap& digests, uint32_t& used, const
 void BucketCase::bucketAdded(const WString&) {}
 
 AutoRef<IBucket> BucketCase::findBucket(const WString& fullName) {
-    return quietly([&]() -> AutoRef<IBucket> {
-        const WString key = foldName(fullName);
-        Lock lock(mutex_);
-        const auto found = names_.find(key);
-        return found == names_.end() ? AutoRef<IBucket>() : found->second.bucket;
-    });
+    return quietly([&] { return findHeld(fullName); });
+}
+
+AutoRef<IBucket> BucketCase::findHeld(const WString& fullName) {
+    const WString key = foldName(fullName);
+    Lock lock(mutex_);
+    const auto found = names_.find(key);
+    return found == names_.end() ? AutoRef<IBucket>() : found->second.bucket;
 }
 
 AutoRef<IBucket> BucketCase::findBucketByDigest(const Digest& digest) {

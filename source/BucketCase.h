@@ -60,6 +60,10 @@ class BucketCase
 
     std::recursive_mutex& mutex() const { return mutex_; }
 
+    // As findBucket, but lack of memory throws instead of reading as "not
+    // there", for a caller to whom the difference matters.
+    kel::AutoRef<IBucket> findHeld(const kel::WString& fullName);
+
     // The sum of the weights of the held buckets.
     uint32_t usedBytes() const;
     // Recomputes usedBytes from the weights recorded in the entries.

@@ -174,6 +174,35 @@ TEST_F(ManagerOomTest, APutThatCannotAllocateChangesNothing) {
     }
 }
 
+// The second put of a transaction merges onto the first one's bucket, which
+// only the update cache holds: a lookup there that runs out of memory must
+// not read as "nothing pending".
+TEST_F(ManagerOomTest, APutThatMergesOntoAPendingOneKeepsItOrFails) {
+    StatusChain status = fresh();
+    AutoRef<IBucketManager> manager = open(status);
+    ASSERT_TRUE(manager);
+    const WString first(L"first");
+    sweep("merging put", [&](long k) {
+        const std::wstring name = L"/m" + std::to_wstring(k);
+        StatusChain put = fresh();
+        bool fired = false;
+        EXPECT_TRUE(transact(*manager, status, [&](const Guid& id) {
+            AutoRef<IBucket> pending = manager->createBucket(WString(name.c_str()), false, status);
+            pending->setInt32Value(first, 1, status, true);
+            manager->putBucket(pending, true, id, status);
+            AutoRef<IBucket> merged = bucketWith(*manager, name.c_str(), 2, status);
+            fired = failingAt(k, [&] { manager->putBucket(merged, false, id, put); });
+        })) << status.getCode();
+        const int32_t code = put.getCode();
+        EXPECT_TRUE(code == 0 || code == st::kOutOfMemory) << "k=" << k << " code " << code;
+        StatusChain read = fresh();
+        AutoRef<IBucket> stored = manager->getBucket(WString(name.c_str()), read);
+        EXPECT_TRUE(stored && stored->getValue(first, read)) << "k=" << k;
+        EXPECT_EQ(valueOf(*manager, name.c_str()), code == 0 ? 2 : -1) << "k=" << k;
+        return fired;
+    });
+}
+
 // Each attempt runs in two children: one commits with the k-th allocation
 // failing and then commits once more; a fresh one reopens the registry and
 // finds the new state only if the commit reported success.
