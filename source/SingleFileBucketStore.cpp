@@ -592,8 +592,7 @@ bool SingleFileBucketStore::compactLocked() {
 }
 
 // The renames in the order the recovery expects, each made durable before
-// the next.
-// The new file stays open through its renames and becomes the live one.
+// the next. The new file stays open through them and becomes the live one.
 void SingleFileBucketStore::swapInCompactedFile(std::unique_ptr<File> fresh, int64_t end) {
     const WString currentMark = marks_.pathOf(generation_);
     const WString oldMark = marks_.oldMarkPath();

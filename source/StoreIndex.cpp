@@ -1,10 +1,10 @@
 #include "source/StoreIndex.h"
 
+#include <algorithm>
+
 #include "kel/Endian.h"
 #include "kel/Throw.h"
 #include "source/Sha256.h"
-
-#include <algorithm>
 
 namespace zq {
 namespace orvane {
@@ -219,6 +219,20 @@ int64_t StoreIndex::previousIndexForNextCommit() const {
     return 0;
 }
 
+namespace {
+
+// Room for `more` elements in a hash container, doubling as its own growth
+// does so that a commit after commit stays cheap.
+template <class Hashed>
+void makeRoom(Hashed& hashed, size_t more) {
+    const size_t needed = hashed.size() + more;
+    if (needed > hashed.bucket_count() * hashed.max_load_factor()) {
+        hashed.reserve(std::max(needed, 2 * hashed.size()));
+    }
+}
+
+}  // namespace
+
 StoreIndex::Staged StoreIndex::stage(const SegmentDescriptor& segment,
                                      const std::vector<std::pair<DigestKey, int64_t>>& updates,
                                      const std::vector<DigestKey>& deletions) {
@@ -230,9 +244,11 @@ StoreIndex::Staged StoreIndex::stage(const SegmentDescriptor& segment,
         staged.locations[digest] = Location{segment.number, ordinal++, offset};
     }
     // With this room no insert in apply rehashes or reallocates.
-    locations_.reserve(locations_.size() + staged.locations.size());
-    deleted_.reserve(deleted_.size() + staged.deleted.size());
-    segments_.reserve(segments_.size() + 1);
+    makeRoom(locations_, staged.locations.size());
+    makeRoom(deleted_, staged.deleted.size());
+    if (segments_.size() == segments_.capacity()) {
+        segments_.reserve(2 * segments_.size() + 1);
+    }
     return staged;
 }
 
