@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "kel/Memory.h"
+
 namespace zq {
 namespace ini {
 
@@ -55,7 +57,7 @@ bool reserveOne(void** items, size_t count, size_t* capacity, size_t size) {
         return true;
     }
     const size_t grown = *capacity == 0 ? 8 : *capacity * 2;
-    void* bigger = std::realloc(*items, grown * size);
+    void* bigger = kel::tryReallocate(*items, grown * size);
     if (bigger == nullptr) {
         return false;
     }
@@ -82,12 +84,12 @@ void clearContent(IniReader* reader) {
     for (size_t s = 0; s < reader->sectionCount; ++s) {
         IniSection& section = reader->sections[s];
         for (size_t k = 0; k < section.count; ++k) {
-            std::free(section.keys[k].unescaped);
+            kel::deallocate(section.keys[k].unescaped);
         }
-        std::free(section.keys);
+        kel::deallocate(section.keys);
     }
-    std::free(reader->sections);
-    std::free(reader->text);
+    kel::deallocate(reader->sections);
+    kel::deallocate(reader->text);
     reader->sections = nullptr;
     reader->sectionCount = 0;
     reader->sectionCapacity = 0;
@@ -138,7 +140,7 @@ bool setKey(IniReader* reader, IniSection* section, const char* name, const char
     IniKey* key = findKey(section, name, hash);
     if (key != nullptr) {
         key->value = value;
-        std::free(key->unescaped);
+        kel::deallocate(key->unescaped);
         key->unescaped = nullptr;
         return true;
     }
@@ -235,7 +237,7 @@ bool parseLine(IniReader* reader, char* begin, char* end, IniSection** current) 
 int readAll(std::FILE* file, char** text, size_t* size) {
     size_t capacity = 4096;
     size_t used = 0;
-    char* block = static_cast<char*>(std::malloc(capacity + 1));
+    char* block = static_cast<char*>(kel::tryAllocate(capacity + 1));
     if (block == nullptr) {
         return kIniOutOfMemory;
     }
@@ -243,15 +245,15 @@ int readAll(std::FILE* file, char** text, size_t* size) {
         used += std::fread(block + used, 1, capacity - used, file);
         if (std::ferror(file)) {
             const int error = errno;
-            std::free(block);
+            kel::deallocate(block);
             return error == EISDIR ? kIniCannotOpen : -(error != 0 ? error : EIO);
         }
         if (used < capacity) {
             break;
         }
-        char* bigger = static_cast<char*>(std::realloc(block, capacity * 2 + 1));
+        char* bigger = static_cast<char*>(kel::tryReallocate(block, capacity * 2 + 1));
         if (bigger == nullptr) {
-            std::free(block);
+            kel::deallocate(block);
             return kIniOutOfMemory;
         }
         block = bigger;
@@ -340,8 +342,9 @@ void unescape(const char* in, char* out) {
 }  // namespace
 
 IniReader* iniCreate(unsigned flags) {
-    IniReader* reader = static_cast<IniReader*>(std::calloc(1, sizeof(IniReader)));
+    IniReader* reader = static_cast<IniReader*>(kel::tryAllocate(sizeof(IniReader)));
     if (reader != nullptr) {
+        std::memset(reader, 0, sizeof *reader);
         reader->flags = flags;
     }
     return reader;
@@ -360,13 +363,13 @@ int iniParseFile(IniReader* reader, const char* path) {
         clearContent(reader);
         return result;
     }
-    char* copy = static_cast<char*>(std::malloc(std::strlen(path) + 1));
+    char* copy = static_cast<char*>(kel::tryAllocate(std::strlen(path) + 1));
     if (copy == nullptr) {
         clearContent(reader);
         return kIniOutOfMemory;
     }
     std::strcpy(copy, path);
-    std::free(reader->path);
+    kel::deallocate(reader->path);
     reader->path = copy;
     return reader->keyCount;
 }
@@ -395,7 +398,7 @@ int iniGetString(IniReader* reader, const char* section, const char* key, const 
     }
     if (entry->unescaped == nullptr) {
         // Unescaping never lengthens the text.
-        entry->unescaped = static_cast<char*>(std::malloc(std::strlen(entry->value) + 1));
+        entry->unescaped = static_cast<char*>(kel::tryAllocate(std::strlen(entry->value) + 1));
         if (entry->unescaped == nullptr) {
             return kIniOutOfMemory;
         }
@@ -410,8 +413,8 @@ void iniDiscard(IniReader* reader) {
         return;
     }
     clearContent(reader);
-    std::free(reader->path);
-    std::free(reader);
+    kel::deallocate(reader->path);
+    kel::deallocate(reader);
 }
 
 }  // namespace ini

@@ -94,14 +94,18 @@ void Bucket::setNames(const WString& fullName) {
     if (fullName == fullName_) {
         return;  // everything derived from it is already in place
     }
+    // Everything that allocates comes first, so running out of memory leaves
+    // the old names in place.
+    WString copy(fullName);
     WString shortName = BucketName::shortName(fullName);
     const Digest digest(fullName);
     const Digest parent(BucketName::parentName(fullName));
-    fullName_ = fullName;
+    WString noFileName;  // the old one belongs to the old name
+    fullName_ = std::move(copy);
     shortName_ = std::move(shortName);
     digest_ = digest;
     parent_ = parent;
-    fileName_ = WString();  // belongs to the old name
+    fileName_ = std::move(noFileName);
 }
 
 void Bucket::touch() {
@@ -372,24 +376,20 @@ bool Bucket::step(uint32_t handle, bool first, bool childrenOnly, WString* name,
 }
 
 bool Bucket::getFirstValue(uint32_t handle, WString& name, AutoRef<IBucketValue>& value) {
-    try {
-        StatusChain unused = cleared();
-        AutoRef<BucketValue> found;
-        if (!step(handle, true, false, &name, found, &unused)) {
-            return false;
-        }
-        value = AutoRef<IBucketValue>(new BucketValue(*found));
-        return true;
-    } catch (...) {
-        return false;  // no status to report through: the caller sees the end
-    }
+    StatusChain unused = cleared();  // no status to report through: the caller sees the end
+    return stepValue(handle, true, name, value, unused);
 }
 
 bool Bucket::getNextValue(uint32_t handle, WString& name, AutoRef<IBucketValue>& value,
                           StatusChain& status) {
+    return stepValue(handle, false, name, value, status);
+}
+
+bool Bucket::stepValue(uint32_t handle, bool first, WString& name, AutoRef<IBucketValue>& value,
+                       StatusChain& status) {
     return guarded(status, kBucketCodes, [&] {
         AutoRef<BucketValue> found;
-        if (!step(handle, false, false, &name, found, &status)) {
+        if (!step(handle, first, false, &name, found, &status)) {
             return false;
         }
         value = AutoRef<IBucketValue>(new BucketValue(*found));
@@ -442,12 +442,19 @@ bool Bucket::update(const AutoRef<IBucket>& other, int32_t mode, StatusChain& st
         }
         const bool replace = mode != kMergeKeeping;
         const uint32_t handle = openEnumeration();
+        if (handle == 0) {
+            throw std::bad_alloc();  // the only reason for no handle
+        }
         bool stored = false;
         WString name;
         AutoRef<IBucketValue> value;
         StatusChain walk = cleared();
-        for (bool more = other->getFirstValue(handle, name, value); more;
-             more = other->getNextValue(handle, name, value, walk)) {
+        // Our own buckets report a first step that fails; it must not read as
+        // an empty bucket.
+        auto* own = dynamic_cast<Bucket*>(other.get());
+        const bool first = own != nullptr ? own->stepValue(handle, true, name, value, walk)
+                                          : other->getFirstValue(handle, name, value);
+        for (bool more = first; more; more = other->getNextValue(handle, name, value, walk)) {
             StatusChain one = cleared();
             // The copy from getFirstValue/getNextValue is ours to keep.
             stored |= storeValue(name, AutoRef<BucketValue>(static_cast<BucketValue*>(value.get())),

@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <cwctype>
 #include <new>
-#include <vector>
 
 #include "kel/Throw.h"
 #include "source/Guard.h"
@@ -85,28 +84,7 @@ void BucketCase::insertBucket(AutoRef<IBucket>& bucket, const bool* replace, Sta
 
 void BucketCase::insertLocked(const AutoRef<IBucket>& bucket, uint32_t weight, const WString& key,
                               const Digest& digest, bool replace, StatusChain& status) {
-    const auto at = names_.lower_bound(key);
-    if (at == names_.end() || at->first != key) {
-        const auto added = names_.emplace_hint(at, key, Entry{bucket, weight, digest});
-        try {
-            digests_.emplace(digest, bucket);
-        } catch (...) {
-            names_.erase(added);
-            throw;
-        }
-        used_ += weight;
-    } else if (replace) {
-        // One fold, one digest: the digest entry is already there, so nothing
-        // below allocates and the replacement cannot fail half way.
-        Entry& entry = at->second;
-        const auto byDigest = digests_.find(entry.digest);
-        if (byDigest != digests_.end()) {
-            byDigest->second = bucket;
-        }
-        entry.bucket = bucket;
-        used_ = used_ - entry.weight + weight;
-        entry.weight = weight;
-    } else {
+    if (!place(names_, digests_, used_, Entry{bucket, weight, digest}, key, replace)) {
         status.setCode(status::kAlreadyPresent);
         return;
     }
@@ -114,15 +92,48 @@ void BucketCase::insertLocked(const AutoRef<IBucket>& bucket, uint32_t weight, c
     bucketAdded(key);
 }
 
+// Either the entry goes in or, on a throw, the maps stay as they were.
+bool BucketCase::place(NameMap& names, DigestMap& digests, uint32_t& used, const Entry& entry,
+                       const WString& key, bool replace) {
+    const auto at = names.lower_bound(key);
+    if (at == names.end() || at->first != key) {
+        const auto added = names.emplace_hint(at, key, entry);
+        try {
+            digests.emplace(entry.digest, entry.bucket);
+        } catch (...) {
+            names.erase(added);
+            throw;
+        }
+        used += entry.weight;
+        return true;
+    }
+    if (!replace) {
+        return false;
+    }
+    // One fold, one digest: the digest entry is already there, so nothing
+    // below allocates and the replacement cannot fail half way.
+    Entry& held = at->second;
+    const auto byDigest = digests.find(held.digest);
+    if (byDigest != digests.end()) {
+        byDigest->second = entry.bucket;
+    }
+    held.bucket = entry.bucket;
+    used = used - held.weight + entry.weight;
+    held.weight = entry.weight;
+    return true;
+}
+
 void BucketCase::bucketAdded(const WString&) {}
 
 AutoRef<IBucket> BucketCase::findBucket(const WString& fullName) {
-    return quietly([&]() -> AutoRef<IBucket> {
-        const WString key = foldName(fullName);
-        Lock lock(mutex_);
-        const auto found = names_.find(key);
-        return found == names_.end() ? AutoRef<IBucket>() : found->second.bucket;
-    });
+    return quietly([&] { return findHeld(fullName); });
+}
+
+AutoRef<IBucket> BucketCase::findHeld(const WString& fullName) {
+    const WString key = foldName(fullName);
+    Lock lock(mutex_);
+    const auto found = names_.find(key);
+    return found == names_.end() ? AutoRef<IBucket>() : found->second.bucket;
 }
 
 AutoRef<IBucket> BucketCase::findBucketByDigest(const Digest& digest) {
@@ -258,31 +269,29 @@ void BucketCase::serialize(unsigned char*& cursor, const unsigned char* end) {
     }
 }
 
-// Every record is read before the case changes, so bad input leaves the case
-// as it was.
+// Every record is read and the new maps built before the case changes, so
+// bad input or a lack of memory leaves the case as it was.
 void BucketCase::deserialize(const unsigned char*& cursor, const unsigned char* end) {
-    struct Loaded {
-        AutoRef<IBucket> bucket;
-        uint32_t weight;
-        WString key;
-        Digest digest;
-    };
     Lock lock(mutex_);
     try {
         RecordReader reader(cursor, end);
         reader.u32();  // the format version: every reader skips it
         const uint32_t count = reader.u32();
-        std::vector<Loaded> loaded;
+        NameMap names;
+        DigestMap digests;
+        uint32_t used = 0;
         for (uint32_t i = 0; i < count; ++i) {
             AutoRef<IBucket> bucket(new Bucket());
             bucket->deserialize(cursor, end);
-            loaded.push_back(Loaded{bucket, weigh(bucket), foldName(bucket->getFullName()),
-                                    bucket->getDigest()});
+            const Entry entry{bucket, weigh(bucket), bucket->getDigest()};
+            place(names, digests, used, entry, foldName(bucket->getFullName()), true);
         }
         clear();  // through the table, so a cache's own clear runs
-        StatusChain ignored;
-        for (const Loaded& one : loaded) {
-            insertLocked(one.bucket, one.weight, one.key, one.digest, true, ignored);
+        names_.swap(names);
+        digests_.swap(digests);
+        used_ = used;
+        for (const auto& entry : names_) {
+            bucketAdded(entry.first);
         }
         markCursorsChanged();
     } catch (const std::bad_alloc&) {

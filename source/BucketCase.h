@@ -60,6 +60,10 @@ class BucketCase
 
     std::recursive_mutex& mutex() const { return mutex_; }
 
+    // As findBucket, but lack of memory throws instead of reading as "not
+    // there", for a caller to whom the difference matters.
+    kel::AutoRef<IBucket> findHeld(const kel::WString& fullName);
+
     // The sum of the weights of the held buckets.
     uint32_t usedBytes() const;
     // Recomputes usedBytes from the weights recorded in the entries.
@@ -77,6 +81,7 @@ class BucketCase
         Digest digest;
     };
     using NameMap = std::map<kel::WString, Entry>;  // by folded name
+    using DigestMap = std::map<Digest, kel::AutoRef<IBucket>>;
 
     // Runs with mutex_ held after a bucket went in under `key`, new or
     // replacing; it must not throw.
@@ -96,11 +101,13 @@ class BucketCase
 
     void insertLocked(const kel::AutoRef<IBucket>& bucket, uint32_t weight, const kel::WString& key,
                       const Digest& digest, bool replace, kel::StatusChain& status);
+    static bool place(NameMap& names, DigestMap& digests, uint32_t& used, const Entry& entry,
+                      const kel::WString& key, bool replace);
     int32_t drawHandle();
 
     mutable std::recursive_mutex mutex_;
     NameMap names_;
-    std::map<Digest, kel::AutoRef<IBucket>> digests_;
+    DigestMap digests_;
     OrvaneAtomicInt handleCounter_;
     std::map<int32_t, Cursor> cursors_;
     uint32_t used_;

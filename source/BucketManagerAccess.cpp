@@ -178,9 +178,10 @@ class BucketManager::PutPath {
         : manager_(manager), cache_(*manager.updateCache_), status_(status) {}
 
     // The bucket held under `name`: pending, else committed. Deleted in this
-    // transaction counts as absent.
+    // transaction counts as absent. A pending bucket missed for lack of
+    // memory would have its changes replaced, so that failure throws.
     AutoRef<IBucket> held(const WString& name, bool* pending) {
-        AutoRef<IBucket> found = cache_.findBucket(name);
+        AutoRef<IBucket> found = cache_.findHeld(name);
         *pending = static_cast<bool>(found);
         if (found || cache_.isDeleted(name)) {
             return found;

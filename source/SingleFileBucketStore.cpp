@@ -376,9 +376,11 @@ void SingleFileBucketStore::commit(const UpdatedBuckets& updated, const DeletedN
             status.setCode(status::kOverSizeLimit);
             return false;
         }
+        StoreIndex::Staged staged = index_.stage(descriptor, updates, deletions);
         appendSegment(segment, end);
-        // Memory follows the disk only once the mark is written.
-        index_.addSegment(descriptor, updates, deletions);
+        // Memory follows the disk only once the mark is written, and nothing
+        // from here on can fail: the commit is made.
+        index_.apply(staged);
         ++generation_;
         committedLength_ = end;
         rememberSignature();
@@ -570,19 +572,19 @@ bool SingleFileBucketStore::compactLocked() {
     const int64_t end = builder.end();
 
     touchFile(fs_, newPath_, options_);
-    {
-        std::unique_ptr<File> fresh = fs_.open(
-            newPath_, FileSystem::kReadWrite | FileSystem::kCreate | FileSystem::kTruncate);
-        fresh->writeAt(0, image.data(), image.size());
-        fresh->sync();
-        fresh->close();
-    }
+    std::unique_ptr<File> fresh =
+        fs_.open(newPath_, FileSystem::kReadWrite | FileSystem::kCreate | FileSystem::kTruncate);
+    fresh->writeAt(0, image.data(), image.size());
+    fresh->sync();
     // The new mark is written only once the new file is durable: its
     // presence tells the recovery that rolling forward is safe.
     writeFileAtomically(fs_, marks_.newMarkPath(), CommitMarks::contentFor(end), options_);
-    swapInCompactedFile(end);
+    // Built before the swap, so that nothing after it runs out of memory.
+    StoreIndex compacted;
+    compacted.replaceBySingleSegment(builder.descriptor(0), entries);
+    swapInCompactedFile(std::move(fresh), end);
 
-    index_.replaceBySingleSegment(builder.descriptor(0), entries);
+    index_ = std::move(compacted);
     committedLength_ = end;
     generation_ = 1;
     overSize_ = overSize(end);
@@ -590,17 +592,21 @@ bool SingleFileBucketStore::compactLocked() {
 }
 
 // The renames in the order the recovery expects, each made durable before
-// the next.
-void SingleFileBucketStore::swapInCompactedFile(int64_t end) {
+// the next. The new file stays open through them and becomes the live one.
+void SingleFileBucketStore::swapInCompactedFile(std::unique_ptr<File> fresh, int64_t end) {
+    const WString currentMark = marks_.pathOf(generation_);
+    const WString oldMark = marks_.oldMarkPath();
+    const WString newMark = marks_.newMarkPath();
+    const WString firstMark = marks_.pathOf(1);
     marks_.removeAllBut(generation_);
     file_.reset();
     rename(livePath_, previousPath_);
-    rename(marks_.pathOf(generation_), marks_.oldMarkPath());
+    rename(currentMark, oldMark);
     rename(newPath_, livePath_);
-    rename(marks_.newMarkPath(), marks_.pathOf(1));
+    rename(newMark, firstMark);
     fs_.removeFile(previousPath_, FileSystem::kRemoveMustExist);
-    fs_.removeFile(marks_.oldMarkPath(), FileSystem::kRemoveMustExist);
-    file_ = fs_.open(livePath_, FileSystem::kReadWrite);
+    fs_.removeFile(oldMark, FileSystem::kRemoveMustExist);
+    file_ = std::move(fresh);
     sizeOnOpen_ = end;
 }
 

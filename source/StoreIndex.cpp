@@ -1,10 +1,10 @@
 #include "source/StoreIndex.h"
 
+#include <algorithm>
+
 #include "kel/Endian.h"
 #include "kel/Throw.h"
 #include "source/Sha256.h"
-
-#include <algorithm>
 
 namespace zq {
 namespace orvane {
@@ -219,19 +219,57 @@ int64_t StoreIndex::previousIndexForNextCommit() const {
     return 0;
 }
 
-void StoreIndex::addSegment(const SegmentDescriptor& segment,
-                            const std::vector<std::pair<DigestKey, int64_t>>& updates,
-                            const std::vector<DigestKey>& deletions) {
-    for (const DigestKey& digest : deletions) {
-        locations_.erase(digest);
-        deleted_.insert(digest);
+namespace {
+
+// Room for `more` elements in a hash container, doubling as its own growth
+// does so that a commit after commit stays cheap.
+template <class Hashed>
+void makeRoom(Hashed& hashed, size_t more) {
+    const size_t needed = hashed.size() + more;
+    if (needed > hashed.bucket_count() * hashed.max_load_factor()) {
+        hashed.reserve(std::max(needed, 2 * hashed.size()));
     }
+}
+
+}  // namespace
+
+StoreIndex::Staged StoreIndex::stage(const SegmentDescriptor& segment,
+                                     const std::vector<std::pair<DigestKey, int64_t>>& updates,
+                                     const std::vector<DigestKey>& deletions) {
+    Staged staged;
+    staged.segment = segment;
+    staged.deleted.insert(deletions.begin(), deletions.end());
     uint32_t ordinal = 0;
     for (const auto& [digest, offset] : updates) {
-        deleted_.erase(digest);
-        locations_[digest] = Location{segment.number, ordinal++, offset};
+        staged.locations[digest] = Location{segment.number, ordinal++, offset};
     }
-    segments_.push_back(segment);
+    // With this room no insert in apply rehashes or reallocates.
+    makeRoom(locations_, staged.locations.size());
+    makeRoom(deleted_, staged.deleted.size());
+    if (segments_.size() == segments_.capacity()) {
+        segments_.reserve(2 * segments_.size() + 1);
+    }
+    return staged;
+}
+
+// The staged nodes move over as they are.
+void StoreIndex::apply(Staged& staged) noexcept {
+    while (!staged.deleted.empty()) {
+        auto node = staged.deleted.extract(staged.deleted.begin());
+        locations_.erase(node.value());
+        deleted_.insert(std::move(node));
+    }
+    while (!staged.locations.empty()) {
+        auto node = staged.locations.extract(staged.locations.begin());
+        deleted_.erase(node.key());
+        const auto held = locations_.find(node.key());
+        if (held != locations_.end()) {
+            held->second = node.mapped();
+        } else {
+            locations_.insert(std::move(node));
+        }
+    }
+    segments_.push_back(staged.segment);
     ++segmentCount_;
 }
 

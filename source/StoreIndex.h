@@ -55,10 +55,20 @@ class StoreIndex {
     // Null when the bucket does not exist. Resumes an unfinished walk first.
     const Location* find(kel::osdep::File& file, const DigestKey& digest);
 
-    // Records a commit's segment; `updates` in the order of its index entries.
-    void addSegment(const SegmentDescriptor& segment,
-                    const std::vector<std::pair<DigestKey, int64_t>>& updates,
-                    const std::vector<DigestKey>& deletions);
+    // A commit's changes to the index with every allocation already made.
+    class Staged {
+        friend class StoreIndex;
+        std::unordered_map<DigestKey, Location, DigestKeyHash> locations;
+        std::unordered_set<DigestKey, DigestKeyHash> deleted;
+        SegmentDescriptor segment;
+    };
+    // Before a commit's segment is written: its changes, `updates` in the
+    // order of its index entries, and room for them here. May throw.
+    Staged stage(const SegmentDescriptor& segment,
+                 const std::vector<std::pair<DigestKey, int64_t>>& updates,
+                 const std::vector<DigestKey>& deletions);
+    // Once the segment is committed: records it without allocating.
+    void apply(Staged& staged) noexcept;
     // After a compaction: one segment whose entries are in digest order.
     void replaceBySingleSegment(const SegmentDescriptor& segment,
                                 const std::vector<std::pair<DigestKey, int64_t>>& updates);

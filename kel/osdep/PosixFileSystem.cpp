@@ -8,7 +8,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <limits>
+#include <memory>
 
+#include "kel/Utf8.h"
 #include "zq/kel/OSException.h"
 
 namespace zq {
@@ -29,6 +31,31 @@ auto retryInterrupted(Call call) -> decltype(call()) {
     } while (result == -1 && errno == EINTR);
     return result;
 }
+
+// A path in the system's encoding, held on the stack unless it is long: the
+// renames and removals of a compaction's swap must not run out of memory
+// half way.
+class NativePath {
+  public:
+    explicit NativePath(const WString& path) {
+        const size_t bytes = utf8::measure(path.c_str(), path.length());
+        if (bytes < sizeof(inline_)) {
+            utf8::encodeText(path.c_str(), path.length(),
+                             reinterpret_cast<unsigned char*>(inline_));
+            inline_[bytes] = '\0';
+        } else {
+            long_.reset(new NString(path));
+        }
+    }
+    NativePath(const NativePath&) = delete;
+    NativePath& operator=(const NativePath&) = delete;
+
+    const char* c_str() const { return long_ ? long_->c_str() : inline_; }
+
+  private:
+    char inline_[1024];
+    std::unique_ptr<NString> long_;
+};
 
 off_t toOffset(int64_t offset, int line) {
     if (offset < 0 || offset > std::numeric_limits<off_t>::max()) {
@@ -153,7 +180,7 @@ int openFlags(uint32_t flags) {
 
 std::unique_ptr<File> PosixFileSystem::open(const WString& path, uint32_t flags,
                                             uint32_t permissions) {
-    const NString name(path);
+    const NativePath name(path);
     const int fd = retryInterrupted(
         [&] { return ::open(name.c_str(), openFlags(flags), static_cast<mode_t>(permissions)); });
     if (fd < 0) {
@@ -163,7 +190,7 @@ std::unique_ptr<File> PosixFileSystem::open(const WString& path, uint32_t flags,
 }
 
 FileSystem::Status PosixFileSystem::stat(const WString& path) {
-    const NString name(path);
+    const NativePath name(path);
     struct stat info;
     Status status;
     if (::stat(name.c_str(), &info) != 0) {
@@ -185,22 +212,22 @@ FileSystem::Status PosixFileSystem::stat(const WString& path) {
 }
 
 void PosixFileSystem::rename(const WString& from, const WString& to) {
-    const NString source(from);
-    const NString target(to);
+    const NativePath source(from);
+    const NativePath target(to);
     if (retryInterrupted([&] { return ::rename(source.c_str(), target.c_str()); }) != 0) {
         fail("rename", __LINE__);
     }
 }
 
 void PosixFileSystem::unlink(const WString& path) {
-    const NString name(path);
+    const NativePath name(path);
     if (retryInterrupted([&] { return ::unlink(name.c_str()); }) != 0) {
         fail("unlink", __LINE__);
     }
 }
 
 void PosixFileSystem::makeDirectory(const WString& path, uint32_t permissions) {
-    const NString name(path);
+    const NativePath name(path);
     if (retryInterrupted([&] { return ::mkdir(name.c_str(), static_cast<mode_t>(permissions)); }) !=
         0) {
         fail("mkdir", __LINE__);
@@ -208,7 +235,7 @@ void PosixFileSystem::makeDirectory(const WString& path, uint32_t permissions) {
 }
 
 std::vector<WString> PosixFileSystem::listDirectory(const WString& path) {
-    const NString name(path);
+    const NativePath name(path);
     std::vector<WString> names;
     DIR* directory = ::opendir(name.c_str());
     if (directory == nullptr) {
@@ -245,7 +272,7 @@ std::vector<WString> PosixFileSystem::listDirectory(const WString& path) {
 }
 
 void PosixFileSystem::syncDirectory(const WString& path) {
-    const NString name(path);
+    const NativePath name(path);
     const int fd =
         retryInterrupted([&] { return ::open(name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); });
     if (fd < 0) {

@@ -3,9 +3,14 @@
 #include <zq/orvane/Orvane.h>
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <cstdio>
 #include <cstring>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -56,6 +61,42 @@ TEST(PublicApiTest, SupportTypes) {
     EXPECT_FALSE(zq::kel::AbsoluteTime::now() < t);
 
     EXPECT_EQ(zq::kel::NString(WString(L"gr\u00fc\u00df")), zq::kel::NString("gr\xC3\xBC\xC3\x9F"));
+}
+
+// The machine out of memory, as a client meets it: the library cannot copy
+// the client's blob, says so with its code and stores nothing.
+int blobOverTheLimit() {
+    const size_t size = size_t(64) << 20;
+    std::vector<unsigned char> blob(size, 7);
+    long pages = 0;
+    std::FILE* statm = std::fopen("/proc/self/statm", "r");
+    if (statm == nullptr || std::fscanf(statm, "%ld", &pages) != 1) return 10;
+    std::fclose(statm);
+    const rlim_t limit = static_cast<rlim_t>(pages) * ::sysconf(_SC_PAGESIZE) + (size / 2);
+    const struct rlimit cap = {limit, limit};
+    if (::setrlimit(RLIMIT_AS, &cap) != 0) return 11;
+    zq::kel::AutoRef<zq::orvane::IBucket> bucket(new zq::orvane::Bucket(WString(L"/b")));
+    StatusChain status;
+    status.clear();
+    bucket->setBlobValue(WString(L"blob"), blob.data(), static_cast<uint32_t>(size), status, true);
+    if (status.getCode() != zq::orvane::status::kOutOfMemory) return 12;
+    StatusChain read;
+    read.clear();
+    return bucket->getValue(WString(L"blob"), read) ? 13 : 0;
+}
+
+TEST(PublicApiTest, RunningOutOfMemoryReachesTheClientAsItsCode) {
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "the sanitizer's allocator stops the process instead of returning null";
+#endif
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::_exit(blobOverTheLimit());
+    }
+    int result = 0;
+    ::waitpid(pid, &result, 0);
+    ASSERT_TRUE(WIFEXITED(result));
+    EXPECT_EQ(WEXITSTATUS(result), 0);
 }
 
 }  // namespace

@@ -14,12 +14,12 @@
 namespace zq {
 namespace test {
 
-// A fresh directory under /tmp, removed with everything in it at the end.
+// A fresh directory under `base`, removed with everything in it at the end.
 class TempDir {
   public:
-    TempDir() {
-        char pattern[] = "/tmp/orvane_test_XXXXXX";
-        if (mkdtemp(pattern) == nullptr) {
+    explicit TempDir(const std::string& base = "/tmp") {
+        std::string pattern = base + "/orvane_test_XXXXXX";
+        if (mkdtemp(&pattern[0]) == nullptr) {
             throw std::runtime_error("mkdtemp failed");
         }
         path_ = pattern;

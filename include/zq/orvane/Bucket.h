@@ -113,6 +113,8 @@ class ZQ_EXPORT Bucket
                     kel::StatusChain& status, bool replace);
     bool step(uint32_t handle, bool first, bool childrenOnly, kel::WString* name,
               kel::AutoRef<BucketValue>& value, kel::StatusChain* status);
+    bool stepValue(uint32_t handle, bool first, kel::WString& name,
+                   kel::AutoRef<IBucketValue>& value, kel::StatusChain& status);
     uint32_t recordSize() const;                  // mutex_ held
     void setNames(const kel::WString& fullName);  // mutex_ held
     void touch();                                 // mutex_ held
