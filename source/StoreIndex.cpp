@@ -5,6 +5,7 @@
 #include "source/Sha256.h"
 
 #include <algorithm>
+#include <memory>
 
 namespace zq {
 namespace orvane {
@@ -60,9 +61,10 @@ SegmentScan scanSegment(File& file, int64_t end, uint32_t number) {
     if (previous < 0 || previous > start || index + kIndexHeaderSize + entryBytes > x) {
         damaged();
     }
-    std::vector<unsigned char> entries(static_cast<size_t>(entryBytes));
+    // Not zeroed: every byte is read over at once.
+    const std::unique_ptr<unsigned char[]> entries(new unsigned char[entryBytes + 1]);
     if (entryBytes != 0) {
-        readExactly(file, index + kIndexHeaderSize, entries.data(), entries.size());
+        readExactly(file, index + kIndexHeaderSize, entries.get(), static_cast<size_t>(entryBytes));
     }
 
     SegmentScan scan;
@@ -79,7 +81,7 @@ SegmentScan scanSegment(File& file, int64_t end, uint32_t number) {
     d.deletes = deletes;
     d.indexAgain = getI64(trailer);
 
-    const unsigned char* at = entries.data();
+    const unsigned char* at = entries.get();
     scan.updates.reserve(updates);
     for (uint32_t k = 0; k < updates; ++k, at += kUpdateEntrySize) {
         const int64_t record = getI64(at + 32);
@@ -144,6 +146,9 @@ int64_t longestWholePrefix(File& file, int64_t limit) {
 
 void StoreIndex::clear() {
     locations_.clear();
+    base_.clear();
+    base_.shrink_to_fit();
+    baseSegment_ = 0;
     deleted_.clear();
     segments_.clear();
     segmentCount_ = 0;
@@ -156,7 +161,7 @@ void StoreIndex::load(File& file, int64_t committedLength) {
         walkPosition_ = committedLength;
         uint32_t number = 0;
         while (walkPosition_ > 0) {
-            const SegmentScan scan = scanSegment(file, walkPosition_, number++);
+            SegmentScan scan = scanSegment(file, walkPosition_, number++);
             absorb(scan);
         }
         segmentCount_ = number;
@@ -168,7 +173,13 @@ void StoreIndex::load(File& file, int64_t committedLength) {
 
 // Deletions before updates: a bucket both written and deleted by one commit
 // is deleted. An older deletion never hides a newer record.
-void StoreIndex::absorb(const SegmentScan& scan) {
+void StoreIndex::absorb(SegmentScan& scan) {
+    if (scan.descriptor.start == 0 && scan.deletions.empty() &&
+        adoptAsBase(scan.descriptor.number, scan.updates)) {
+        segments_.push_back(scan.descriptor);
+        walkPosition_ = 0;
+        return;
+    }
     for (const DigestKey& digest : scan.deletions) {
         if (locations_.count(digest) == 0) {
             deleted_.insert(digest);
@@ -186,8 +197,7 @@ void StoreIndex::absorb(const SegmentScan& scan) {
 }
 
 void StoreIndex::resumeWalk(File& file) {
-    const SegmentScan scan =
-        scanSegment(file, walkPosition_, static_cast<uint32_t>(segments_.size()));
+    SegmentScan scan = scanSegment(file, walkPosition_, static_cast<uint32_t>(segments_.size()));
     absorb(scan);
     if (walkPosition_ <= 0) {
         segmentCount_ = static_cast<uint32_t>(segments_.size());
@@ -204,10 +214,44 @@ const StoreIndex::Location* StoreIndex::find(File& file, const DigestKey& digest
             return &found->second;
         }
         if (walkPosition_ <= 0) {
-            return nullptr;
+            return findInBase(digest);
         }
         resumeWalk(file);
     }
+}
+
+bool StoreIndex::adoptAsBase(uint32_t segment, Entries& entries) {
+    for (size_t k = 1; k < entries.size(); ++k) {
+        if (!(entries[k - 1].first < entries[k].first)) {
+            return false;
+        }
+    }
+    base_.swap(entries);
+    baseSegment_ = segment;
+    return true;
+}
+
+const StoreIndex::Location* StoreIndex::findInBase(const DigestKey& digest) {
+    const auto at = std::lower_bound(base_.begin(), base_.end(), digest,
+                                     [](const std::pair<DigestKey, int64_t>& entry,
+                                        const DigestKey& key) { return entry.first < key; });
+    if (at == base_.end() || at->first != digest) {
+        return nullptr;
+    }
+    found_ = Location{baseSegment_, static_cast<uint32_t>(at - base_.begin()), at->second};
+    return &found_;
+}
+
+bool StoreIndex::shadowed(const DigestKey& digest) const {
+    return locations_.count(digest) != 0 || deleted_.count(digest) != 0;
+}
+
+size_t StoreIndex::liveBuckets() const {
+    size_t live = locations_.size();
+    for (const auto& entry : base_) {
+        live += shadowed(entry.first) ? 0 : 1;
+    }
+    return live;
 }
 
 int64_t StoreIndex::previousIndexForNextCommit() const {
@@ -238,9 +282,12 @@ void StoreIndex::addSegment(const SegmentDescriptor& segment,
 void StoreIndex::replaceBySingleSegment(const SegmentDescriptor& segment,
                                         const std::vector<std::pair<DigestKey, int64_t>>& updates) {
     clear();
-    uint32_t ordinal = 0;
-    for (const auto& [digest, offset] : updates) {
-        locations_[digest] = Location{0, ordinal++, offset};
+    Entries entries(updates);
+    if (!adoptAsBase(0, entries)) {
+        uint32_t ordinal = 0;
+        for (const auto& [digest, offset] : updates) {
+            locations_[digest] = Location{0, ordinal++, offset};
+        }
     }
     segments_.push_back(segment);
 }

@@ -39,6 +39,11 @@ int64_t longestWholePrefix(kel::osdep::File& file, int64_t limit);
 // file from its committed end back to offset 0, so the first event met for a
 // digest is its newest and wins.
 //
+// The segment at offset 0 is kept as its entries when they are in strictly
+// ascending digest order, as a compaction writes them: a lookup searches them
+// after the map of newer segments, so an open builds no map of the whole
+// store. Other orders go into the map like every newer segment.
+//
 // Not synchronised: the store's lock guards it.
 class StoreIndex {
   public:
@@ -65,22 +70,24 @@ class StoreIndex {
 
     uint32_t segmentCount() const { return segmentCount_; }
     const std::vector<SegmentDescriptor>& segments() const { return segments_; }
-    size_t liveBuckets() const { return locations_.size(); }
+    size_t liveBuckets() const;
     // The index position of the segment a new commit links back to, or 0.
     int64_t previousIndexForNextCommit() const;
 
-    template <class Visit>
-    void forEachLocation(Visit&& visit) const {
-        for (const auto& entry : locations_) {
-            visit(entry.first, entry.second);
-        }
-    }
-
   private:
-    void absorb(const SegmentScan& scan);
+    using Entries = std::vector<std::pair<DigestKey, int64_t>>;
+
+    void absorb(SegmentScan& scan);
     void resumeWalk(kel::osdep::File& file);
+    // Takes the entries of the segment at offset 0 when they are sorted.
+    bool adoptAsBase(uint32_t segment, Entries& entries);
+    const Location* findInBase(const DigestKey& digest);
+    bool shadowed(const DigestKey& digest) const;
 
     std::unordered_map<DigestKey, Location, DigestKeyHash> locations_;
+    Entries base_;  // strictly ascending digests
+    uint32_t baseSegment_ = 0;
+    Location found_{};  // what findInBase hands out
     std::unordered_set<DigestKey, DigestKeyHash> deleted_;
     std::vector<SegmentDescriptor> segments_;
     uint32_t segmentCount_ = 0;
