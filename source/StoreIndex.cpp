@@ -32,7 +32,31 @@ DigestKey digestAt(const unsigned char* in) {
 
 }  // namespace
 
-SegmentScan scanSegment(File& file, int64_t end, uint32_t number) {
+const unsigned char* SortedEntries::digestAt(uint32_t k) const {
+    return bytes.get() + segment::kUpdateEntrySize * k;
+}
+
+int64_t SortedEntries::offsetAt(uint32_t k) const { return getI64(digestAt(k) + 32); }
+
+uint32_t SortedEntries::search(const DigestKey& digest) const {
+    uint32_t low = 0;
+    uint32_t high = count;
+    while (low < high) {
+        const uint32_t middle = low + (high - low) / 2;
+        const int order = std::memcmp(digestAt(middle), digest.data(), digest.size());
+        if (order == 0) {
+            return middle;
+        }
+        if (order < 0) {
+            low = middle + 1;
+        } else {
+            high = middle;
+        }
+    }
+    return count;
+}
+
+SegmentScan scanSegment(File& file, int64_t end, uint32_t number, bool keepSorted) {
     using namespace segment;
     constexpr int64_t kSmallest = kHeaderSize + kIndexHeaderSize + kTrailerSize;
     if (end < kSmallest) {
@@ -62,7 +86,7 @@ SegmentScan scanSegment(File& file, int64_t end, uint32_t number) {
         damaged();
     }
     // Not zeroed: every byte is read over at once.
-    const std::unique_ptr<unsigned char[]> entries(new unsigned char[entryBytes + 1]);
+    std::unique_ptr<unsigned char[]> entries(new unsigned char[entryBytes + 1]);
     if (entryBytes != 0) {
         readExactly(file, index + kIndexHeaderSize, entries.get(), static_cast<size_t>(entryBytes));
     }
@@ -82,13 +106,23 @@ SegmentScan scanSegment(File& file, int64_t end, uint32_t number) {
     d.indexAgain = getI64(trailer);
 
     const unsigned char* at = entries.get();
-    scan.updates.reserve(updates);
+    bool ascending = true;
     for (uint32_t k = 0; k < updates; ++k, at += kUpdateEntrySize) {
         const int64_t record = getI64(at + 32);
         if (record < d.dataStart || record > index - kRecordLengthSize) {
             damaged();
         }
-        scan.updates.emplace_back(digestAt(at), record);
+        ascending = ascending && (k == 0 || std::memcmp(at - kUpdateEntrySize, at, 32) < 0);
+    }
+    if (keepSorted && ascending && start == 0 && deletes == 0) {
+        scan.sorted.bytes.reset(entries.release());
+        scan.sorted.count = updates;
+        return scan;
+    }
+    at = entries.get();
+    scan.updates.reserve(updates);
+    for (uint32_t k = 0; k < updates; ++k, at += kUpdateEntrySize) {
+        scan.updates.emplace_back(digestAt(at), getI64(at + 32));
     }
     scan.deletions.reserve(deletes);
     for (uint32_t k = 0; k < deletes; ++k, at += kDeletionEntrySize) {
@@ -146,8 +180,7 @@ int64_t longestWholePrefix(File& file, int64_t limit) {
 
 void StoreIndex::clear() {
     locations_.clear();
-    base_.clear();
-    base_.shrink_to_fit();
+    base_ = SortedEntries();
     baseSegment_ = 0;
     deleted_.clear();
     segments_.clear();
@@ -161,7 +194,7 @@ void StoreIndex::load(File& file, int64_t committedLength) {
         walkPosition_ = committedLength;
         uint32_t number = 0;
         while (walkPosition_ > 0) {
-            SegmentScan scan = scanSegment(file, walkPosition_, number++);
+            SegmentScan scan = scanSegment(file, walkPosition_, number++, true);
             absorb(scan);
         }
         segmentCount_ = number;
@@ -174,11 +207,9 @@ void StoreIndex::load(File& file, int64_t committedLength) {
 // Deletions before updates: a bucket both written and deleted by one commit
 // is deleted. An older deletion never hides a newer record.
 void StoreIndex::absorb(SegmentScan& scan) {
-    if (scan.descriptor.start == 0 && scan.deletions.empty() &&
-        adoptAsBase(scan.descriptor.number, scan.updates)) {
-        segments_.push_back(scan.descriptor);
-        walkPosition_ = 0;
-        return;
+    if (scan.sorted.bytes) {
+        base_ = std::move(scan.sorted);
+        baseSegment_ = scan.descriptor.number;
     }
     for (const DigestKey& digest : scan.deletions) {
         if (locations_.count(digest) == 0) {
@@ -197,7 +228,8 @@ void StoreIndex::absorb(SegmentScan& scan) {
 }
 
 void StoreIndex::resumeWalk(File& file) {
-    SegmentScan scan = scanSegment(file, walkPosition_, static_cast<uint32_t>(segments_.size()));
+    SegmentScan scan =
+        scanSegment(file, walkPosition_, static_cast<uint32_t>(segments_.size()), true);
     absorb(scan);
     if (walkPosition_ <= 0) {
         segmentCount_ = static_cast<uint32_t>(segments_.size());
@@ -220,25 +252,12 @@ const StoreIndex::Location* StoreIndex::find(File& file, const DigestKey& digest
     }
 }
 
-bool StoreIndex::adoptAsBase(uint32_t segment, Entries& entries) {
-    for (size_t k = 1; k < entries.size(); ++k) {
-        if (!(entries[k - 1].first < entries[k].first)) {
-            return false;
-        }
-    }
-    base_.swap(entries);
-    baseSegment_ = segment;
-    return true;
-}
-
 const StoreIndex::Location* StoreIndex::findInBase(const DigestKey& digest) {
-    const auto at = std::lower_bound(base_.begin(), base_.end(), digest,
-                                     [](const std::pair<DigestKey, int64_t>& entry,
-                                        const DigestKey& key) { return entry.first < key; });
-    if (at == base_.end() || at->first != digest) {
+    const uint32_t k = base_.search(digest);
+    if (k == base_.count) {
         return nullptr;
     }
-    found_ = Location{baseSegment_, static_cast<uint32_t>(at - base_.begin()), at->second};
+    found_ = Location{baseSegment_, k, base_.offsetAt(k)};
     return &found_;
 }
 
@@ -248,8 +267,8 @@ bool StoreIndex::shadowed(const DigestKey& digest) const {
 
 size_t StoreIndex::liveBuckets() const {
     size_t live = locations_.size();
-    for (const auto& entry : base_) {
-        live += shadowed(entry.first) ? 0 : 1;
+    for (uint32_t k = 0; k < base_.count; ++k) {
+        live += shadowed(digestAt(base_.digestAt(k))) ? 0 : 1;
     }
     return live;
 }
@@ -282,12 +301,14 @@ void StoreIndex::addSegment(const SegmentDescriptor& segment,
 void StoreIndex::replaceBySingleSegment(const SegmentDescriptor& segment,
                                         const std::vector<std::pair<DigestKey, int64_t>>& updates) {
     clear();
-    Entries entries(updates);
-    if (!adoptAsBase(0, entries)) {
-        uint32_t ordinal = 0;
-        for (const auto& [digest, offset] : updates) {
-            locations_[digest] = Location{0, ordinal++, offset};
-        }
+    // The entries as the new file holds them: a compaction sorts them.
+    base_.bytes.reset(new unsigned char[segment::kUpdateEntrySize * updates.size() + 1]);
+    base_.count = static_cast<uint32_t>(updates.size());
+    unsigned char* out = base_.bytes.get();
+    for (const auto& [digest, offset] : updates) {
+        std::memcpy(out, digest.data(), digest.size());
+        kel::putU64(out + 32, static_cast<uint64_t>(offset));
+        out += segment::kUpdateEntrySize;
     }
     segments_.push_back(segment);
 }

@@ -2,6 +2,7 @@
 #define ZQ_ORVANE_STOREINDEX_H
 
 #include <cstdint>
+#include <memory>
 #include <unordered_map>
 #include <unordered_set>
 #include <utility>
@@ -13,17 +14,33 @@
 namespace zq {
 namespace orvane {
 
+// The update entries of a segment as the file holds them (digest, then
+// record offset), in strictly ascending digest order.
+struct SortedEntries {
+    std::unique_ptr<unsigned char[]> bytes;
+    uint32_t count = 0;
+
+    const unsigned char* digestAt(uint32_t k) const;
+    int64_t offsetAt(uint32_t k) const;
+    // The entry of `digest`, or count.
+    uint32_t search(const DigestKey& digest) const;
+};
+
 // What one segment of "registry.bin" says, read from its trailer backwards.
 struct SegmentScan {
     SegmentDescriptor descriptor;
     std::vector<DigestKey> deletions;
     std::vector<std::pair<DigestKey, int64_t>> updates;  // digest, record offset
+    SortedEntries sorted;  // instead of updates, when asked for and possible
 };
 
 // Reads the segment that ends at `end`. Any position outside its segment, or
 // a read past the end of the file, throws DeserializationError: the file is
-// damaged, and nothing of it is trusted.
-SegmentScan scanSegment(kel::osdep::File& file, int64_t end, uint32_t number);
+// damaged, and nothing of it is trusted. With `keepSorted`, a segment at
+// offset 0 without deletions whose entries are in strictly ascending digest
+// order gives them in `sorted`, as they are, and leaves `updates` empty.
+SegmentScan scanSegment(kel::osdep::File& file, int64_t end, uint32_t number,
+                        bool keepSorted = false);
 
 // The end of the segment that starts at `start`, when it is whole: it ends
 // within `limit`, its trailer names its start and repeats its index
@@ -75,17 +92,13 @@ class StoreIndex {
     int64_t previousIndexForNextCommit() const;
 
   private:
-    using Entries = std::vector<std::pair<DigestKey, int64_t>>;
-
     void absorb(SegmentScan& scan);
     void resumeWalk(kel::osdep::File& file);
-    // Takes the entries of the segment at offset 0 when they are sorted.
-    bool adoptAsBase(uint32_t segment, Entries& entries);
     const Location* findInBase(const DigestKey& digest);
     bool shadowed(const DigestKey& digest) const;
 
     std::unordered_map<DigestKey, Location, DigestKeyHash> locations_;
-    Entries base_;  // strictly ascending digests
+    SortedEntries base_;  // of the segment at offset 0, when sorted
     uint32_t baseSegment_ = 0;
     Location found_{};  // what findInBase hands out
     std::unordered_set<DigestKey, DigestKeyHash> deleted_;
