@@ -162,8 +162,25 @@ std::unique_ptr<File> PosixFileSystem::open(const WString& path, uint32_t flags,
     return std::unique_ptr<File>(new PosixFile(fd));
 }
 
+namespace {
+
+// A lookup stats the same file every time: its converted name is kept, one
+// per thread.
+const NString& narrowForStat(const WString& path) {
+    thread_local WString lastWide;
+    thread_local NString lastNarrow;
+    if (!(path == lastWide)) {
+        NString narrow(path);
+        lastWide = path;
+        lastNarrow = std::move(narrow);
+    }
+    return lastNarrow;
+}
+
+}  // namespace
+
 FileSystem::Status PosixFileSystem::stat(const WString& path) {
-    const NString name(path);
+    const NString& name = narrowForStat(path);
     struct stat info;
     Status status;
     if (::stat(name.c_str(), &info) != 0) {
