@@ -172,7 +172,9 @@ void SingleFileBucketStore::recoverFiles() {
         fs_.removeFile(previousPath_, FileSystem::kRemoveMustExist);
         removeIfPresent(marks_.oldMarkPath());
     } else if (live) {
+        // No mark moved: the one found before still stands.
         removeIfPresent(marks_.oldMarkPath());
+        return;
     } else if (fresh && newMark) {
         rollForwardCompaction();
     } else if (previous) {
