@@ -184,7 +184,13 @@ bool StringBase<C, O, W>::operator==(const StringBase& other) const {
 template <class C, class O, class W>
 bool StringBase<C, O, W>::operator<(const StringBase& other) const {
     const size_t n = length() < other.length() ? length() : other.length();
-    for (size_t i = 0; i < n; ++i) {
+    // Full names share long prefixes: those are passed a word at a time.
+    constexpr size_t kWord = sizeof(uint64_t) / sizeof(C);
+    size_t i = 0;
+    while (i + kWord <= n && std::memcmp(start_ + i, other.start_ + i, sizeof(uint64_t)) == 0) {
+        i += kWord;
+    }
+    for (; i < n; ++i) {
         if (start_[i] != other.start_[i]) {
             // Code-unit order: narrow bytes compare unsigned, like memcmp.
             using Unit = typename std::make_unsigned<C>::type;

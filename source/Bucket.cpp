@@ -74,7 +74,14 @@ Bucket::Bucket(const WString& fullName, bool persistent) : Bucket() {
     setNames(fullName);
 }
 
-Bucket::Bucket(const Bucket& other) : Bucket() {
+// Not through Bucket(): a lookup's copy would make and drop an empty map and
+// read the clock for nothing.
+Bucket::Bucket(const Bucket& other)
+    : digest_(emptyNameDigest()),
+      parent_(emptyNameDigest()),
+      persistentFlag_(true),
+      version_(0),
+      modified_(true) {
     Lock lock(other.mutex_);
     fullName_ = other.fullName_;
     shortName_ = other.shortName_;

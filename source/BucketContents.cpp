@@ -1,5 +1,6 @@
 #include "source/BucketContents.h"
 
+#include <algorithm>
 #include <cstring>
 #include <cwctype>
 #include <iterator>
@@ -57,10 +58,21 @@ bool FoldedOrder::operator()(const FoldedName& a, const FoldedName& b) const {
     return a.length() < b.length();
 }
 
-BucketContents::BucketContents() : nextHandle_(1) {}
+BucketContents::BucketContents() : values_(std::make_shared<ValueMap>()), nextHandle_(1) {}
 
 BucketContents::BucketContents(const BucketContents& other)
-    : values_(other.values_), nextHandle_(1) {}
+    : values_(other.values_), shared_(true), nextHandle_(1) {
+    other.shared_ = true;
+}
+
+BucketContents::ValueMap& BucketContents::own() {
+    if (shared_) {
+        values_ = std::make_shared<ValueMap>(*values_);
+        shared_ = false;
+    }
+    invalidateCursors();
+    return *values_;
+}
 
 // `name` is taken by value: the copy is made before anything here changes, so
 // running out of memory loses nothing.
@@ -68,75 +80,85 @@ BucketContents::Outcome BucketContents::store(WString name, kel::AutoRef<BucketV
                                               bool replace) {
     FoldedName folded(name);
     // Records list their values in this order, so the end is the usual place.
-    if (values_.empty() || FoldedOrder()(std::prev(values_.end())->first, folded)) {
-        values_.emplace_hint(values_.end(), std::move(folded),
-                             Slot{std::move(name), std::move(value)});
-        invalidateCursors();
+    const bool last = values_->empty() || FoldedOrder()(std::prev(values_->end())->first, folded);
+    if (!last) {
+        const auto found = values_->find(folded);
+        if (found != values_->end()) {
+            const Slot& slot = found->second;
+            if (slot.value->equals(*value)) {
+                return Outcome::kUnchanged;
+            }
+            if (!replace) {
+                return Outcome::kConflict;
+            }
+        }
+    }
+    ValueMap& values = own();
+    if (last) {
+        values.emplace_hint(values.end(), std::move(folded),
+                            Slot{std::move(name), std::move(value)});
         return Outcome::kInserted;
     }
-    const auto found = values_.find(folded);
-    if (found == values_.end()) {
-        values_.emplace(std::move(folded), Slot{std::move(name), std::move(value)});
-        invalidateCursors();
+    const auto found = values.find(folded);
+    if (found == values.end()) {
+        values.emplace(std::move(folded), Slot{std::move(name), std::move(value)});
         return Outcome::kInserted;
     }
     Slot& slot = found->second;
-    if (slot.value->equals(*value)) {
-        return Outcome::kUnchanged;
-    }
-    if (!replace) {
-        return Outcome::kConflict;
-    }
     slot.name = std::move(name);  // the new spelling replaces the old one
     slot.value = std::move(value);
-    invalidateCursors();
     return Outcome::kReplaced;
 }
 
 bool BucketContents::remove(const WString& name) {
-    const auto found = values_.find(FoldedName(name));
-    if (found == values_.end()) {
+    const FoldedName folded(name);
+    if (values_->count(folded) == 0) {
         return false;
     }
-    values_.erase(found);
-    invalidateCursors();
+    own().erase(folded);
     return true;
 }
 
 bool BucketContents::removeAll() {
-    if (values_.empty()) {
+    if (values_->empty()) {
         return false;
     }
-    values_.clear();
+    values_ = std::make_shared<ValueMap>();
+    shared_ = false;
     invalidateCursors();
     return true;
 }
 
 bool BucketContents::removeAllButChildren() {
-    bool removed = false;
-    for (auto at = values_.begin(); at != values_.end();) {
-        if (at->second.value->getType() == kDIGEST) {
-            ++at;
-        } else {
-            at = values_.erase(at);
-            removed = true;
+    const auto isChild = [](const ValueMap::value_type& entry) {
+        return entry.second.value->getType() == kDIGEST;
+    };
+    if (std::all_of(values_->begin(), values_->end(), isChild)) {
+        return false;
+    }
+    // Only the links are copied: the data values would go at once.
+    auto children = std::make_shared<ValueMap>();
+    for (const auto& entry : *values_) {
+        if (isChild(entry)) {
+            children->emplace_hint(children->end(), entry);
         }
     }
-    if (removed) {
-        invalidateCursors();
-    }
-    return removed;
+    values_ = std::move(children);
+    shared_ = false;
+    invalidateCursors();
+    return true;
 }
 
 void BucketContents::swapValues(BucketContents& other) {
     values_.swap(other.values_);
+    std::swap(shared_, other.shared_);
     invalidateCursors();
     other.invalidateCursors();
 }
 
 BucketValue* BucketContents::find(const WString& name) const {
-    const auto found = values_.find(FoldedName(name));
-    return found == values_.end() ? nullptr : found->second.value.get();
+    const auto found = values_->find(FoldedName(name));
+    return found == values_->end() ? nullptr : found->second.value.get();
 }
 
 // Handles are never 0 and never one that is open: the counter may wrap.
@@ -145,14 +167,14 @@ uint32_t BucketContents::openCursor() {
     do {
         handle = static_cast<uint32_t>(nextHandle_.increment() - 1);
     } while (handle == 0 || cursors_.count(handle) != 0);
-    cursors_.emplace(handle, Cursor{values_.end(), false});
+    cursors_.emplace(handle, Cursor{values_->end(), false});
     return handle;
 }
 
 bool BucketContents::closeCursor(uint32_t handle) { return cursors_.erase(handle) != 0; }
 
 BucketContents::Entry BucketContents::skipToChild(Entry at) const {
-    while (at != values_.end() && at->second.value->getType() != kDIGEST) {
+    while (at != values_->end() && at->second.value->getType() != kDIGEST) {
         ++at;
     }
     return at;
@@ -162,12 +184,12 @@ BucketContents::Step BucketContents::first(uint32_t handle, bool childrenOnly, E
     if (handle == 0) {
         return Step::kEnd;
     }
-    Entry at = values_.begin();
+    Entry at = values_->begin();
     if (childrenOnly) {
         at = skipToChild(at);
     }
     cursors_[handle] = Cursor{at, false};
-    if (at == values_.end()) {
+    if (at == values_->end()) {
         return Step::kEnd;
     }
     entry = at;
@@ -186,10 +208,10 @@ BucketContents::Step BucketContents::next(uint32_t handle, bool childrenOnly, En
     if (cursor.invalidated) {
         // Its entry may be gone: the cursor is never read again, only moved
         // to the end.
-        cursor = Cursor{values_.end(), false};
+        cursor = Cursor{values_->end(), false};
         return Step::kInvalidated;
     }
-    if (cursor.at == values_.end()) {
+    if (cursor.at == values_->end()) {
         return Step::kEnd;
     }
     Entry at = std::next(cursor.at);
@@ -197,7 +219,7 @@ BucketContents::Step BucketContents::next(uint32_t handle, bool childrenOnly, En
         at = skipToChild(at);
     }
     cursor.at = at;
-    if (at == values_.end()) {
+    if (at == values_->end()) {
         return Step::kEnd;
     }
     entry = at;

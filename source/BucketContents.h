@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <memory>
 
 #include "source/OrvaneAtomicInt.h"
 #include "zq/kel/AutoRef.h"
@@ -46,9 +47,13 @@ struct FoldedOrder {
 // every cursor here, so no caller can forget to.
 //
 // Values in the map are never handed out and never changed once stored (the
-// bucket gives out copies), which lets copies of a bucket share them.
+// bucket gives out copies), which lets copies of a bucket share them. A copy
+// shares the whole map too, until either side changes it: a map once shared
+// is never written again, each side takes a private one first, so no use
+// count is ever consulted across threads.
 //
-// Not thread-safe: the owning bucket's mutex guards it.
+// Not thread-safe: the owning bucket's mutex guards it (a copy is made with
+// the source's mutex held).
 class BucketContents {
   public:
     struct Slot {
@@ -62,7 +67,7 @@ class BucketContents {
     enum class Step { kFound, kEnd, kUnknownHandle, kInvalidated };
 
     BucketContents();
-    // The same values (shared), no cursors.
+    // The same values (shared until either side changes), no cursors.
     BucketContents(const BucketContents& other);
     BucketContents& operator=(const BucketContents&) = delete;
 
@@ -75,8 +80,8 @@ class BucketContents {
     void swapValues(BucketContents& other);
 
     BucketValue* find(const kel::WString& name) const;
-    const ValueMap& values() const { return values_; }
-    uint32_t size() const { return static_cast<uint32_t>(values_.size()); }
+    const ValueMap& values() const { return *values_; }
+    uint32_t size() const { return static_cast<uint32_t>(values_->size()); }
 
     uint32_t openCursor();
     bool closeCursor(uint32_t handle);
@@ -93,8 +98,11 @@ class BucketContents {
     };
 
     Entry skipToChild(Entry at) const;
+    // The map, private to this object, for a change that is certain.
+    ValueMap& own();
 
-    ValueMap values_;
+    std::shared_ptr<ValueMap> values_;
+    mutable bool shared_ = false;  // values_ may be another object's too
     OrvaneAtomicInt nextHandle_;
     std::map<uint32_t, Cursor> cursors_;
 };

@@ -127,7 +127,7 @@ CommitMarks::Mark CommitMarks::findNewest() {
     if (newest.generation < 1) {
         return Mark();
     }
-    removeAllBut(newest.generation);
+    removeListedBut(marks, newest.generation);
     try {
         newest.committedLength = readLength(pathOf(newest.generation));
     } catch (const kel::exception::UnableToConvert&) {
@@ -157,8 +157,11 @@ CommitMarks::Mark CommitMarks::peekNewest() {
     }
 }
 
-void CommitMarks::removeAllBut(int64_t keep) {
-    for (const auto& [generation, path] : list()) {
+void CommitMarks::removeAllBut(int64_t keep) { removeListedBut(list(), keep); }
+
+void CommitMarks::removeListedBut(const std::vector<std::pair<int64_t, WString>>& marks,
+                                  int64_t keep) {
+    for (const auto& [generation, path] : marks) {
         if (generation != keep) {
             fs_.removeFile(path, FileSystem::kRemoveIfPresent);
         }

@@ -63,6 +63,7 @@ class CommitMarks {
   private:
     // Generations of the marks present, with their paths.
     std::vector<std::pair<int64_t, kel::WString>> list(bool skipStrangers = false);
+    void removeListedBut(const std::vector<std::pair<int64_t, kel::WString>>& marks, int64_t keep);
     int64_t readLength(const kel::WString& path);
 
     kel::osdep::FileSystem& fs_;

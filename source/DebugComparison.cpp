@@ -45,7 +45,7 @@ bool readWhole(FileSystem& fs, const WString& path, std::string& out) {
         return false;
     }
     std::unique_ptr<kel::osdep::File> file = fs.open(path, FileSystem::kRead);
-    out.resize(static_cast<size_t>(file->size()));
+    out.resize(segment::lengthInMemory(file->size()));
     if (!out.empty()) {
         file->readFully(0, &out[0], out.size());
     }

@@ -20,6 +20,16 @@ SegmentBuilder::SegmentBuilder(int64_t start, int64_t previousIndex)
       recordsEnd_(segment::kHeaderSize),
       bytes_(segment::kHeaderSize, 0) {}
 
+void SegmentBuilder::reserve(size_t records, size_t recordBytes, size_t deletions) {
+    using namespace segment;
+    bytes_.reserve(bytes_.size() + recordBytes +
+                   static_cast<size_t>(kRecordLengthSize + kUpdateEntrySize) * records +
+                   static_cast<size_t>(kDeletionEntrySize) * deletions + kIndexHeaderSize +
+                   kTrailerSize);
+    updates_.reserve(records);
+    deletions_.reserve(deletions);
+}
+
 int64_t SegmentBuilder::addRecord(const DigestKey& digest, uint32_t length, unsigned char*& bytes) {
     const size_t at = bytes_.size();
     bytes_.resize(at + segment::kRecordLengthSize + length, 0);

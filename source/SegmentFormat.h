@@ -84,6 +84,8 @@ class SegmentBuilder {
   public:
     SegmentBuilder(int64_t start, int64_t previousIndex);
 
+    // Room for what is to come, so that the bytes are allocated once.
+    void reserve(size_t records, size_t recordBytes, size_t deletions);
     // Room for a record of `length` bytes; the caller fills it, e.g. by
     // serialising a bucket into it. Returns the record's absolute offset.
     int64_t addRecord(const DigestKey& digest, uint32_t length, unsigned char*& bytes);

@@ -172,7 +172,9 @@ void SingleFileBucketStore::recoverFiles() {
         fs_.removeFile(previousPath_, FileSystem::kRemoveMustExist);
         removeIfPresent(marks_.oldMarkPath());
     } else if (live) {
+        // No mark moved: the one found before still stands.
         removeIfPresent(marks_.oldMarkPath());
+        return;
     } else if (fresh && newMark) {
         rollForwardCompaction();
     } else if (previous) {
@@ -413,7 +415,14 @@ std::vector<unsigned char> SingleFileBucketStore::buildSegment(
             deletions.push_back(key);
         }
     }
-    SegmentBuilder builder(committedLength_, index_.previousIndexForNextCommit());
+    struct Record {
+        DigestKey key;
+        const IBucket* bucket;
+        uint32_t length;
+    };
+    std::vector<Record> records;
+    records.reserve(updated.size());
+    size_t recordBytes = 0;
     for (const auto& [name, bucket] : updated) {
         if (!bucket) {
             ZQ_THROW(InvalidArgument);
@@ -423,11 +432,17 @@ std::vector<unsigned char> SingleFileBucketStore::buildSegment(
         if (deletedKeys.count(key) != 0 || !bucket->isPersistent()) {
             continue;
         }
-        const uint32_t length = bucket->serializationSize();
+        records.push_back(Record{key, bucket.get(), bucket->serializationSize()});
+        recordBytes += records.back().length;
+    }
+    // Sized once: the segment never moves while it is laid out.
+    SegmentBuilder builder(committedLength_, index_.previousIndexForNextCommit());
+    builder.reserve(records.size(), recordBytes, deletions.size());
+    for (const Record& record : records) {
         unsigned char* bytes = nullptr;
-        const int64_t offset = builder.addRecord(key, length, bytes);
-        bucket->serialize(bytes, bytes + length);
-        updates.emplace_back(key, offset);
+        const int64_t offset = builder.addRecord(record.key, record.length, bytes);
+        record.bucket->serialize(bytes, bytes + record.length);
+        updates.emplace_back(record.key, offset);
     }
     for (const DigestKey& key : deletions) {
         builder.addDeletion(key);
@@ -555,7 +570,12 @@ bool SingleFileBucketStore::compactLocked() {
         end = scan.descriptor.start;
     }
 
+    size_t liveBytes = 0;
+    for (const LiveRecord& record : live) {
+        liveBytes += static_cast<size_t>(record.length);
+    }
     SegmentBuilder builder(0, 0);
+    builder.reserve(live.size(), liveBytes, 0);
     std::vector<std::pair<DigestKey, int64_t>> entries;
     entries.reserve(live.size());
     for (const LiveRecord& record : live) {

@@ -1,6 +1,7 @@
 #include "source/StoreIndex.h"
 
 #include <algorithm>
+#include <memory>
 
 #include "kel/Endian.h"
 #include "kel/Throw.h"
@@ -31,7 +32,31 @@ DigestKey digestAt(const unsigned char* in) {
 
 }  // namespace
 
-SegmentScan scanSegment(File& file, int64_t end, uint32_t number) {
+const unsigned char* SortedEntries::digestAt(uint32_t k) const {
+    return bytes.get() + segment::kUpdateEntrySize * k;
+}
+
+int64_t SortedEntries::offsetAt(uint32_t k) const { return getI64(digestAt(k) + 32); }
+
+uint32_t SortedEntries::search(const DigestKey& digest) const {
+    uint32_t low = 0;
+    uint32_t high = count;
+    while (low < high) {
+        const uint32_t middle = low + (high - low) / 2;
+        const int order = std::memcmp(digestAt(middle), digest.data(), digest.size());
+        if (order == 0) {
+            return middle;
+        }
+        if (order < 0) {
+            low = middle + 1;
+        } else {
+            high = middle;
+        }
+    }
+    return count;
+}
+
+SegmentScan scanSegment(File& file, int64_t end, uint32_t number, bool keepSorted) {
     using namespace segment;
     constexpr int64_t kSmallest = kHeaderSize + kIndexHeaderSize + kTrailerSize;
     if (end < kSmallest) {
@@ -60,9 +85,10 @@ SegmentScan scanSegment(File& file, int64_t end, uint32_t number) {
     if (previous < 0 || previous > start || index + kIndexHeaderSize + entryBytes > x) {
         damaged();
     }
-    std::vector<unsigned char> entries(lengthInMemory(entryBytes));
+    // Not zeroed: every byte is read over at once.
+    std::unique_ptr<unsigned char[]> entries(new unsigned char[lengthInMemory(entryBytes) + 1]);
     if (entryBytes != 0) {
-        readExactly(file, index + kIndexHeaderSize, entries.data(), entries.size());
+        readExactly(file, index + kIndexHeaderSize, entries.get(), static_cast<size_t>(entryBytes));
     }
 
     SegmentScan scan;
@@ -79,14 +105,24 @@ SegmentScan scanSegment(File& file, int64_t end, uint32_t number) {
     d.deletes = deletes;
     d.indexAgain = getI64(trailer);
 
-    const unsigned char* at = entries.data();
-    scan.updates.reserve(updates);
+    const unsigned char* at = entries.get();
+    bool ascending = true;
     for (uint32_t k = 0; k < updates; ++k, at += kUpdateEntrySize) {
         const int64_t record = getI64(at + 32);
         if (record < d.dataStart || record > index - kRecordLengthSize) {
             damaged();
         }
-        scan.updates.emplace_back(digestAt(at), record);
+        ascending = ascending && (k == 0 || std::memcmp(at - kUpdateEntrySize, at, 32) < 0);
+    }
+    if (keepSorted && ascending && start == 0 && deletes == 0) {
+        scan.sorted.bytes.reset(entries.release());
+        scan.sorted.count = updates;
+        return scan;
+    }
+    at = entries.get();
+    scan.updates.reserve(updates);
+    for (uint32_t k = 0; k < updates; ++k, at += kUpdateEntrySize) {
+        scan.updates.emplace_back(digestAt(at), getI64(at + 32));
     }
     scan.deletions.reserve(deletes);
     for (uint32_t k = 0; k < deletes; ++k, at += kDeletionEntrySize) {
@@ -144,6 +180,8 @@ int64_t longestWholePrefix(File& file, int64_t limit) {
 
 void StoreIndex::clear() {
     locations_.clear();
+    base_ = SortedEntries();
+    baseSegment_ = 0;
     deleted_.clear();
     segments_.clear();
     segmentCount_ = 0;
@@ -156,7 +194,7 @@ void StoreIndex::load(File& file, int64_t committedLength) {
         walkPosition_ = committedLength;
         uint32_t number = 0;
         while (walkPosition_ > 0) {
-            const SegmentScan scan = scanSegment(file, walkPosition_, number++);
+            SegmentScan scan = scanSegment(file, walkPosition_, number++, true);
             absorb(scan);
         }
         segmentCount_ = number;
@@ -168,7 +206,11 @@ void StoreIndex::load(File& file, int64_t committedLength) {
 
 // Deletions before updates: a bucket both written and deleted by one commit
 // is deleted. An older deletion never hides a newer record.
-void StoreIndex::absorb(const SegmentScan& scan) {
+void StoreIndex::absorb(SegmentScan& scan) {
+    if (scan.sorted.bytes) {
+        base_ = std::move(scan.sorted);
+        baseSegment_ = scan.descriptor.number;
+    }
     for (const DigestKey& digest : scan.deletions) {
         if (locations_.count(digest) == 0) {
             deleted_.insert(digest);
@@ -186,8 +228,8 @@ void StoreIndex::absorb(const SegmentScan& scan) {
 }
 
 void StoreIndex::resumeWalk(File& file) {
-    const SegmentScan scan =
-        scanSegment(file, walkPosition_, static_cast<uint32_t>(segments_.size()));
+    SegmentScan scan =
+        scanSegment(file, walkPosition_, static_cast<uint32_t>(segments_.size()), true);
     absorb(scan);
     if (walkPosition_ <= 0) {
         segmentCount_ = static_cast<uint32_t>(segments_.size());
@@ -204,10 +246,31 @@ const StoreIndex::Location* StoreIndex::find(File& file, const DigestKey& digest
             return &found->second;
         }
         if (walkPosition_ <= 0) {
-            return nullptr;
+            return findInBase(digest);
         }
         resumeWalk(file);
     }
+}
+
+const StoreIndex::Location* StoreIndex::findInBase(const DigestKey& digest) {
+    const uint32_t k = base_.search(digest);
+    if (k == base_.count) {
+        return nullptr;
+    }
+    found_ = Location{baseSegment_, k, base_.offsetAt(k)};
+    return &found_;
+}
+
+bool StoreIndex::shadowed(const DigestKey& digest) const {
+    return locations_.count(digest) != 0 || deleted_.count(digest) != 0;
+}
+
+size_t StoreIndex::liveBuckets() const {
+    size_t live = locations_.size();
+    for (uint32_t k = 0; k < base_.count; ++k) {
+        live += shadowed(digestAt(base_.digestAt(k))) ? 0 : 1;
+    }
+    return live;
 }
 
 int64_t StoreIndex::previousIndexForNextCommit() const {
@@ -276,9 +339,14 @@ void StoreIndex::apply(Staged& staged) noexcept {
 void StoreIndex::replaceBySingleSegment(const SegmentDescriptor& segment,
                                         const std::vector<std::pair<DigestKey, int64_t>>& updates) {
     clear();
-    uint32_t ordinal = 0;
+    // The entries as the new file holds them: a compaction sorts them.
+    base_.bytes.reset(new unsigned char[segment::kUpdateEntrySize * updates.size() + 1]);
+    base_.count = static_cast<uint32_t>(updates.size());
+    unsigned char* out = base_.bytes.get();
     for (const auto& [digest, offset] : updates) {
-        locations_[digest] = Location{0, ordinal++, offset};
+        std::memcpy(out, digest.data(), digest.size());
+        kel::putU64(out + 32, static_cast<uint64_t>(offset));
+        out += segment::kUpdateEntrySize;
     }
     segments_.push_back(segment);
 }

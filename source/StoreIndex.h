@@ -2,6 +2,7 @@
 #define ZQ_ORVANE_STOREINDEX_H
 
 #include <cstdint>
+#include <memory>
 #include <unordered_map>
 #include <unordered_set>
 #include <utility>
@@ -13,17 +14,33 @@
 namespace zq {
 namespace orvane {
 
+// The update entries of a segment as the file holds them (digest, then
+// record offset), in strictly ascending digest order.
+struct SortedEntries {
+    std::unique_ptr<unsigned char[]> bytes;
+    uint32_t count = 0;
+
+    const unsigned char* digestAt(uint32_t k) const;
+    int64_t offsetAt(uint32_t k) const;
+    // The entry of `digest`, or count.
+    uint32_t search(const DigestKey& digest) const;
+};
+
 // What one segment of "registry.bin" says, read from its trailer backwards.
 struct SegmentScan {
     SegmentDescriptor descriptor;
     std::vector<DigestKey> deletions;
     std::vector<std::pair<DigestKey, int64_t>> updates;  // digest, record offset
+    SortedEntries sorted;  // instead of updates, when asked for and possible
 };
 
 // Reads the segment that ends at `end`. Any position outside its segment, or
 // a read past the end of the file, throws DeserializationError: the file is
-// damaged, and nothing of it is trusted.
-SegmentScan scanSegment(kel::osdep::File& file, int64_t end, uint32_t number);
+// damaged, and nothing of it is trusted. With `keepSorted`, a segment at
+// offset 0 without deletions whose entries are in strictly ascending digest
+// order gives them in `sorted`, as they are, and leaves `updates` empty.
+SegmentScan scanSegment(kel::osdep::File& file, int64_t end, uint32_t number,
+                        bool keepSorted = false);
 
 // The end of the segment that starts at `start`, when it is whole: it ends
 // within `limit`, its trailer names its start and repeats its index
@@ -38,6 +55,11 @@ int64_t longestWholePrefix(kel::osdep::File& file, int64_t limit);
 // a newer segment deleted, and the segments themselves. Built by walking the
 // file from its committed end back to offset 0, so the first event met for a
 // digest is its newest and wins.
+//
+// The segment at offset 0 is kept as its entries when they are in strictly
+// ascending digest order, as a compaction writes them: a lookup searches them
+// after the map of newer segments, so an open builds no map of the whole
+// store. Other orders go into the map like every newer segment.
 //
 // Not synchronised: the store's lock guards it.
 class StoreIndex {
@@ -75,22 +97,20 @@ class StoreIndex {
 
     uint32_t segmentCount() const { return segmentCount_; }
     const std::vector<SegmentDescriptor>& segments() const { return segments_; }
-    size_t liveBuckets() const { return locations_.size(); }
+    size_t liveBuckets() const;
     // The index position of the segment a new commit links back to, or 0.
     int64_t previousIndexForNextCommit() const;
 
-    template <class Visit>
-    void forEachLocation(Visit&& visit) const {
-        for (const auto& entry : locations_) {
-            visit(entry.first, entry.second);
-        }
-    }
-
   private:
-    void absorb(const SegmentScan& scan);
+    void absorb(SegmentScan& scan);
     void resumeWalk(kel::osdep::File& file);
+    const Location* findInBase(const DigestKey& digest);
+    bool shadowed(const DigestKey& digest) const;
 
     std::unordered_map<DigestKey, Location, DigestKeyHash> locations_;
+    SortedEntries base_;  // of the segment at offset 0, when sorted
+    uint32_t baseSegment_ = 0;
+    Location found_{};  // what findInBase hands out
     std::unordered_set<DigestKey, DigestKeyHash> deleted_;
     std::vector<SegmentDescriptor> segments_;
     uint32_t segmentCount_ = 0;

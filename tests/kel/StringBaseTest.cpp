@@ -255,6 +255,11 @@ TEST(StringBaseTest, OrderIsPlainCodeUnitOrder) {
     // Narrow bytes above 0x7F sort after ASCII, as unsigned units.
     const char high[] = {static_cast<char>(0xC3), static_cast<char>(0xA9), 0};
     EXPECT_LT(NString("z"), NString(high));
+    // Past a long common prefix, in the middle of a word and at its edge.
+    EXPECT_LT(WString(L"/settings/g12/s1234"), WString(L"/settings/g12/s1235"));
+    EXPECT_LT(WString(L"/settings/g1"), WString(L"/settings/g12/s1"));
+    EXPECT_FALSE(WString(L"/settings/g13") < WString(L"/settings/g12/s1"));
+    EXPECT_LT(NString("/settings/g12/s"), NString((std::string("/settings/g12/") + high).c_str()));
 }
 
 TEST(StringBaseTest, TextToIntegerInBasesTenAndEight) {

@@ -479,6 +479,74 @@ TEST(BucketTest, ConcurrentUseOfOneBucket) {
     EXPECT_EQ(bucket->getNumKeys(), 800u);
 }
 
+// Copies share their values until one side changes: a change on either side
+// is never seen by the other, and leaves the other's cursors alone.
+TEST(BucketTest, CopiesChangeIndependently) {
+    AutoRef<Bucket> original = makeBucket(L"/x");
+    StatusChain status = okStatus();
+    original->setInt32Value(WString(L"a"), 1, status, false);
+    original->setInt32Value(WString(L"b"), 2, status, false);
+    EXPECT_TRUE(original->addChild(WString(L"c"), status, false));
+    const uint32_t handle = original->openEnumeration();
+    WString name;
+    AutoRef<IBucketValue> value;
+    ASSERT_TRUE(original->getFirstValue(handle, name, value));
+
+    AutoRef<Bucket> copy(new Bucket(*original));
+    copy->setInt32Value(WString(L"a"), 10, status, true);
+    copy->removeValue(WString(L"b"));
+    EXPECT_TRUE(original->getNextValue(handle, name, value, status));
+    EXPECT_EQ(narrow(name), "a");
+    EXPECT_TRUE(status.isNotFatal());
+    EXPECT_EQ(entries(*original).size(), 3u);
+    EXPECT_EQ(original->getValue(WString(L"a"), status)->getInt32(status), 1);
+    EXPECT_EQ(entries(*copy).size(), 2u);
+
+    AutoRef<Bucket> second(new Bucket(*original));
+    AutoRef<Bucket> third(new Bucket(*original));
+    second->removeDataValues();
+    third->removeAllValues();
+    original->setInt32Value(WString(L"b"), 20, status, true);
+    EXPECT_EQ(entries(*second).size(), 1u);
+    EXPECT_EQ(entries(*third).size(), 0u);
+    EXPECT_EQ(second->getNumKeys(), 1u);
+    EXPECT_EQ(copy->getValue(WString(L"a"), status)->getInt32(status), 10);
+    EXPECT_FALSE(copy->hasValue(WString(L"b")));
+    EXPECT_EQ(original->getValue(WString(L"b"), status)->getInt32(status), 20);
+    EXPECT_TRUE(status.isNotFatal());
+}
+
+// Copies of one bucket changed on several threads at once, while the source
+// is copied again: the sanitizer build sees no shared write.
+TEST(BucketTest, ConcurrentChangesOfCopies) {
+    AutoRef<Bucket> source = makeBucket(L"/shared");
+    StatusChain status = okStatus();
+    for (int i = 0; i < 20; ++i) {
+        WString name(L"v");
+        name += WString::fromInt(i);
+        source->setInt32Value(name, i, status, false);
+    }
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&source, t] {
+            StatusChain local = okStatus();
+            for (int i = 0; i < 100; ++i) {
+                AutoRef<Bucket> copy(new Bucket(*source));
+                AutoRef<Bucket> again(new Bucket(*copy));
+                copy->setInt32Value(WString(L"v1"), t * 1000 + i, local, true);
+                again->removeValue(WString(L"v2"));
+                EXPECT_EQ(again->getValue(WString(L"v1"), local)->getInt32(local), 1);
+                EXPECT_EQ(copy->getNumKeys(), 20u);
+            }
+            EXPECT_TRUE(local.isNotFatal());
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(source->getNumKeys(), 20u);
+}
+
 }  // namespace
 }  // namespace orvane
 }  // namespace zq

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <memory>
+#include <set>
 #include <string>
 
 #include "kel/osdep/FileSystem.h"
@@ -70,6 +71,48 @@ TEST_F(StoreBehaviourTest, NamesAreCaseInsensitiveAndTheStoredSpellingComesBack)
     ASSERT_TRUE(bucket);
     EXPECT_EQ(bucket->getFullName(), WString(L"/Net/Eth0"));
     EXPECT_TRUE(store_->containsBucket(bucket, status_));
+}
+
+// A first segment in name order is indexed as it is; a compacted one, in
+// digest order, is searched in place. Either way newer segments' updates and
+// deletions win: after a commit, an open and a refresh.
+TEST_F(StoreBehaviourTest, LookupsAgreeWhateverTheOrderOfTheFirstSegment) {
+    State state;
+    State first;
+    std::set<std::wstring> names{L"/missing", L"/c"};
+    for (int i = 0; i < 40; ++i) {
+        const std::wstring name = L"/b" + std::to_wstring(i);
+        first[name] = i;
+        names.insert(name);
+    }
+    const auto check = [&](const char* when) {
+        SCOPED_TRACE(when);
+        EXPECT_EQ(readState(*store_, names), state);
+        EXPECT_EQ(store_->facts().liveBuckets, state.size());
+    };
+    const auto reopen = [&] {
+        store_->close(status_);
+        store_->open(0, status_);
+        ASSERT_EQ(store_->facts().segments, 1u);
+    };
+    commitChanges(*store_, first, &state, status_);
+    reopen();
+    check("one segment in name order");
+    commitChanges(*store_, {{L"/b1", 100}, {L"/b2", -2}, {L"/b3", -2}}, &state, status_);
+    check("a newer segment on top");
+    reopen();
+    check("compacted");
+    commitChanges(*store_, {{L"/b4", 104}, {L"/b5", -2}, {L"/c", 7}}, &state, status_);
+    check("newer segments on a compacted one");
+
+    reopen();
+    SingleFileBucketStore other(dir_, nullptr, fs_);
+    other.open(0, status_);
+    commitChanges(other, {{L"/b3", 3}, {L"/b6", -2}}, &state, status_);
+    commitChanges(other, {{L"/b4", -2}, {L"/b7", 107}}, &state, status_);
+    EXPECT_TRUE(store_->refresh(status_));
+    check("another store's segments on a compacted one");
+    EXPECT_EQ(status_.getCode(), 0);
 }
 
 TEST_F(StoreBehaviourTest, OperationsOnAClosedStoreReportIt) {
