@@ -24,7 +24,7 @@ void addCompactCommand(CLI::App& app, const Globals& globals) {
         const WString wideDirectory(directory.c_str());
         ProcessLock lock;
         // Running managers look at the files again only when this moves.
-        zq::kel::osdep::SharedCounter changes(WString(kProcessLockName));
+        zq::kel::osdep::SharedCounter changes{WString(kProcessLockName)};
         zq::kel::osdep::SharedCounter::Change change(changes);
         const StoreImage before = readStore(directory);
         if (!before.problems.empty()) {
