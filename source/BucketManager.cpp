@@ -84,8 +84,7 @@ BucketManager::BucketManager(const WString& dataDirectory, const WString& option
 void BucketManager::construct(const WString& optionsFile, StatusChain& status) {
     processLock_ = std::make_unique<kel::osdep::Mutex>(WString(kProcessLockName));
     try {
-        ProcessLockHold hold(*processLock_);
-        changeCounter();
+        changeCounter();  // no other thread sees the manager yet
     } catch (...) {
         // Lookups look at the files every time; a change maps it first.
     }
@@ -315,9 +314,8 @@ bool BucketManager::commit(const Guid& id, StatusChain& status) {
     });
 }
 
-// With the process lock held. Another process's lookup that finds the count
-// it last looked at would miss the change: a change without the counter
-// fails.
+// With the process lock held, or before the manager is shared. Another process's lookup that finds
+// the count it last looked at would miss the change: a change without the counter fails.
 kel::osdep::SharedCounter& BucketManager::changeCounter() {
     kel::osdep::SharedCounter* counter = changes_.load(std::memory_order_acquire);
     if (counter == nullptr) {

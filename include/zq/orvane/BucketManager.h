@@ -147,8 +147,8 @@ class ZQ_EXPORT BucketManager
     kel::AutoRef<BucketCache> readCache_;
     kel::AutoRef<BucketUpdateCache> updateCache_;
     std::unique_ptr<kel::osdep::Mutex> processLock_;
-    // Moves with every change of the files by any process; set only under the
-    // process lock, null while it could not be mapped.
+    // Moves with every change of the files by any process; set once, under
+    // the process lock after construction, null while it could not be mapped.
     std::atomic<kel::osdep::SharedCounter*> changes_{nullptr};
     std::atomic<uint32_t> validated_{1};  // the even count last looked at; odd: none
     kel::Guid transactionId_;
