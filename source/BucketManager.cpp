@@ -9,6 +9,7 @@
 #include "kel/osdep/FileSystem.h"
 #include "kel/osdep/Mutex.h"
 #include "kel/osdep/Path.h"
+#include "kel/osdep/SharedCounter.h"
 #include "kel/osdep/SharedLibrary.h"
 #include "source/BucketCache.h"
 #include "source/BucketName.h"
@@ -82,6 +83,11 @@ BucketManager::BucketManager(const WString& dataDirectory, const WString& option
 
 void BucketManager::construct(const WString& optionsFile, StatusChain& status) {
     processLock_ = std::make_unique<kel::osdep::Mutex>(WString(kProcessLockName));
+    try {
+        changeCounter();  // no other thread sees the manager yet
+    } catch (...) {
+        // Lookups look at the files every time; a change maps it first.
+    }
     std::srand(static_cast<unsigned>(std::time(nullptr)));
     options_ = loadManagerOptions(optionsFile, status);
     if (status.isFatal()) {
@@ -145,9 +151,12 @@ void BucketManager::openStore(StatusChain& status) {
         return;
     }
     ProcessLockHold hold(*processLock_);
-    removeTemporaryFiles(kel::osdep::FileSystem::processDefault(), dataDirectory_);
-    store_ = std::make_unique<SingleFileBucketStore>(dataDirectory_, options_.get());
-    store_->open(storeOpenWord_, status);
+    {
+        kel::osdep::SharedCounter::Change change(changeCounter());
+        removeTemporaryFiles(kel::osdep::FileSystem::processDefault(), dataDirectory_);
+        store_ = std::make_unique<SingleFileBucketStore>(dataDirectory_, options_.get());
+        store_->open(storeOpenWord_, status);
+    }
     if (status.isFatal()) {
         return;
     }
@@ -179,6 +188,7 @@ BucketManager::~BucketManager() {
         transactionId_ = Guid();
         processLock_->unlock();
     }
+    delete changes_.load();
 }
 
 // ---------------------------------------------------------------- transactions
@@ -304,17 +314,53 @@ bool BucketManager::commit(const Guid& id, StatusChain& status) {
     });
 }
 
+// With the process lock held, or before the manager is shared. Another process's lookup that finds
+// the count it last looked at would miss the change: a change without the counter fails.
+kel::osdep::SharedCounter& BucketManager::changeCounter() {
+    kel::osdep::SharedCounter* counter = changes_.load(std::memory_order_acquire);
+    if (counter == nullptr) {
+        counter = new kel::osdep::SharedCounter(WString(kProcessLockName));
+        changes_.store(counter, std::memory_order_release);
+    }
+    return *counter;
+}
+
 void BucketManager::commitPending(StatusChain& status) {
-    updateCache_->writeBack(*readCache_, *store_, status);
+    guarded(status, kManagerCodes, [&] {
+        kel::osdep::SharedCounter::Change change(changeCounter());
+        updateCache_->writeBack(*readCache_, *store_, status);
+    });
 }
 
 // When another process committed or compacted since this one last looked,
-// every cached bucket may be stale.
+// every cached bucket may be stale. Every change of the files makes the
+// shared count odd before it starts and even once it is durable. The count is
+// read before the files are looked at, so a commit completed before this
+// lookup began either preceded that read, and the look sees it, or moved the
+// count past it. Hence an even count equal to the one read before a complete
+// look means the files are as that look found them. A writer that died keeps
+// the count odd: every lookup looks until the next change completes. (A
+// 32-bit count wraps only after 2^31 changes between two lookups.)
 void BucketManager::dropStaleCaches(bool thorough) {
+    using kel::osdep::SharedCounter;
+    if (!store_) {
+        return;
+    }
+    const SharedCounter* counter = changes_.load(std::memory_order_acquire);
+    const uint32_t seen = counter != nullptr ? counter->load() : 1;
+    if (!thorough && SharedCounter::isSettled(seen) &&
+        seen == validated_.load(std::memory_order_acquire)) {
+        return;
+    }
     StatusChain local;
     local.clear();
-    if (store_ && store_->refresh(local, thorough)) {
+    if (store_->refresh(local, thorough)) {
         readCache_->clear();
+    }
+    // Stored after the cache is cleared: a thread that skips on it finds
+    // the cache as fresh as this look left it.
+    if (SharedCounter::isSettled(seen) && local.isNotFatal()) {
+        validated_.store(seen, std::memory_order_release);
     }
 }
 
@@ -352,6 +398,7 @@ void BucketManager::purgeStore() {
         return;
     }
     ProcessLockHold hold(*processLock_);
+    kel::osdep::SharedCounter::Change change(changeCounter());
     store_->close(local);
     kel::osdep::FileSystem& fs = kel::osdep::FileSystem::processDefault();
     const WString reference =

@@ -7,6 +7,7 @@
 #include "Text.h"
 #include "Tool.h"
 #include "kel/osdep/FileSystem.h"
+#include "kel/osdep/SharedCounter.h"
 #include "source/Options.h"
 #include "source/SingleFileBucketStore.h"
 #include "source/TouchFile.h"
@@ -22,6 +23,9 @@ void addCompactCommand(CLI::App& app, const Globals& globals) {
         const std::string directory = dataDirectory(globals);
         const WString wideDirectory(directory.c_str());
         ProcessLock lock;
+        // Running managers look at the files again only when this moves.
+        zq::kel::osdep::SharedCounter changes{WString(kProcessLockName)};
+        zq::kel::osdep::SharedCounter::Change change(changes);
         const StoreImage before = readStore(directory);
         if (!before.problems.empty()) {
             throw ToolError(kExitStore, "the registry in " + directory +

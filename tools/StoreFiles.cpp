@@ -25,9 +25,10 @@ std::string defaultDataDirectory() {
     return zq::kel::NString(zq::orvane::Options::defaultRegistryDirectory()).c_str();
 }
 
+const wchar_t kProcessLockName[] = L"__zq_orvane_BucketManager_lock__";
+
 ProcessLock::ProcessLock()
-    : mutex_(
-          std::make_unique<zq::kel::osdep::Mutex>(WString(L"__zq_orvane_BucketManager_lock__"))) {
+    : mutex_(std::make_unique<zq::kel::osdep::Mutex>(WString(kProcessLockName))) {
     mutex_->lock();
 }
 

@@ -23,6 +23,9 @@ namespace orvane_tool {
 // The library's default registry directory.
 std::string defaultDataDirectory();
 
+// The name of the registry's process lock and of its change counter.
+extern const wchar_t kProcessLockName[];
+
 // Holds the registry's process lock for the scope, as a transaction does:
 // no other process commits, compacts or recovers meanwhile.
 class ProcessLock {

@@ -11,7 +11,13 @@
 #include <thread>
 #include <vector>
 
+#include "kel/osdep/Mutex.h"
+#include "kel/osdep/SharedCounter.h"
+#include "source/IBucketStore.h"
+#include "source/ManagerOptions.h"
 #include "source/ManagerTestSupport.h"
+#include "source/Options.h"
+#include "zq/orvane/BucketManager.h"
 
 namespace zq {
 namespace test {
@@ -133,6 +139,141 @@ TEST_F(ManagerProcessTest, KilledWritersNeverLoseAReportedCommit) {
         reported += seenAhead;
     }
     EXPECT_GT(reported, 5);
+}
+
+// Another process with a manager of its own, taking one step each time it is
+// told: lookups made here between steps show what each step alone made
+// visible.
+class Peer {
+  public:
+    using Step = std::function<bool(orvane::BucketManager&)>;
+
+    Peer(const WString& registry, std::vector<Step> steps) {
+        int toChild[2];
+        int toParent[2];
+        EXPECT_EQ(::pipe(toChild), 0);
+        EXPECT_EQ(::pipe(toParent), 0);
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            ::close(toChild[1]);
+            ::close(toParent[0]);
+            run(registry, steps, toChild[0], toParent[1]);
+        }
+        ::close(toChild[0]);
+        ::close(toParent[1]);
+        command_ = toChild[1];
+        reply_ = toParent[0];
+        EXPECT_TRUE(answer());  // its manager is open
+    }
+
+    ~Peer() {
+        ::close(command_);
+        ::close(reply_);
+        ::waitpid(pid_, nullptr, 0);
+    }
+
+    bool next() {
+        const char go = 'g';
+        return ::write(command_, &go, 1) == 1 && answer();
+    }
+
+  private:
+    [[noreturn]] static void run(const WString& registry, const std::vector<Step>& steps,
+                                 int command, int reply) {
+        StatusChain s = fresh();
+        auto* manager = new orvane::BucketManager(registry, WString(), s);
+        char ok = s.isNotFatal() ? 1 : 0;
+        char go = 0;
+        for (size_t i = 0; ::write(reply, &ok, 1) == 1 && i < steps.size(); ++i) {
+            if (::read(command, &go, 1) != 1) break;
+            ok = steps[i](*manager) ? 1 : 0;
+        }
+        ::_exit(0);
+    }
+
+    bool answer() {
+        char ok = 0;
+        return ::read(reply_, &ok, 1) == 1 && ok == 1;
+    }
+
+    pid_t pid_;
+    int command_;
+    int reply_;
+};
+
+bool putX(IBucketManager& m, int32_t value, size_t padding = 0) {
+    StatusChain s = fresh();
+    return transact(m, s, [&](const Guid& id) {
+        AutoRef<IBucket> bucket = bucketWith(m, L"/x", value, s);
+        bucket->setStringValue(WString(L"pad"), WString(std::wstring(padding, L'p').c_str()), s,
+                               true);
+        m.putBucket(bucket, true, id, s);
+    });
+}
+
+class WarmLookupTest : public ManagerFixture {
+  protected:
+    // This process's manager with "/x" = 1 cached and its lookups warm.
+    AutoRef<IBucketManager> warm() {
+        StatusChain s = fresh();
+        AutoRef<IBucketManager> m = open(s);
+        EXPECT_TRUE(m && putX(*m, 1));
+        EXPECT_EQ(valueOf(*m, L"/x"), 1);
+        EXPECT_EQ(valueOf(*m, L"/x"), 1);
+        return m;
+    }
+
+    // Changes "/x" under the lock as a writer killed before it settles the count
+    // does: in a process of its own, which dies once the change is made.
+    static Peer::Step dyingWriter(int32_t value) {
+        return [value](orvane::BucketManager& other) {
+            return inChild([&] {
+                       const WString name(L"__zq_orvane_BucketManager_lock__");
+                       kel::osdep::Mutex lock(name);
+                       lock.lock();
+                       kel::osdep::SharedCounter(name).beginChange();
+                       StatusChain s = fresh();
+                       other.store()->refresh(s, true);
+                       other.store()->commit({{WString(L"/x"), bucketWith(other, L"/x", value, s)}},
+                                             {}, s);
+                       return s.isNotFatal() ? 0 : 1;
+                   }) == 0;
+        };
+    }
+};
+
+TEST_F(WarmLookupTest, SeesAnotherProcessCommitAndItsCompaction) {
+    orvane::overrideManagerOptions({{orvane::Options::kDiskMaxRegistryFileSizeKB, WString(L"4")}});
+    AutoRef<IBucketManager> m = warm();
+    Peer peer(registry(), {[](orvane::BucketManager& other) { return putX(other, 2); },
+                           [](orvane::BucketManager& other) { return putX(other, 3, 5000); }});
+    EXPECT_EQ(valueOf(*m, L"/x"), 1);
+    ASSERT_TRUE(peer.next());
+    EXPECT_EQ(valueOf(*m, L"/x"), 2);
+    ASSERT_TRUE(peer.next());  // past the limit: the commit compacts the file
+    EXPECT_EQ(valueOf(*m, L"/x"), 3);
+}
+
+TEST_F(WarmLookupTest, SeesAnotherProcessPurge) {
+    AutoRef<IBucketManager> m = warm();
+    Peer peer(registry(), {[](orvane::BucketManager& other) {
+                  other.purgeStore();
+                  return true;
+              }});
+    EXPECT_EQ(valueOf(*m, L"/x"), 1);
+    ASSERT_TRUE(peer.next());
+    EXPECT_EQ(valueOf(*m, L"/x"), -1);
+}
+
+// Once the count is left odd it no longer moves: every lookup must look.
+TEST_F(WarmLookupTest, SeesEveryChangeWhileADeadWriterLeftTheCountOdd) {
+    AutoRef<IBucketManager> m = warm();
+    Peer peer(registry(), {dyingWriter(4), dyingWriter(5)});
+    EXPECT_EQ(valueOf(*m, L"/x"), 1);
+    ASSERT_TRUE(peer.next());
+    EXPECT_EQ(valueOf(*m, L"/x"), 4);
+    ASSERT_TRUE(peer.next());
+    EXPECT_EQ(valueOf(*m, L"/x"), 5);
 }
 
 }  // namespace

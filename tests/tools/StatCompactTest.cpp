@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <cstring>
 
 #include "tools/ToolRunner.h"
 #include "zq/orvane/Orvane.h"
@@ -45,6 +46,14 @@ std::string field(const std::string& stat, const std::string& name) {
     return stat.substr(value, stat.find('\n', value) - value);
 }
 
+// The shared count of changes that running managers check before a lookup.
+uint32_t changeCount(const ToolRunner& tool) {
+    const std::string bytes = tool.dir().read("counter/__zq_orvane_BucketManager_lock__");
+    uint32_t count = 0;
+    if (bytes.size() == sizeof count) std::memcpy(&count, bytes.data(), sizeof count);
+    return count;
+}
+
 TEST(ToolStatCompactTest, StatCountsDeadBytesAndCompactGivesThemBack) {
     ToolRunner tool;
     growInProcess(tool);
@@ -61,8 +70,10 @@ TEST(ToolStatCompactTest, StatCountsDeadBytesAndCompactGivesThemBack) {
     EXPECT_NE(field(before.out, "dead bytes"), "0");
     EXPECT_EQ(tool.run({"verify"}).exitCode, 0) << "several segments are a good store";
 
+    const uint32_t count = changeCount(tool);
     const ToolResult compacted = tool.run({"compact"});
     ASSERT_EQ(compacted.exitCode, 0) << compacted.err;
+    EXPECT_EQ(changeCount(tool), count + 2) << "running managers must look again";
     EXPECT_NE(compacted.out.find("4 segments, " + size + " bytes -> 1 segment"), std::string::npos)
         << compacted.out;
 

@@ -1,6 +1,7 @@
 #ifndef ZQ_ORVANE_BUCKETMANAGER_H
 #define ZQ_ORVANE_BUCKETMANAGER_H
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -15,6 +16,7 @@ namespace zq {
 namespace kel {
 namespace osdep {
 class Mutex;
+class SharedCounter;
 class SharedLibrary;
 }  // namespace osdep
 }  // namespace kel
@@ -138,12 +140,17 @@ class ZQ_EXPORT BucketManager
     kel::AutoRef<IBucket> findShared(const kel::WString& fullName, kel::StatusChain& status);
     kel::AutoRef<IBucket> findSharedByDigest(const Digest& digest, kel::StatusChain& status);
     void commitPending(kel::StatusChain& status);
+    kel::osdep::SharedCounter& changeCounter();
 
     kel::WString dataDirectory_;
     std::unique_ptr<IBucketStore> store_;
     kel::AutoRef<BucketCache> readCache_;
     kel::AutoRef<BucketUpdateCache> updateCache_;
     std::unique_ptr<kel::osdep::Mutex> processLock_;
+    // Moves with every change of the files by any process; set once, under
+    // the process lock after construction, null while it could not be mapped.
+    std::atomic<kel::osdep::SharedCounter*> changes_{nullptr};
+    std::atomic<uint32_t> validated_{1};  // the even count last looked at; odd: none
     kel::Guid transactionId_;
     mutable std::recursive_mutex transactionMutex_;
     bool updateMode_ = false;
