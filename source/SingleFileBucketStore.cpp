@@ -721,7 +721,7 @@ SingleFileBucketStore::Facts SingleFileBucketStore::facts() {
     facts.committedLength = committedLength_;
     facts.generation = generation_;
     facts.segments = static_cast<uint32_t>(index_.segments().size());
-    facts.liveBuckets = index_.liveBuckets();
+    facts.liveBuckets = index_.liveBuckets(file_.get());
     return facts;
 }
 

@@ -58,6 +58,7 @@ class SingleFileBucketStore : public IBucketStore {
         uint32_t segments = 0;
         size_t liveBuckets = 0;
     };
+    // Reads the compacted index back to count live buckets: may throw.
     Facts facts();
     bool isOpen() const { return open_; }
 

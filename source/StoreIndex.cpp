@@ -30,22 +30,135 @@ DigestKey digestAt(const unsigned char* in) {
     return key;
 }
 
-}  // namespace
-
-const unsigned char* SortedEntries::digestAt(uint32_t k) const {
-    return bytes.get() + segment::kUpdateEntrySize * k;
+// A record position must lie in the data of its segment.
+int64_t recordOf(const unsigned char* entry, int64_t dataStart, int64_t indexPosition) {
+    const int64_t record = getI64(entry + 32);
+    if (record < dataStart || record > indexPosition - segment::kRecordLengthSize) {
+        damaged();
+    }
+    return record;
 }
 
-int64_t SortedEntries::offsetAt(uint32_t k) const { return getI64(digestAt(k) + 32); }
+// Hands the `count` entries of `size` bytes from `at` to `use` a chunk at a
+// time through one buffer, a modest one: a fresh process pays a page fault
+// for every page of a new buffer. Stops early when `use` returns false.
+template <class Use>
+bool forEachChunk(File& file, int64_t at, uint32_t count, size_t size, Use use) {
+    constexpr uint32_t kPerChunk = 1024;
+    std::unique_ptr<unsigned char[]> buffer(
+        new unsigned char[std::min(count, kPerChunk) * size + 1]);
+    for (uint32_t done = 0; done < count;) {
+        const uint32_t n = std::min(count - done, kPerChunk);
+        readExactly(file, at + static_cast<int64_t>(done) * static_cast<int64_t>(size),
+                    buffer.get(), n * size);
+        if (!use(buffer.get(), n)) {
+            return false;
+        }
+        done += n;
+    }
+    return true;
+}
 
-uint32_t SortedEntries::search(const DigestKey& digest) const {
+bool ascending(const unsigned char* lower, const unsigned char* higher) {
+    return std::memcmp(lower, higher, Digest::kSize) < 0;
+}
+
+// Samples the update entries of `d`, checking them; false when they are not
+// in strictly ascending order.
+bool sampleSorted(File& file, const SegmentDescriptor& d, SortedSample& sample) {
+    using namespace segment;
+    sample.count = d.updates;
+    sample.entries = d.indexPosition + kIndexHeaderSize;
+    sample.dataStart = d.dataStart;
+    sample.indexPosition = d.indexPosition;
+    sample.firsts.reserve((d.updates + SortedSample::kBlock - 1) / SortedSample::kBlock);
+    DigestKey previous{};
+    uint32_t k = 0;
+    return forEachChunk(file, sample.entries, d.updates, kUpdateEntrySize,
+                        [&](const unsigned char* at, uint32_t n) {
+                            for (const unsigned char* end = at + n * kUpdateEntrySize; at < end;
+                                 at += kUpdateEntrySize, ++k) {
+                                recordOf(at, d.dataStart, d.indexPosition);
+                                if (k != 0 && !ascending(previous.data(), at)) {
+                                    return false;
+                                }
+                                std::memcpy(previous.data(), at, previous.size());
+                                sample.note(k, at);
+                            }
+                            return true;
+                        });
+}
+
+void readEntries(File& file, const SegmentDescriptor& d, SegmentScan& scan) {
+    using namespace segment;
+    const int64_t at = d.indexPosition + kIndexHeaderSize;
+    scan.updates.reserve(d.updates);
+    forEachChunk(file, at, d.updates, kUpdateEntrySize, [&](const unsigned char* in, uint32_t n) {
+        for (const unsigned char* end = in + n * kUpdateEntrySize; in < end;
+             in += kUpdateEntrySize) {
+            scan.updates.emplace_back(digestAt(in), recordOf(in, d.dataStart, d.indexPosition));
+        }
+        return true;
+    });
+    scan.deletions.reserve(d.deletes);
+    forEachChunk(file, at + kUpdateEntrySize * static_cast<int64_t>(d.updates), d.deletes,
+                 kDeletionEntrySize, [&](const unsigned char* in, uint32_t n) {
+                     for (uint32_t k = 0; k < n; ++k, in += kDeletionEntrySize) {
+                         scan.deletions.push_back(digestAt(in));
+                     }
+                     return true;
+                 });
+}
+
+}  // namespace
+
+void SortedSample::note(uint32_t k, const unsigned char* entry) {
+    if (k % kBlock == 0) {
+        firsts.push_back(digestAt(entry));
+    }
+}
+
+uint32_t SortedSample::readBlock(File& file, uint32_t b, unsigned char* out) const {
+    using namespace segment;
+    const uint32_t first = b * kBlock;
+    const uint32_t n = std::min(kBlock, count - first);
+    readExactly(file, entries + static_cast<int64_t>(first) * kUpdateEntrySize, out,
+                n * kUpdateEntrySize);
+    // What the open checked may have changed on disk since.
+    if (std::memcmp(out, firsts[b].data(), Digest::kSize) != 0) {
+        damaged();
+    }
+    for (uint32_t k = 0; k < n; ++k) {
+        const unsigned char* at = out + k * kUpdateEntrySize;
+        recordOf(at, dataStart, indexPosition);
+        if (k != 0 && !ascending(at - kUpdateEntrySize, at)) {
+            damaged();
+        }
+    }
+    const unsigned char* last = out + (n - 1) * kUpdateEntrySize;
+    if (b + 1 < firsts.size() && !ascending(last, firsts[b + 1].data())) {
+        damaged();
+    }
+    return n;
+}
+
+bool SortedSample::find(File& file, const DigestKey& digest, uint32_t& k, int64_t& record) const {
+    const auto after = std::upper_bound(firsts.begin(), firsts.end(), digest);
+    if (after == firsts.begin()) {
+        return false;
+    }
+    const uint32_t b = static_cast<uint32_t>(after - firsts.begin() - 1);
+    unsigned char block[kBlock * segment::kUpdateEntrySize];
     uint32_t low = 0;
-    uint32_t high = count;
+    uint32_t high = readBlock(file, b, block);
     while (low < high) {
         const uint32_t middle = low + (high - low) / 2;
-        const int order = std::memcmp(digestAt(middle), digest.data(), digest.size());
+        const unsigned char* at = block + middle * segment::kUpdateEntrySize;
+        const int order = std::memcmp(at, digest.data(), digest.size());
         if (order == 0) {
-            return middle;
+            k = b * kBlock + middle;
+            record = getI64(at + 32);
+            return true;
         }
         if (order < 0) {
             low = middle + 1;
@@ -53,7 +166,18 @@ uint32_t SortedEntries::search(const DigestKey& digest) const {
             high = middle;
         }
     }
-    return count;
+    return false;
+}
+
+template <class Use>
+void SortedSample::forEach(File& file, Use use) const {
+    unsigned char block[kBlock * segment::kUpdateEntrySize];
+    for (uint32_t b = 0; b < firsts.size(); ++b) {
+        const uint32_t n = readBlock(file, b, block);
+        for (uint32_t k = 0; k < n; ++k) {
+            use(digestAt(block + k * segment::kUpdateEntrySize));
+        }
+    }
 }
 
 SegmentScan scanSegment(File& file, int64_t end, uint32_t number, bool keepSorted) {
@@ -85,11 +209,6 @@ SegmentScan scanSegment(File& file, int64_t end, uint32_t number, bool keepSorte
     if (previous < 0 || previous > start || index + kIndexHeaderSize + entryBytes > x) {
         damaged();
     }
-    // Not zeroed: every byte is read over at once.
-    std::unique_ptr<unsigned char[]> entries(new unsigned char[lengthInMemory(entryBytes) + 1]);
-    if (entryBytes != 0) {
-        readExactly(file, index + kIndexHeaderSize, entries.get(), static_cast<size_t>(entryBytes));
-    }
 
     SegmentScan scan;
     SegmentDescriptor& d = scan.descriptor;
@@ -105,29 +224,11 @@ SegmentScan scanSegment(File& file, int64_t end, uint32_t number, bool keepSorte
     d.deletes = deletes;
     d.indexAgain = getI64(trailer);
 
-    const unsigned char* at = entries.get();
-    bool ascending = true;
-    for (uint32_t k = 0; k < updates; ++k, at += kUpdateEntrySize) {
-        const int64_t record = getI64(at + 32);
-        if (record < d.dataStart || record > index - kRecordLengthSize) {
-            damaged();
-        }
-        ascending = ascending && (k == 0 || std::memcmp(at - kUpdateEntrySize, at, 32) < 0);
-    }
-    if (keepSorted && ascending && start == 0 && deletes == 0) {
-        scan.sorted.bytes.reset(entries.release());
-        scan.sorted.count = updates;
+    if (keepSorted && start == 0 && deletes == 0 && sampleSorted(file, d, scan.sorted)) {
         return scan;
     }
-    at = entries.get();
-    scan.updates.reserve(updates);
-    for (uint32_t k = 0; k < updates; ++k, at += kUpdateEntrySize) {
-        scan.updates.emplace_back(digestAt(at), getI64(at + 32));
-    }
-    scan.deletions.reserve(deletes);
-    for (uint32_t k = 0; k < deletes; ++k, at += kDeletionEntrySize) {
-        scan.deletions.push_back(digestAt(at));
-    }
+    scan.sorted = SortedSample();
+    readEntries(file, d, scan);
     return scan;
 }
 
@@ -180,7 +281,7 @@ int64_t longestWholePrefix(File& file, int64_t limit) {
 
 void StoreIndex::clear() {
     locations_.clear();
-    base_ = SortedEntries();
+    base_ = SortedSample();
     baseSegment_ = 0;
     deleted_.clear();
     segments_.clear();
@@ -207,7 +308,7 @@ void StoreIndex::load(File& file, int64_t committedLength) {
 // Deletions before updates: a bucket both written and deleted by one commit
 // is deleted. An older deletion never hides a newer record.
 void StoreIndex::absorb(SegmentScan& scan) {
-    if (scan.sorted.bytes) {
+    if (!scan.sorted.empty()) {
         base_ = std::move(scan.sorted);
         baseSegment_ = scan.descriptor.number;
     }
@@ -246,18 +347,19 @@ const StoreIndex::Location* StoreIndex::find(File& file, const DigestKey& digest
             return &found->second;
         }
         if (walkPosition_ <= 0) {
-            return findInBase(digest);
+            return findInBase(file, digest);
         }
         resumeWalk(file);
     }
 }
 
-const StoreIndex::Location* StoreIndex::findInBase(const DigestKey& digest) {
-    const uint32_t k = base_.search(digest);
-    if (k == base_.count) {
+const StoreIndex::Location* StoreIndex::findInBase(File& file, const DigestKey& digest) {
+    uint32_t k = 0;
+    int64_t record = 0;
+    if (!base_.find(file, digest, k, record)) {
         return nullptr;
     }
-    found_ = Location{baseSegment_, k, base_.offsetAt(k)};
+    found_ = Location{baseSegment_, k, record};
     return &found_;
 }
 
@@ -265,10 +367,10 @@ bool StoreIndex::shadowed(const DigestKey& digest) const {
     return locations_.count(digest) != 0 || deleted_.count(digest) != 0;
 }
 
-size_t StoreIndex::liveBuckets() const {
+size_t StoreIndex::liveBuckets(File* file) const {
     size_t live = locations_.size();
-    for (uint32_t k = 0; k < base_.count; ++k) {
-        live += shadowed(digestAt(base_.digestAt(k))) ? 0 : 1;
+    if (file != nullptr) {
+        base_.forEach(*file, [&](const DigestKey& digest) { live += shadowed(digest) ? 0 : 1; });
     }
     return live;
 }
@@ -339,15 +441,16 @@ void StoreIndex::apply(Staged& staged) noexcept {
 void StoreIndex::replaceBySingleSegment(const SegmentDescriptor& segment,
                                         const std::vector<std::pair<DigestKey, int64_t>>& updates) {
     clear();
-    // The entries as the new file holds them: a compaction sorts them.
-    base_.bytes.reset(new unsigned char[segment::kUpdateEntrySize * updates.size() + 1]);
+    // A compaction writes its entries in digest order, where the sample expects them.
     base_.count = static_cast<uint32_t>(updates.size());
-    unsigned char* out = base_.bytes.get();
-    for (const auto& [digest, offset] : updates) {
-        std::memcpy(out, digest.data(), digest.size());
-        kel::putU64(out + 32, static_cast<uint64_t>(offset));
-        out += segment::kUpdateEntrySize;
+    base_.entries = segment.indexPosition + segment::kIndexHeaderSize;
+    base_.dataStart = segment.dataStart;
+    base_.indexPosition = segment.indexPosition;
+    base_.firsts.reserve((updates.size() + SortedSample::kBlock - 1) / SortedSample::kBlock);
+    for (size_t k = 0; k < updates.size(); k += SortedSample::kBlock) {
+        base_.firsts.push_back(updates[k].first);
     }
+    baseSegment_ = segment.number;
     segments_.push_back(segment);
 }
 

@@ -14,16 +14,32 @@
 namespace zq {
 namespace orvane {
 
-// The update entries of a segment as the file holds them (digest, then
-// record offset), in strictly ascending digest order.
-struct SortedEntries {
-    std::unique_ptr<unsigned char[]> bytes;
-    uint32_t count = 0;
+// A segment whose update entries are in strictly ascending digest order,
+// as a compaction writes them. Only every kBlock-th digest stays in memory:
+// a lookup reads the one block of entries that may hold its digest, and
+// checks it against the sample, since the file may have changed since.
+struct SortedSample {
+    static constexpr uint32_t kBlock = 32;
 
-    const unsigned char* digestAt(uint32_t k) const;
-    int64_t offsetAt(uint32_t k) const;
-    // The entry of `digest`, or count.
-    uint32_t search(const DigestKey& digest) const;
+    std::vector<DigestKey> firsts;  // of each block
+    uint32_t count = 0;
+    int64_t entries = 0;  // where the first entry lies
+    int64_t dataStart = 0;
+    int64_t indexPosition = 0;
+
+    bool empty() const { return count == 0; }
+    // Entry `k` of the segment, met in order while it is scanned.
+    void note(uint32_t k, const unsigned char* entry);
+    // The entry of `digest` (its number and record position), or false.
+    // Throws DeserializationError when the block read disagrees.
+    bool find(kel::osdep::File& file, const DigestKey& digest, uint32_t& k, int64_t& record) const;
+    // Calls `use` with the digest of every entry, in order.
+    template <class Use>
+    void forEach(kel::osdep::File& file, Use use) const;
+
+  private:
+    // Reads block `b`; its entry count.
+    uint32_t readBlock(kel::osdep::File& file, uint32_t b, unsigned char* out) const;
 };
 
 // What one segment of "registry.bin" says, read from its trailer backwards.
@@ -31,14 +47,14 @@ struct SegmentScan {
     SegmentDescriptor descriptor;
     std::vector<DigestKey> deletions;
     std::vector<std::pair<DigestKey, int64_t>> updates;  // digest, record offset
-    SortedEntries sorted;  // instead of updates, when asked for and possible
+    SortedSample sorted;  // instead of updates, when asked for and possible
 };
 
 // Reads the segment that ends at `end`. Any position outside its segment, or
 // a read past the end of the file, throws DeserializationError: the file is
 // damaged, and nothing of it is trusted. With `keepSorted`, a segment at
 // offset 0 without deletions whose entries are in strictly ascending digest
-// order gives them in `sorted`, as they are, and leaves `updates` empty.
+// order gives them in `sorted` and leaves `updates` empty.
 SegmentScan scanSegment(kel::osdep::File& file, int64_t end, uint32_t number,
                         bool keepSorted = false);
 
@@ -56,10 +72,11 @@ int64_t longestWholePrefix(kel::osdep::File& file, int64_t limit);
 // file from its committed end back to offset 0, so the first event met for a
 // digest is its newest and wins.
 //
-// The segment at offset 0 is kept as its entries when they are in strictly
-// ascending digest order, as a compaction writes them: a lookup searches them
-// after the map of newer segments, so an open builds no map of the whole
-// store. Other orders go into the map like every newer segment.
+// The segment at offset 0 is kept as a sample of its entries when they are
+// in strictly ascending digest order, as a compaction writes them: a lookup
+// searches them after the map of newer segments, so an open neither builds a
+// map of the whole store nor holds its index. Other orders go into the map
+// like every newer segment.
 //
 // Not synchronised: the store's lock guards it.
 class StoreIndex {
@@ -97,18 +114,18 @@ class StoreIndex {
 
     uint32_t segmentCount() const { return segmentCount_; }
     const std::vector<SegmentDescriptor>& segments() const { return segments_; }
-    size_t liveBuckets() const;
+    size_t liveBuckets(kel::osdep::File* file) const;
     // The index position of the segment a new commit links back to, or 0.
     int64_t previousIndexForNextCommit() const;
 
   private:
     void absorb(SegmentScan& scan);
     void resumeWalk(kel::osdep::File& file);
-    const Location* findInBase(const DigestKey& digest);
+    const Location* findInBase(kel::osdep::File& file, const DigestKey& digest);
     bool shadowed(const DigestKey& digest) const;
 
     std::unordered_map<DigestKey, Location, DigestKeyHash> locations_;
-    SortedEntries base_;  // of the segment at offset 0, when sorted
+    SortedSample base_;  // of the segment at offset 0, when sorted
     uint32_t baseSegment_ = 0;
     Location found_{};  // what findInBase hands out
     std::unordered_set<DigestKey, DigestKeyHash> deleted_;

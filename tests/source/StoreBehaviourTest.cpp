@@ -5,9 +5,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <functional>
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "kel/osdep/FileSystem.h"
 #include "kel/osdep/Path.h"
@@ -74,45 +78,128 @@ TEST_F(StoreBehaviourTest, NamesAreCaseInsensitiveAndTheStoredSpellingComesBack)
 }
 
 // A first segment in name order is indexed as it is; a compacted one, in
-// digest order, is searched in place. Either way newer segments' updates and
-// deletions win: after a commit, an open and a refresh.
+// digest order, is sampled and searched block by block. Either way newer
+// segments' updates and deletions win: after a commit, an open and a
+// refresh. Sizes: under one block, exactly two blocks, and many blocks with
+// a partial last one; every name is looked up, first and last included.
 TEST_F(StoreBehaviourTest, LookupsAgreeWhateverTheOrderOfTheFirstSegment) {
-    State state;
-    State first;
-    std::set<std::wstring> names{L"/missing", L"/c"};
-    for (int i = 0; i < 40; ++i) {
-        const std::wstring name = L"/b" + std::to_wstring(i);
-        first[name] = i;
-        names.insert(name);
-    }
-    const auto check = [&](const char* when) {
-        SCOPED_TRACE(when);
-        EXPECT_EQ(readState(*store_, names), state);
-        EXPECT_EQ(store_->facts().liveBuckets, state.size());
-    };
-    const auto reopen = [&] {
-        store_->close(status_);
+    for (const int size : {5, 2 * 32, 3001}) {
+        SCOPED_TRACE(size);
+        const std::wstring dir = L"/s" + std::to_wstring(size);
+        fs_.makeDirectory(WString(dir.c_str()), 0777);
+        store_ = std::make_unique<SingleFileBucketStore>(WString(dir.c_str()), nullptr, fs_);
         store_->open(0, status_);
+        State state;
+        State first;
+        State newer;
+        std::set<std::wstring> names{L"/c"};
+        for (int i = 0; i < 20; ++i) {
+            names.insert(L"/missing" + std::to_wstring(i));
+        }
+        for (int i = 0; i < size; ++i) {
+            const std::wstring name = L"/b" + std::to_wstring(i);
+            first[name] = i;
+            names.insert(name);
+            if (i % 7 == 3 || i % 11 == 5) {
+                newer[name] = i % 7 == 3 ? -2 : 1000 + i;
+            }
+        }
+        const auto check = [&](const char* when) {
+            SCOPED_TRACE(when);
+            EXPECT_EQ(readState(*store_, names), state);
+            EXPECT_EQ(store_->facts().liveBuckets, state.size());
+        };
+        const auto reopen = [&] {
+            store_->close(status_);
+            store_->open(0, status_);
+            ASSERT_EQ(store_->facts().segments, 1u);
+        };
+        commitChanges(*store_, first, &state, status_);
+        reopen();
+        check("one segment in name order");
+        commitChanges(*store_, newer, &state, status_);
+        check("a newer segment on top");
+        reopen();
+        check("compacted");
+        commitChanges(*store_, {{L"/b4", 104}, {L"/b0", -2}, {L"/c", 7}}, &state, status_);
+        check("newer segments on a compacted one");
+        store_->compactNow(status_);
         ASSERT_EQ(store_->facts().segments, 1u);
-    };
-    commitChanges(*store_, first, &state, status_);
-    reopen();
-    check("one segment in name order");
-    commitChanges(*store_, {{L"/b1", 100}, {L"/b2", -2}, {L"/b3", -2}}, &state, status_);
-    check("a newer segment on top");
-    reopen();
-    check("compacted");
-    commitChanges(*store_, {{L"/b4", 104}, {L"/b5", -2}, {L"/c", 7}}, &state, status_);
-    check("newer segments on a compacted one");
+        check("compacted by this store");
 
-    reopen();
-    SingleFileBucketStore other(dir_, nullptr, fs_);
-    other.open(0, status_);
-    commitChanges(other, {{L"/b3", 3}, {L"/b6", -2}}, &state, status_);
-    commitChanges(other, {{L"/b4", -2}, {L"/b7", 107}}, &state, status_);
-    EXPECT_TRUE(store_->refresh(status_));
-    check("another store's segments on a compacted one");
-    EXPECT_EQ(status_.getCode(), 0);
+        reopen();
+        SingleFileBucketStore other(WString(dir.c_str()), nullptr, fs_);
+        other.open(0, status_);
+        commitChanges(other, {{L"/b3", 3}, {L"/b1", -2}}, &state, status_);
+        commitChanges(other, {{L"/b4", -2}, {L"/b2", 107}}, &state, status_);
+        EXPECT_TRUE(store_->refresh(status_));
+        check("another store's segments on a compacted one");
+        EXPECT_EQ(status_.getCode(), 0);
+    }
+}
+
+// Only a sample of a compacted index is kept: the entries a lookup reads
+// later are checked again, and a change to them is damage, never a wrong
+// bucket or a bucket said to be missing.
+TEST_F(StoreBehaviourTest, AnIndexChangedAfterTheOpenIsDamage) {
+    constexpr size_t kEntry = orvane::segment::kUpdateEntrySize;
+    State many;
+    std::map<orvane::DigestKey, std::wstring> byDigest;
+    for (int i = 0; i <= 100; ++i) {
+        const std::wstring name = L"/m" + std::to_wstring(i);
+        many[name] = i;
+        byDigest[orvane::keyOf(orvane::Digest(WString(name.c_str())))] = name;
+    }
+    commitChanges(*store_, many, nullptr, status_);
+    commitChanges(*store_, {{L"/m0", 0}}, nullptr, status_);
+    store_->close(status_);
+    store_->open(0, status_);  // compacts
+    ASSERT_EQ(store_->facts().segments, 1u);
+    std::vector<std::wstring> sorted;
+    for (const auto& entry : byDigest) {
+        sorted.push_back(entry.second);
+    }
+    const std::string good = fs_.contents("/reg/registry.bin");
+    const auto entryAt = [&](size_t k) {
+        uint64_t index = 0;
+        for (int i = 7; i >= 0; --i) {
+            index = index << 8 | static_cast<unsigned char>(good[8 + i]);
+        }
+        return static_cast<size_t>(index) + 16 + k * kEntry;
+    };
+    const auto swap = [&](std::string& bytes, size_t j, size_t k) {
+        std::swap_ranges(bytes.begin() + entryAt(j), bytes.begin() + entryAt(j) + kEntry,
+                         bytes.begin() + entryAt(k));
+    };
+    struct Case {
+        const char* what;
+        std::function<void(std::string&)> change;
+        std::vector<size_t> hit;  // entries whose lookup meets the change
+    };
+    const std::vector<Case> cases{
+        {"two entries of a block swapped", [&](std::string& b) { swap(b, 1, 2); }, {1, 2, 5}},
+        {"two entries across blocks swapped", [&](std::string& b) { swap(b, 31, 32); }, {31, 32}},
+        {"a record position out of range",
+         [&](std::string& b) { b[entryAt(40) + 39] = 1; },
+         {40, 63}},
+        {"a block cut off", [&](std::string& b) { b.resize(entryAt(97)); }, {96, 100}},
+    };
+    std::unique_ptr<kel::osdep::File> file =
+        fs_.open(WString(L"/reg/registry.bin"), kel::osdep::FileSystem::kReadWrite);
+    for (const Case& change : cases) {
+        SCOPED_TRACE(change.what);
+        std::string bad = good;
+        change.change(bad);
+        file->truncate(static_cast<int64_t>(bad.size()));
+        file->writeAt(0, bad.data(), bad.size());
+        for (const size_t k : change.hit) {
+            StatusChain read = okStatus();
+            EXPECT_FALSE(store_->readBucket(WString(sorted[k].c_str()), read)) << k;
+            EXPECT_EQ(read.getCode(), orvane::status::kOutsideFile) << k;
+        }
+        file->writeAt(0, good.data(), good.size());
+        EXPECT_EQ(readState(*store_, {sorted[0], sorted[2], sorted[40], sorted[100]}).size(), 4u);
+    }
 }
 
 TEST_F(StoreBehaviourTest, OperationsOnAClosedStoreReportIt) {
