@@ -59,8 +59,42 @@ bool forEachChunk(File& file, int64_t at, uint32_t count, size_t size, Use use) 
     return true;
 }
 
+uint64_t bigEndian64(const unsigned char* in) {
+    uint64_t value = 0;
+    for (int k = 0; k < 8; ++k) {
+        value = value << 8 | in[k];
+    }
+    return value;
+}
+
+// Digests are evenly spread: their first eight bytes nearly always decide.
 bool ascending(const unsigned char* lower, const unsigned char* higher) {
-    return std::memcmp(lower, higher, Digest::kSize) < 0;
+    const uint64_t low = bigEndian64(lower);
+    const uint64_t high = bigEndian64(higher);
+    if (low != high) {
+        return low < high;
+    }
+    return std::memcmp(lower + 8, higher + 8, Digest::kSize - 8) < 0;
+}
+
+// Checks the `n` update entries at `in`, which follow entry `k` - 1 of the
+// segment, `last`, and samples them; false when they are not in strictly
+// ascending order. Runs over every entry of a store at its open: the first
+// eight bytes of the digest before are kept as a number.
+bool sampleChunk(const unsigned char* in, uint32_t n, const SegmentDescriptor& d, uint32_t& k,
+                 const unsigned char* last, SortedSample& sample) {
+    uint64_t before = bigEndian64(last);
+    for (const unsigned char* at = in; at < in + n * segment::kUpdateEntrySize;
+         last = at, at += segment::kUpdateEntrySize, ++k) {
+        recordOf(at, d.dataStart, d.indexPosition);
+        const uint64_t head = bigEndian64(at);
+        if (k != 0 && (head < before || (head == before && !ascending(last, at)))) {
+            return false;
+        }
+        before = head;
+        sample.note(k, at);
+    }
+    return true;
 }
 
 // Samples the update entries of `d`, checking them; false when they are not
@@ -72,19 +106,14 @@ bool sampleSorted(File& file, const SegmentDescriptor& d, SortedSample& sample) 
     sample.dataStart = d.dataStart;
     sample.indexPosition = d.indexPosition;
     sample.firsts.reserve((d.updates + SortedSample::kBlock - 1) / SortedSample::kBlock);
-    DigestKey previous{};
+    DigestKey last{};  // of the chunk before
     uint32_t k = 0;
     return forEachChunk(file, sample.entries, d.updates, kUpdateEntrySize,
-                        [&](const unsigned char* at, uint32_t n) {
-                            for (const unsigned char* end = at + n * kUpdateEntrySize; at < end;
-                                 at += kUpdateEntrySize, ++k) {
-                                recordOf(at, d.dataStart, d.indexPosition);
-                                if (k != 0 && !ascending(previous.data(), at)) {
-                                    return false;
-                                }
-                                std::memcpy(previous.data(), at, previous.size());
-                                sample.note(k, at);
+                        [&](const unsigned char* in, uint32_t n) {
+                            if (!sampleChunk(in, n, d, k, last.data(), sample)) {
+                                return false;
                             }
+                            std::memcpy(last.data(), in + (n - 1) * kUpdateEntrySize, last.size());
                             return true;
                         });
 }
