@@ -48,7 +48,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         std::unique_ptr<kel::osdep::File> file =
             fs.open(WString(L"/r/registry.bin"), kel::osdep::FileSystem::kRead);
         index.load(*file, store.facts().committedLength);
-        index.forEachLocation([&store](const orvane::DigestKey& key, const auto&) {
+        index.forEachLive(*file, [&store](const orvane::DigestKey& key) {
             const unsigned char* cursor = key.data();
             StatusChain read = ok();
             store.readBucketByDigest(orvane::Digest(cursor, key.data() + key.size()), read);

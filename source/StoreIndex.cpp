@@ -397,11 +397,21 @@ bool StoreIndex::shadowed(const DigestKey& digest) const {
 }
 
 size_t StoreIndex::liveBuckets(File* file) const {
-    size_t live = locations_.size();
-    if (file != nullptr) {
-        base_.forEach(*file, [&](const DigestKey& digest) { live += shadowed(digest) ? 0 : 1; });
+    if (file == nullptr) {
+        return locations_.size();
     }
+    size_t live = 0;
+    forEachLive(*file, [&live](const DigestKey&) { ++live; });
     return live;
+}
+
+void StoreIndex::forEachLive(File& file, const std::function<void(const DigestKey&)>& use) const {
+    for (const auto& entry : locations_) {
+        use(entry.first);
+    }
+    base_.forEach(file, [&](const DigestKey& digest) {
+        if (!shadowed(digest)) use(digest);
+    });
 }
 
 int64_t StoreIndex::previousIndexForNextCommit() const {

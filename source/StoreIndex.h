@@ -2,6 +2,7 @@
 #define ZQ_ORVANE_STOREINDEX_H
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <unordered_map>
 #include <unordered_set>
@@ -115,6 +116,9 @@ class StoreIndex {
     uint32_t segmentCount() const { return segmentCount_; }
     const std::vector<SegmentDescriptor>& segments() const { return segments_; }
     size_t liveBuckets(kel::osdep::File* file) const;
+    // Calls `use` with the digest of every bucket that exists.
+    void forEachLive(kel::osdep::File& file,
+                     const std::function<void(const DigestKey&)>& use) const;
     // The index position of the segment a new commit links back to, or 0.
     int64_t previousIndexForNextCommit() const;
 
