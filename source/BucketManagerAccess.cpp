@@ -301,15 +301,22 @@ bool BucketManager::putLocked(const AutoRef<IBucket>& bucket, int32_t mode, bool
     return PutPath(*this, status).put(bucket, mode, mustExist);
 }
 
+bool BucketManager::checkPut(const Guid& id, StatusChain& status) const {
+    if (!checkChange(id, status)) {
+        return false;
+    }
+    if (store_->isOverSizeLimit()) {
+        status.setCode(status::kOverSizeLimit);
+        return false;
+    }
+    return true;
+}
+
 bool BucketManager::putBucket(const AutoRef<IBucket>& bucket, bool replace, const Guid& id,
                               StatusChain& status) {
     return guarded(status, kManagerCodes, [&] {
         std::lock_guard<std::recursive_mutex> hold(transactionMutex_);
-        if (!checkChange(id, status)) return false;
-        if (store_->isOverSizeLimit()) {
-            status.setCode(status::kOverSizeLimit);
-            return false;
-        }
+        if (!checkPut(id, status)) return false;
         return putLocked(bucket, replace ? IBucket::kReplaceAll : IBucket::kMergeOverwriting, false,
                          status);
     });
@@ -321,11 +328,7 @@ bool BucketManager::updateBucket(const AutoRef<IBucket>& bucket, bool overwrite,
                                  StatusChain& status) {
     return guarded(status, kManagerCodes, [&] {
         std::lock_guard<std::recursive_mutex> hold(transactionMutex_);
-        if (!checkChange(id, status)) return false;
-        if (store_->isOverSizeLimit()) {
-            status.setCode(status::kOverSizeLimit);
-            return false;
-        }
+        if (!checkPut(id, status)) return false;
         return putLocked(bucket, overwrite ? IBucket::kMergeOverwriting : IBucket::kMergeKeeping,
                          true, status);
     });

@@ -134,6 +134,8 @@ class ZQ_EXPORT BucketManager
     bool beginTransaction(bool wait, kel::Guid& id, kel::StatusChain& status);
     // The id matches the open transaction and update mode is on.
     bool checkChange(const kel::Guid& id, kel::StatusChain& status) const;
+    // checkChange, and the store is not over its size limit.
+    bool checkPut(const kel::Guid& id, kel::StatusChain& status) const;
     void dropStaleCaches(bool thorough);
     bool putLocked(const kel::AutoRef<IBucket>& bucket, int32_t mode, bool mustExist,
                    kel::StatusChain& status);
