@@ -116,35 +116,32 @@ std::string settingName(int index) {
     return "/settings/g" + std::to_string(index / 100) + "/s" + std::to_string(index);
 }
 
+// One field list for both directions: `io` is a Writer or a Reader.
+template <class Io, class S>
+void fields(Io& io, S& s) {
+    io.value(kI32, "speed", s.speed);
+    io.value(kU16, "port", s.port);
+    io.value(kBool, "enabled", s.enabled);
+    io.value(kF64, "gain", s.gain);
+    io.text("label", s.label);
+    io.text("host", s.host);
+    io.value(kI64, "serial", s.serial);
+    io.value(kU8, "mode", s.mode);
+    io.value(kF32, "limit", s.limit);
+    io.value(kI32Array, "points", s.points);
+}
+
 std::vector<unsigned char> encode(const Setting& s) {
     Writer w;
     w.bytes.reserve(256);
-    w.value(kI32, "speed", s.speed);
-    w.value(kU16, "port", s.port);
-    w.value(kBool, "enabled", s.enabled);
-    w.value(kF64, "gain", s.gain);
-    w.text("label", s.label);
-    w.text("host", s.host);
-    w.value(kI64, "serial", s.serial);
-    w.value(kU8, "mode", s.mode);
-    w.value(kF32, "limit", s.limit);
-    w.value(kI32Array, "points", s.points);
+    fields(w, s);
     return std::move(w.bytes);
 }
 
 Setting decode(const unsigned char* bytes, size_t size) {
     Setting s;
     Reader r(bytes, size);
-    r.value(kI32, "speed", s.speed);
-    r.value(kU16, "port", s.port);
-    r.value(kBool, "enabled", s.enabled);
-    r.value(kF64, "gain", s.gain);
-    r.text("label", s.label);
-    r.text("host", s.host);
-    r.value(kI64, "serial", s.serial);
-    r.value(kU8, "mode", s.mode);
-    r.value(kF32, "limit", s.limit);
-    r.value(kI32Array, "points", s.points);
+    fields(r, s);
     if (!r.atEnd()) fail("long record");
     return s;
 }

@@ -43,6 +43,14 @@ mode_t modeOf(int flags, va_list args) {
     return (flags & (O_CREAT | O_TMPFILE)) != 0 ? static_cast<mode_t>(va_arg(args, int)) : 0;
 }
 
+using OpenCall = int (*)(const char*, int, ...);
+
+int countedOpen(OpenCall real, const char* path, int flags, va_list args) {
+    const int fd = real(path, flags, modeOf(flags, args));
+    noteOpen(fd, flags);
+    return fd;
+}
+
 }  // namespace
 
 namespace compare {
@@ -103,24 +111,20 @@ void sync() {
 }
 
 int open(const char* path, int flags, ...) {
-    static auto real = reinterpret_cast<int (*)(const char*, int, ...)>(dlsym(RTLD_NEXT, "open"));
+    static auto real = reinterpret_cast<OpenCall>(dlsym(RTLD_NEXT, "open"));
     va_list args;
     va_start(args, flags);
-    const mode_t mode = modeOf(flags, args);
+    const int fd = countedOpen(real, path, flags, args);
     va_end(args);
-    const int fd = real(path, flags, mode);
-    noteOpen(fd, flags);
     return fd;
 }
 
 int open64(const char* path, int flags, ...) {
-    static auto real = reinterpret_cast<int (*)(const char*, int, ...)>(dlsym(RTLD_NEXT, "open64"));
+    static auto real = reinterpret_cast<OpenCall>(dlsym(RTLD_NEXT, "open64"));
     va_list args;
     va_start(args, flags);
-    const mode_t mode = modeOf(flags, args);
+    const int fd = countedOpen(real, path, flags, args);
     va_end(args);
-    const int fd = real(path, flags, mode);
-    noteOpen(fd, flags);
     return fd;
 }
 
