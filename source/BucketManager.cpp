@@ -228,7 +228,7 @@ bool BucketManager::beginTransaction(bool wait, Guid& id, StatusChain& status) {
         }
         try {
             // Whatever other processes committed since is the base of this
-            // transaction: with the lock held, the marks are read every time.
+            // transaction: the data file is looked at every time.
             dropStaleCaches(true);
             transactionId_ = Guid::generate();
         } catch (...) {
@@ -341,20 +341,23 @@ void BucketManager::commitPending(StatusChain& status) {
 // look means the files are as that look found them. A writer that died keeps
 // the count odd: every lookup looks until the next change completes. (A
 // 32-bit count wraps only after 2^31 changes between two lookups.)
-void BucketManager::dropStaleCaches(bool thorough) {
+void BucketManager::dropStaleCaches(bool underLock) {
     using kel::osdep::SharedCounter;
     if (!store_) {
         return;
     }
     const SharedCounter* counter = changes_.load(std::memory_order_acquire);
     const uint32_t seen = counter != nullptr ? counter->load() : 1;
-    if (!thorough && SharedCounter::isSettled(seen) &&
+    // A transaction never skips on the count alone: a process of an older
+    // library commits without moving it, and an append over its commit
+    // would lose that commit.
+    if (!underLock && SharedCounter::isSettled(seen) &&
         seen == validated_.load(std::memory_order_acquire)) {
         return;
     }
     StatusChain local;
     local.clear();
-    if (store_->refresh(local, thorough)) {
+    if (store_->refresh(local)) {
         readCache_->clear();
     }
     // Stored after the cache is cleared: a thread that skips on it finds

@@ -176,11 +176,12 @@ std::unique_ptr<CommitMarks::Pending> CommitMarks::stage(int64_t generation,
 
 void CommitMarks::publish(Pending& pending) {
     pending.writer.publish();
-    if (pending.generation > 1 && fs_.fileExists(pathOf(pending.generation - 1))) {
+    if (pending.generation > 1) {
         try {
             fs_.rename(pathOf(pending.generation - 1), spareMarkPath());
         } catch (const kel::exception::Exception&) {
-            // The new mark is durable; the old one only costs a listing.
+            // Gone already, or it stays: the new mark is durable, and an old
+            // one only costs the next open a removal.
         }
     }
 }

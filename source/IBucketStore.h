@@ -39,9 +39,9 @@ class IBucketStore {
 
     // Brings the store up to date with what other processes committed or
     // compacted since; true when something changed (cached buckets are then
-    // stale). Reads only: safe without the process lock. Unless `thorough`,
-    // an unchanged stat of the data file is taken as nothing new.
-    virtual bool refresh(kel::StatusChain& status, bool thorough = false) = 0;
+    // stale). Reads only: safe without the process lock. An unchanged stat
+    // of the data file, which ends at the committed length, is nothing new.
+    virtual bool refresh(kel::StatusChain& status) = 0;
 };
 
 }  // namespace orvane

@@ -85,7 +85,9 @@ void readExactly(File& file, int64_t offset, void* buffer, size_t count) {
 }  // namespace
 
 // What a stat of "registry.bin" says; when it has not changed, no other
-// process has committed or compacted.
+// process has committed or compacted: a commit always moves the end of the
+// file, a compaction or a purge gives it a new inode, and the inode this
+// process holds open cannot be reused meanwhile.
 struct SingleFileBucketStore::Signature {
     FileSystem::Status status;
 
@@ -655,14 +657,14 @@ void SingleFileBucketStore::settle(const FileSystem::Status& now) {
     }
 }
 
-bool SingleFileBucketStore::refresh(StatusChain& status, bool thorough) {
+bool SingleFileBucketStore::refresh(StatusChain& status) {
     return storeOperation(status, [&] {
         Lock lock(mutex_);
         if (!open_) {
             return false;
         }
         const FileSystem::Status now = fs_.stat(livePath_);
-        if (!thorough && signature_ && *signature_ == now) {
+        if (signature_ && *signature_ == now) {
             return false;
         }
         // Another process is between steps of a compaction: keep what we

@@ -46,7 +46,7 @@ class SingleFileBucketStore : public IBucketStore {
     bool exists(const kel::WString& name, kel::StatusChain& status) override;
     bool wasRepairedOnOpen() override { return repairedOnOpen_; }
     bool isOverSizeLimit() override { return overSize_; }
-    bool refresh(kel::StatusChain& status, bool thorough = false) override;
+    bool refresh(kel::StatusChain& status) override;
 
     // For the offline tools: compacts now, whatever the size.
     void compactNow(kel::StatusChain& status);

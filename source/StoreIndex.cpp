@@ -414,10 +414,11 @@ void StoreIndex::forEachLive(File& file, const std::function<void(const DigestKe
     });
 }
 
+// From the back: after a commit, the segment it wrote is the last one.
 int64_t StoreIndex::previousIndexForNextCommit() const {
-    for (const SegmentDescriptor& segment : segments_) {
-        if (segment.number == segmentCount_) {
-            return segment.indexPosition;
+    for (auto segment = segments_.rbegin(); segment != segments_.rend(); ++segment) {
+        if (segment->number == segmentCount_) {
+            return segment->indexPosition;
         }
     }
     return 0;

@@ -1,11 +1,13 @@
 #include "source/TouchFile.h"
 
 #include <atomic>
+#include <cerrno>
 #include <memory>
 
 #include "kel/Throw.h"
 #include "kel/osdep/Path.h"
 #include "source/Options.h"
+#include "zq/kel/OSException.h"
 
 namespace zq {
 namespace orvane {
@@ -90,9 +92,12 @@ AtomicFileWriter::AtomicFileWriter(FileSystem& fs, const WString& path, const st
 AtomicFileWriter::AtomicFileWriter(FileSystem& fs, const WString& path, const std::string& bytes,
                                    const Options* options, const WString& spare)
     : fs_(fs), path_(path), temporary_(spare) {
-    if (fs.fileExists(spare)) {
+    try {
         file_ = fs.open(spare, FileSystem::kReadWrite);
-    } else {
+    } catch (const kel::osdep::PosixError& e) {
+        if (e.osErrorCode() != ENOENT) {
+            throw;
+        }
         file_ = createTemporary(fs, spare, options);
     }
     write(bytes);

@@ -59,7 +59,7 @@ class RecordingStore : public IBucketStore {
     bool exists(const WString&, StatusChain&) override { return false; }
     bool wasRepairedOnOpen() override { return false; }
     bool isOverSizeLimit() override { return false; }
-    bool refresh(StatusChain&, bool) override { return false; }
+    bool refresh(StatusChain&) override { return false; }
 
     std::vector<Commit> commits;
     int32_t failWith = 0;

@@ -136,7 +136,7 @@ class ZQ_EXPORT BucketManager
     bool checkChange(const kel::Guid& id, kel::StatusChain& status) const;
     // checkChange, and the store is not over its size limit.
     bool checkPut(const kel::Guid& id, kel::StatusChain& status) const;
-    void dropStaleCaches(bool thorough);
+    void dropStaleCaches(bool underLock);
     bool putLocked(const kel::AutoRef<IBucket>& bucket, int32_t mode, bool mustExist,
                    kel::StatusChain& status);
     kel::AutoRef<IBucket> findShared(const kel::WString& fullName, kel::StatusChain& status);
