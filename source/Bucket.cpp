@@ -433,6 +433,32 @@ bool Bucket::getNextChild(uint32_t handle, Digest& child, StatusChain& status) {
 
 // The walk runs under a handle drawn from this bucket while its cursor lives
 // in the other one; existing callers see exactly this, so it is kept.
+std::unique_ptr<BucketContents> Bucket::snapshotValues() const {
+    Lock lock(mutex_);
+    return std::make_unique<BucketContents>(*contents_);
+}
+
+// Another implementation's values, through its enumeration: each step hands
+// out a copy that is ours to keep.
+template <class Take>
+void Bucket::mergeWalk(IBucket& other, Take& take, StatusChain& status) {
+    const uint32_t handle = openEnumeration();
+    if (handle == 0) {
+        throw std::bad_alloc();  // the only reason for no handle
+    }
+    WString name;
+    AutoRef<IBucketValue> value;
+    StatusChain walk = cleared();
+    for (bool more = other.getFirstValue(handle, name, value); more;
+         more = other.getNextValue(handle, name, value, walk)) {
+        if (!take(name, AutoRef<BucketValue>(static_cast<BucketValue*>(value.get())))) {
+            break;
+        }
+    }
+    closeEnumeration(handle);
+    status.merge(walk);
+}
+
 bool Bucket::update(const AutoRef<IBucket>& other, int32_t mode, StatusChain& status) {
     return guarded(status, kBucketCodes, [&] {
         // A bucket merged with itself stays as it is (mode 1 would empty it).
@@ -448,33 +474,27 @@ bool Bucket::update(const AutoRef<IBucket>& other, int32_t mode, StatusChain& st
             removeAllValues();
         }
         const bool replace = mode != kMergeKeeping;
-        const uint32_t handle = openEnumeration();
-        if (handle == 0) {
-            throw std::bad_alloc();  // the only reason for no handle
-        }
         bool stored = false;
-        WString name;
-        AutoRef<IBucketValue> value;
-        StatusChain walk = cleared();
-        // Our own buckets report a first step that fails; it must not read as
-        // an empty bucket.
-        auto* own = dynamic_cast<Bucket*>(other.get());
-        const bool first = own != nullptr ? own->stepValue(handle, true, name, value, walk)
-                                          : other->getFirstValue(handle, name, value);
-        for (bool more = first; more; more = other->getNextValue(handle, name, value, walk)) {
+        // False once the merge must stop.
+        auto take = [&](const WString& name, const AutoRef<BucketValue>& value) {
             StatusChain one = cleared();
-            // The copy from getFirstValue/getNextValue is ours to keep.
-            stored |= storeValue(name, AutoRef<BucketValue>(static_cast<BucketValue*>(value.get())),
-                                 one, replace);
+            stored |= storeValue(name, value, one, replace);
             if (one.getCode() != status::kValueDiffers) {
                 status.merge(one);  // a replace warning or an error
             }
-            if (status.isFatal()) {
-                break;
+            return status.isNotFatal();
+        };
+        if (const auto* own = dynamic_cast<const Bucket*>(other.get())) {
+            // Values never change once stored, so they are shared, not copied.
+            const std::unique_ptr<BucketContents> given = own->snapshotValues();
+            for (const auto& entry : given->values()) {
+                if (!take(entry.second.name, entry.second.value)) {
+                    break;
+                }
             }
+        } else {
+            mergeWalk(*other, take, status);
         }
-        closeEnumeration(handle);
-        status.merge(walk);
         if (stored) {
             const uint32_t version = other->getVersion();
             Lock lock(mutex_);

@@ -76,7 +76,8 @@ BucketContents::ValueMap& BucketContents::own() {
 
 // `name` is taken by value: the copy is made before anything here changes, so
 // running out of memory loses nothing.
-BucketContents::Outcome BucketContents::store(WString name, kel::AutoRef<BucketValue> value,
+BucketContents::Outcome BucketContents::store(const WString& name,
+                                              const kel::AutoRef<BucketValue>& value,
                                               bool replace) {
     FoldedName folded(name);
     // Records list their values in this order, so the end is the usual place.
@@ -84,8 +85,9 @@ BucketContents::Outcome BucketContents::store(WString name, kel::AutoRef<BucketV
     if (!last) {
         const auto found = values_->find(folded);
         if (found != values_->end()) {
+            // Copies of a bucket share their values: the same object is equal.
             const Slot& slot = found->second;
-            if (slot.value->equals(*value)) {
+            if (slot.value.get() == value.get() || slot.value->equals(*value)) {
                 return Outcome::kUnchanged;
             }
             if (!replace) {
@@ -95,18 +97,17 @@ BucketContents::Outcome BucketContents::store(WString name, kel::AutoRef<BucketV
     }
     ValueMap& values = own();
     if (last) {
-        values.emplace_hint(values.end(), std::move(folded),
-                            Slot{std::move(name), std::move(value)});
+        values.emplace_hint(values.end(), std::move(folded), Slot{name, value});
         return Outcome::kInserted;
     }
     const auto found = values.find(folded);
     if (found == values.end()) {
-        values.emplace(std::move(folded), Slot{std::move(name), std::move(value)});
+        values.emplace(std::move(folded), Slot{name, value});
         return Outcome::kInserted;
     }
     Slot& slot = found->second;
-    slot.name = std::move(name);  // the new spelling replaces the old one
-    slot.value = std::move(value);
+    slot.name = name;  // the new spelling replaces the old one
+    slot.value = value;
     return Outcome::kReplaced;
 }
 

@@ -71,7 +71,7 @@ class BucketContents {
     BucketContents(const BucketContents& other);
     BucketContents& operator=(const BucketContents&) = delete;
 
-    Outcome store(kel::WString name, kel::AutoRef<BucketValue> value, bool replace);
+    Outcome store(const kel::WString& name, const kel::AutoRef<BucketValue>& value, bool replace);
     bool remove(const kel::WString& name);
     // True when there was anything to remove.
     bool removeAll();

@@ -334,6 +334,31 @@ TEST(BucketTest, UpdateModes) {
     }
 }
 
+// A merge shares the given bucket's values: changing either bucket later
+// leaves the other as it was, and a walk open on the given bucket goes on.
+TEST(BucketTest, UpdateLeavesTheGivenBucketAlone) {
+    AutoRef<Bucket> mine = makeBucket(L"/x");
+    AutoRef<Bucket> given = makeBucket(L"/x");
+    StatusChain status = okStatus();
+    given->setInt32Value(WString(L"a"), 1, status, false);
+    given->setInt32Value(WString(L"b"), 2, status, false);
+    const uint32_t handle = given->openEnumeration();
+    WString name;
+    AutoRef<IBucketValue> value;
+    ASSERT_TRUE(given->getFirstValue(handle, name, value));
+    EXPECT_EQ(name, WString(L"a"));
+
+    EXPECT_TRUE(mine->update(AutoRef<IBucket>(given.get()), IBucket::kMergeOverwriting, status));
+    EXPECT_TRUE(given->getNextValue(handle, name, value, status));
+    EXPECT_EQ(name, WString(L"b"));
+    EXPECT_EQ(status.getCode(), 0);
+
+    given->setInt32Value(WString(L"a"), 10, status, true);
+    mine->setInt32Value(WString(L"b"), 20, status, true);
+    EXPECT_EQ(entries(*mine), (std::vector<std::string>{"a=1", "b=20"}));
+    EXPECT_EQ(entries(*given), (std::vector<std::string>{"a=10", "b=2"}));
+}
+
 TEST(BucketTest, UpdateRefusals) {
     AutoRef<Bucket> mine = makeBucket(L"/x");
     AutoRef<Bucket> stranger = makeBucket(L"/y");

@@ -115,6 +115,10 @@ class ZQ_EXPORT Bucket
               kel::AutoRef<BucketValue>& value, kel::StatusChain* status);
     bool stepValue(uint32_t handle, bool first, kel::WString& name,
                    kel::AutoRef<IBucketValue>& value, kel::StatusChain& status);
+    // The values as they are now, sharing this bucket's map.
+    std::unique_ptr<BucketContents> snapshotValues() const;
+    template <class Take>
+    void mergeWalk(IBucket& other, Take& take, kel::StatusChain& status);
     uint32_t recordSize() const;                  // mutex_ held
     void setNames(const kel::WString& fullName);  // mutex_ held
     void touch();                                 // mutex_ held
