@@ -275,8 +275,12 @@ void SingleFileBucketStore::rename(const WString& from, const WString& to) {
     fs_.syncDirectory(directory_);
 }
 
+// A look first: the file is usually not there, and a failed unlink costs
+// an exception.
 void SingleFileBucketStore::removeIfPresent(const WString& path) {
-    fs_.removeFile(path, FileSystem::kRemoveIfPresent);
+    if (fs_.stat(path).exists) {
+        fs_.removeFile(path, FileSystem::kRemoveIfPresent);
+    }
 }
 
 void SingleFileBucketStore::close(StatusChain& status) {
