@@ -433,6 +433,17 @@ bool Bucket::getNextChild(uint32_t handle, Digest& child, StatusChain& status) {
 
 // The walk runs under a handle drawn from this bucket while its cursor lives
 // in the other one; existing callers see exactly this, so it is kept.
+// Stored one by one into no values, `given` would give its own map, names
+// and order: it is shared whole instead. False when there are values here.
+bool Bucket::adoptInto(const BucketContents& given) {
+    Lock lock(mutex_);
+    if (contents_->size() != 0 || given.size() == 0) {
+        return false;
+    }
+    contents_->shareValues(given);
+    return true;
+}
+
 std::unique_ptr<BucketContents> Bucket::snapshotValues() const {
     Lock lock(mutex_);
     return std::make_unique<BucketContents>(*contents_);
@@ -487,9 +498,13 @@ bool Bucket::update(const AutoRef<IBucket>& other, int32_t mode, StatusChain& st
         if (const auto* own = dynamic_cast<const Bucket*>(other.get())) {
             // Values never change once stored, so they are shared, not copied.
             const std::unique_ptr<BucketContents> given = own->snapshotValues();
-            for (const auto& entry : given->values()) {
-                if (!take(entry.second.name, entry.second.value)) {
-                    break;
+            if (adoptInto(*given)) {
+                stored = true;
+            } else {
+                for (const auto& entry : given->values()) {
+                    if (!take(entry.second.name, entry.second.value)) {
+                        break;
+                    }
                 }
             }
         } else {

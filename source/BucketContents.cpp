@@ -74,8 +74,8 @@ BucketContents::ValueMap& BucketContents::own() {
     return *values_;
 }
 
-// `name` is taken by value: the copy is made before anything here changes, so
-// running out of memory loses nothing.
+// Every copy is made before the map changes, so running out of memory loses
+// nothing.
 BucketContents::Outcome BucketContents::store(const WString& name,
                                               const kel::AutoRef<BucketValue>& value,
                                               bool replace) {
@@ -148,6 +148,13 @@ bool BucketContents::removeAllButChildren() {
     shared_ = false;
     invalidateCursors();
     return true;
+}
+
+void BucketContents::shareValues(const BucketContents& other) {
+    values_ = other.values_;
+    shared_ = true;
+    other.shared_ = true;
+    invalidateCursors();
 }
 
 void BucketContents::swapValues(BucketContents& other) {

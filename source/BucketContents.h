@@ -76,6 +76,8 @@ class BucketContents {
     // True when there was anything to remove.
     bool removeAll();
     bool removeAllButChildren();
+    // Takes the values of `other`, sharing them.
+    void shareValues(const BucketContents& other);
     // Takes the values of `other`, which is left with these.
     void swapValues(BucketContents& other);
 

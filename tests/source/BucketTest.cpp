@@ -353,10 +353,17 @@ TEST(BucketTest, UpdateLeavesTheGivenBucketAlone) {
     EXPECT_EQ(name, WString(L"b"));
     EXPECT_EQ(status.getCode(), 0);
 
+    // Into a bucket without values, as a put that replaces a bucket makes.
+    AutoRef<Bucket> empty = makeBucket(L"/X");
+    EXPECT_TRUE(empty->update(AutoRef<IBucket>(given.get()), IBucket::kMergeOverwriting, status));
+    EXPECT_EQ(empty->getVersion(), given->getVersion());
+
     given->setInt32Value(WString(L"a"), 10, status, true);
     mine->setInt32Value(WString(L"b"), 20, status, true);
+    empty->removeValue(WString(L"B"));
     EXPECT_EQ(entries(*mine), (std::vector<std::string>{"a=1", "b=20"}));
     EXPECT_EQ(entries(*given), (std::vector<std::string>{"a=10", "b=2"}));
+    EXPECT_EQ(entries(*empty), std::vector<std::string>{"a=1"});
 }
 
 TEST(BucketTest, UpdateRefusals) {
