@@ -33,6 +33,7 @@ WString BucketName::parentName(const WString& fullName) {
     size_t end;
     lastPiece(fullName, begin, end);
     WString parent;
+    parent.reserve(begin + 1);
     for (size_t at = 0; at < begin;) {
         if (fullName[at] == kSeparator) {
             ++at;
