@@ -27,15 +27,16 @@ WString sharedDirectory(const WString& subdirectory) {
     const WString base(fromEnvironment != nullptr && fromEnvironment[0] == '/' ? fromEnvironment
                                                                                : kDefaultBase);
     const WString directory = join(base, subdirectory);
-    FileSystem& fs = FileSystem::posix();
-    if (!fs.isDirectory(directory)) {
-        fs.createDirectories(directory, 0777);
-    }
-    if (!fs.isDirectory(directory)) {
-        throw PosixError(ENOTDIR, "shared directory", __LINE__, __FILE__);
-    }
     const NString name(directory);
-    if (::chmod(name.c_str(), 0777) != 0 && errno != EPERM) {
+    struct stat info {};
+    if (::stat(name.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
+        FileSystem::posix().createDirectories(directory, 0777);
+        if (::stat(name.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
+            throw PosixError(ENOTDIR, "shared directory", __LINE__, __FILE__);
+        }
+    }
+    // Every user's processes share it, whatever the umask of the first one.
+    if ((info.st_mode & 07777) != 0777 && ::chmod(name.c_str(), 0777) != 0 && errno != EPERM) {
         throw PosixError(errno, "chmod shared directory", __LINE__, __FILE__);
     }
     return directory;

@@ -67,6 +67,12 @@ TEST_F(MutexTest, LockFileLiesInTheSharedDirectory) {
     ASSERT_EQ(stat((dir_.file("mutex/") + NString(kName).c_str()).c_str(), &info), 0);
     EXPECT_TRUE(S_ISREG(info.st_mode));
     EXPECT_EQ(info.st_mode & 07777, 0666u);
+
+    // A directory left narrower is opened up again.
+    ASSERT_EQ(chmod(dir_.file("mutex").c_str(), 0700), 0);
+    Mutex again(kName);
+    ASSERT_EQ(stat(dir_.file("mutex").c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0777u);
 }
 
 TEST_F(MutexTest, OtherProcessWaitsForTheLastUnlock) {
