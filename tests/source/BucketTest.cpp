@@ -46,6 +46,24 @@ std::vector<std::string> entries(IBucket& bucket) {
     return out;
 }
 
+// "/x" holding a=1 and b=2, with a walk open and standing on "a".
+struct Walk {
+    AutoRef<Bucket> bucket = makeBucket(L"/x");
+    uint32_t handle = 0;
+    WString name;
+    AutoRef<IBucketValue> value;
+
+    Walk() {
+        StatusChain status = okStatus();
+        bucket->setInt32Value(WString(L"a"), 1, status, false);
+        bucket->setInt32Value(WString(L"b"), 2, status, false);
+        handle = bucket->openEnumeration();
+        EXPECT_TRUE(bucket->getFirstValue(handle, name, value));
+        EXPECT_EQ(narrow(name), "a");
+    }
+    bool next(StatusChain& status) { return bucket->getNextValue(handle, name, value, status); }
+};
+
 std::string hex(const Digest& digest) {
     WString text;
     return narrow(digest.getString(text));
@@ -219,34 +237,27 @@ TEST(BucketTest, ValuesThatAreNeverStored) {
 }
 
 TEST(BucketTest, AChangeInvalidatesOpenCursors) {
-    AutoRef<Bucket> bucket = makeBucket(L"/x");
+    Walk walk;
+    AutoRef<Bucket>& bucket = walk.bucket;
     StatusChain status = okStatus();
-    bucket->setInt32Value(WString(L"a"), 1, status, false);
-    bucket->setInt32Value(WString(L"b"), 2, status, false);
-    const uint32_t handle = bucket->openEnumeration();
-    WString name;
-    AutoRef<IBucketValue> value;
-    ASSERT_TRUE(bucket->getFirstValue(handle, name, value));
-    EXPECT_EQ(narrow(name), "a");
-
     bucket->setInt32Value(WString(L"c"), 3, status, false);
-    EXPECT_FALSE(bucket->getNextValue(handle, name, value, status));
+    EXPECT_FALSE(walk.next(status));
     EXPECT_EQ(status.getCode(), status::kCursorInvalidated);
     // Reported once; the cursor is then at the end.
     StatusChain again = okStatus();
-    EXPECT_FALSE(bucket->getNextValue(handle, name, value, again));
+    EXPECT_FALSE(walk.next(again));
     EXPECT_EQ(again.getCode(), 0);
 
     // A change that stores nothing invalidates nothing.
-    ASSERT_TRUE(bucket->getFirstValue(handle, name, value));
+    ASSERT_TRUE(bucket->getFirstValue(walk.handle, walk.name, walk.value));
     bucket->setInt32Value(WString(L"a"), 1, again, false);
-    EXPECT_TRUE(bucket->getNextValue(handle, name, value, again));
-    EXPECT_EQ(narrow(name), "b");
+    EXPECT_TRUE(walk.next(again));
+    EXPECT_EQ(narrow(walk.name), "b");
     bucket->removeValue(WString(L"b"));
-    EXPECT_FALSE(bucket->getNextValue(handle, name, value, again));
+    EXPECT_FALSE(walk.next(again));
     EXPECT_EQ(again.getCode(), status::kCursorInvalidated);
-    EXPECT_TRUE(bucket->closeEnumeration(handle));
-    EXPECT_FALSE(bucket->closeEnumeration(handle));
+    EXPECT_TRUE(bucket->closeEnumeration(walk.handle));
+    EXPECT_FALSE(bucket->closeEnumeration(walk.handle));
 }
 
 TEST(BucketTest, UnknownAndZeroHandles) {
@@ -338,19 +349,12 @@ TEST(BucketTest, UpdateModes) {
 // leaves the other as it was, and a walk open on the given bucket goes on.
 TEST(BucketTest, UpdateLeavesTheGivenBucketAlone) {
     AutoRef<Bucket> mine = makeBucket(L"/x");
-    AutoRef<Bucket> given = makeBucket(L"/x");
+    Walk walk;
+    AutoRef<Bucket>& given = walk.bucket;
     StatusChain status = okStatus();
-    given->setInt32Value(WString(L"a"), 1, status, false);
-    given->setInt32Value(WString(L"b"), 2, status, false);
-    const uint32_t handle = given->openEnumeration();
-    WString name;
-    AutoRef<IBucketValue> value;
-    ASSERT_TRUE(given->getFirstValue(handle, name, value));
-    EXPECT_EQ(name, WString(L"a"));
-
     EXPECT_TRUE(mine->update(AutoRef<IBucket>(given.get()), IBucket::kMergeOverwriting, status));
-    EXPECT_TRUE(given->getNextValue(handle, name, value, status));
-    EXPECT_EQ(name, WString(L"b"));
+    EXPECT_TRUE(walk.next(status));
+    EXPECT_EQ(narrow(walk.name), "b");
     EXPECT_EQ(status.getCode(), 0);
 
     // Into a bucket without values, as a put that replaces a bucket makes.
