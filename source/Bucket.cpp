@@ -431,8 +431,6 @@ bool Bucket::getNextChild(uint32_t handle, Digest& child, StatusChain& status) {
 
 // ---- update and comparison
 
-// The walk runs under a handle drawn from this bucket while its cursor lives
-// in the other one; existing callers see exactly this, so it is kept.
 // Stored one by one into no values, `given` would give its own map, names
 // and order: it is shared whole instead. False when there are values here.
 bool Bucket::adoptInto(const BucketContents& given) {
@@ -450,7 +448,9 @@ std::unique_ptr<BucketContents> Bucket::snapshotValues() const {
 }
 
 // Another implementation's values, through its enumeration: each step hands
-// out a copy that is ours to keep.
+// out a copy that is ours to keep. The walk runs under a handle drawn from
+// this bucket while its cursor lives in the other one, as existing callers
+// expect.
 template <class Take>
 void Bucket::mergeWalk(IBucket& other, Take& take, StatusChain& status) {
     const uint32_t handle = openEnumeration();
