@@ -460,14 +460,15 @@ std::vector<unsigned char> SingleFileBucketStore::buildSegment(
 
 // One write and one sync for the segment, then the mark (synced before and
 // after its rename): three syncs whatever the size of the commit. The mark's
-// bytes are written before the data sync, so the journal commit that sync
-// forces carries them too and the mark's own sync finds little left to do.
+// bytes wait under their temporary name, which no open reads, so they are
+// synced at the same time as the segment; both are durable before the
+// rename gives the mark its name.
 void SingleFileBucketStore::appendSegment(const std::vector<unsigned char>& segment, int64_t end) {
     const int64_t start = committedLength_;
     try {
         file_->writeAt(start, segment.data(), segment.size());
         const std::unique_ptr<CommitMarks::Pending> mark = marks_.stage(generation_ + 1, end);
-        file_->sync();
+        mark->writer.syncAlongside(*file_);
         marks_.publish(*mark);
     } catch (...) {
         rollBackAppend(start);

@@ -125,14 +125,15 @@ AtomicFileWriter::~AtomicFileWriter() {
     }
 }
 
-void AtomicFileWriter::sync() {
-    file_->sync();
+void AtomicFileWriter::syncAlongside(File& other) {
+    fs_.syncBoth(other, *file_);
     synced_ = true;
 }
 
 void AtomicFileWriter::publish() {
     if (!synced_) {
-        sync();
+        file_->sync();
+        synced_ = true;
     }
     file_->close();
     fs_.rename(temporary_, path_);

@@ -35,8 +35,9 @@ class AtomicFileWriter {
     AtomicFileWriter(const AtomicFileWriter&) = delete;
     AtomicFileWriter& operator=(const AtomicFileWriter&) = delete;
 
-    // Makes the bytes durable; publish() does it too when not done yet.
-    void sync();
+    // Makes the bytes durable along with the data of `other`, whose failure
+    // is the one reported; publish() then has no sync left to make.
+    void syncAlongside(kel::osdep::File& other);
     void publish();
 
   private:

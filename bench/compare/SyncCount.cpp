@@ -10,6 +10,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <bitset>
 #include <cstdarg>
 #include <cstdio>
@@ -17,7 +18,9 @@
 
 namespace {
 
-compare::SyncCount counts;
+// Atomic: Orvane syncs its data and its commit mark on two threads at once.
+std::atomic<uint64_t> syncs{0};
+std::atomic<uint64_t> syncWrites{0};
 // Descriptors opened for synchronous writes (LMDB writes its meta page so).
 std::bitset<65536> syncDescriptors;
 
@@ -35,7 +38,7 @@ void noteOpen(int fd, int flags) {
 void noteWrite(int fd, ssize_t result) {
     if (result >= 0 && fd >= 0 && static_cast<size_t>(fd) < syncDescriptors.size() &&
         syncDescriptors[fd]) {
-        ++counts.syncWrites;
+        syncWrites.fetch_add(1, std::memory_order_relaxed);
     }
 }
 
@@ -55,19 +58,25 @@ int countedOpen(OpenCall real, const char* path, int flags, va_list args) {
 
 namespace compare {
 
-SyncCount syncCount() { return counts; }
+SyncCount syncCount() {
+    SyncCount now;
+    now.syncs = syncs.load();
+    now.syncWrites = syncWrites.load();
+    return now;
+}
 
 bool syncCountWorks(const char* directory) {
     const std::string path = std::string(directory) + "/sync-count-check";
-    const SyncCount before = counts;
+    const SyncCount before = syncCount();
     const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_DSYNC, 0600);
     if (fd < 0) return false;
     const bool wrote = ::write(fd, "x", 1) == 1;
     const bool synced = ::fdatasync(fd) == 0;
     ::close(fd);
     ::unlink(path.c_str());
-    return wrote && synced && counts.syncs == before.syncs + 1 &&
-           counts.syncWrites == before.syncWrites + 1;
+    const SyncCount after = syncCount();
+    return wrote && synced && after.syncs == before.syncs + 1 &&
+           after.syncWrites == before.syncWrites + 1;
 }
 
 }  // namespace compare
@@ -76,37 +85,37 @@ extern "C" {
 
 int fsync(int fd) {
     static auto real = next(&fsync, "fsync");
-    ++counts.syncs;
+    syncs.fetch_add(1, std::memory_order_relaxed);
     return real(fd);
 }
 
 int fdatasync(int fd) {
     static auto real = next(&fdatasync, "fdatasync");
-    ++counts.syncs;
+    syncs.fetch_add(1, std::memory_order_relaxed);
     return real(fd);
 }
 
 int msync(void* address, size_t length, int flags) {
     static auto real = next(&msync, "msync");
-    if ((flags & MS_SYNC) != 0) ++counts.syncs;
+    if ((flags & MS_SYNC) != 0) syncs.fetch_add(1, std::memory_order_relaxed);
     return real(address, length, flags);
 }
 
 int sync_file_range(int fd, off64_t offset, off64_t count, unsigned int flags) {
     static auto real = next(&sync_file_range, "sync_file_range");
-    ++counts.syncs;
+    syncs.fetch_add(1, std::memory_order_relaxed);
     return real(fd, offset, count, flags);
 }
 
 int syncfs(int fd) {
     static auto real = next(&syncfs, "syncfs");
-    ++counts.syncs;
+    syncs.fetch_add(1, std::memory_order_relaxed);
     return real(fd);
 }
 
 void sync() {
     static auto real = next(&sync, "sync");
-    ++counts.syncs;
+    syncs.fetch_add(1, std::memory_order_relaxed);
     real();
 }
 

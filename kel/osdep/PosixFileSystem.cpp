@@ -2,13 +2,17 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <exception>
 #include <limits>
 #include <memory>
+#include <thread>
 
 #include "kel/Utf8.h"
 #include "zq/kel/OSException.h"
@@ -283,6 +287,58 @@ void PosixFileSystem::syncDirectory(const WString& path) {
     ::close(fd);
     if (result != 0) {
         fail("fsync directory", __LINE__, error);
+    }
+}
+
+namespace {
+
+// A thread of the library's own, started with every signal blocked: no
+// handler of the application ever runs on it.
+template <class Work>
+std::thread startQuiet(Work work) {
+    sigset_t all;
+    sigset_t previous;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &previous);
+    try {
+        std::thread thread(std::move(work));
+        pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+        return thread;
+    } catch (...) {
+        pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+        throw;
+    }
+}
+
+}  // namespace
+
+void PosixFileSystem::syncBoth(File& first, File& second) {
+    std::exception_ptr secondFailure;
+    std::thread helper;
+    try {
+        helper = startQuiet([&second, &secondFailure] {
+            try {
+                second.sync();
+            } catch (...) {
+                secondFailure = std::current_exception();
+            }
+        });
+    } catch (...) {
+        FileSystem::syncBoth(first, second);  // no thread to be had
+        return;
+    }
+    std::exception_ptr firstFailure;
+    try {
+        first.sync();
+    } catch (...) {
+        firstFailure = std::current_exception();
+    }
+    helper.join();
+    if (firstFailure) {
+        std::rethrow_exception(firstFailure);
+    }
+    if (secondFailure) {
+        std::rethrow_exception(secondFailure);
     }
 }
 
