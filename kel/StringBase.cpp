@@ -64,7 +64,7 @@ void StringBase<C, O, W>::allocate(size_t count) {
 
 template <class C, class O, class W>
 C* StringBase<C, O, W>::emptyStorage() noexcept {
-    // What a moved-from string points at: always empty, never written.
+    // What an empty or moved-from string points at: never written.
     static C storage[1] = {0};
     return storage;
 }
@@ -97,7 +97,7 @@ void StringBase<C, O, W>::assign(const C* text, size_t count) {
 
 template <class C, class O, class W>
 StringBase<C, O, W>::StringBase() {
-    allocate(0);
+    becomeEmpty();  // an empty string owns no block: most names start out empty
 }
 
 template <class C, class O, class W>
@@ -105,6 +105,10 @@ StringBase<C, O, W>::StringBase(const C* text) : StringBase(text, lengthOf(text)
 
 template <class C, class O, class W>
 StringBase<C, O, W>::StringBase(const C* text, size_t count) {
+    if (count == 0) {
+        becomeEmpty();
+        return;
+    }
     allocate(count);
     if (count != 0) {
         std::memcpy(start_, text, count * sizeof(C));
@@ -116,6 +120,10 @@ StringBase<C, O, W>::StringBase(const C* text, size_t count) {
 template <class C, class O, class W>
 StringBase<C, O, W>::StringBase(const O* text) {
     const size_t count = lengthOf(text);
+    if (count == 0) {
+        becomeEmpty();
+        return;
+    }
     if constexpr (std::is_same<C, wchar_t>::value) {
         const auto* in = reinterpret_cast<const unsigned char*>(text);
         const size_t characters = utf8::countCharacters(in, in + count);
@@ -395,13 +403,17 @@ void StringBase<C, O, W>::deserialize(const unsigned char*& cursor, const unsign
         const size_t characters = utf8::countCharacters(text, text + bytes);
         // Decoded straight into this string's storage (one allocation at
         // most): records hold many short names.
-        if (start_ == emptyStorage() || characters > capacity()) {
-            release();
-            allocate(characters);
+        if (characters == 0) {
+            clear();  // the shared empty storage is never written
+        } else {
+            if (characters > capacity()) {
+                release();
+                allocate(characters);
+            }
+            utf8::decodeText(text, text + bytes, start_);
+            end_ = start_ + characters;
+            *end_ = 0;
         }
-        utf8::decodeText(text, text + bytes, start_);
-        end_ = start_ + characters;
-        *end_ = 0;
     } else {
         *this = StringBase(reinterpret_cast<const char*>(text), bytes);
     }
