@@ -29,7 +29,6 @@ constexpr uint32_t kRecordFixedSize = 16;
 // The smallest entry: an empty name and an unset value.
 constexpr size_t kMinEntrySize = 4 + 8;
 constexpr uint32_t kBucketMemory = 228;
-constexpr uint32_t kEntryMemory = 12;
 
 constexpr ErrorCodes kBucketCodes = {status::kUnexpected, status::kUnexpected, status::kUnexpected};
 
@@ -256,7 +255,7 @@ bool Bucket::removeValue(const WString& name) {
 
 bool Bucket::hasValue(const WString& name) const {
     Lock lock(mutex_);
-    return contents_->find(name) != nullptr;
+    return contents_->contains(name);
 }
 
 void Bucket::removeAllValues() {
@@ -276,12 +275,16 @@ void Bucket::removeDataValues() {
 AutoRef<IBucketValue> Bucket::getValue(const WString& name, StatusChain& status) const {
     return guarded(status, kBucketCodes, [&] {
         AutoRef<BucketValue> found;
+        bool fresh = false;
         {
             Lock lock(mutex_);
-            found.reset(contents_->find(name));
+            found = contents_->find(name, fresh);
+        }
+        if (!found || fresh) {
+            return AutoRef<IBucketValue>(found.get());
         }
         // Stored values never change, so the copy is made outside the lock.
-        return found ? AutoRef<IBucketValue>(new BucketValue(*found)) : AutoRef<IBucketValue>();
+        return AutoRef<IBucketValue>(new BucketValue(*found));
     });
 }
 
@@ -542,8 +545,9 @@ bool Bucket::isEqualTo(const Bucket& other) const {
         return false;
     }
     for (const auto& entry : contents_->values()) {
-        const BucketValue* match = other.contents_->find(entry.second.name);
-        if (match == nullptr || !entry.second.value->equals(*match)) {
+        bool fresh = false;
+        const AutoRef<BucketValue> match = other.contents_->find(entry.second.name, fresh);
+        if (!match || !entry.second.value->equals(*match)) {
             return false;
         }
     }
@@ -554,6 +558,9 @@ bool Bucket::isEqualTo(const Bucket& other) const {
 
 uint32_t Bucket::recordSize() const {
     uint32_t size = kRecordFixedSize + fullName_.serializationSize() - 4;
+    if (const EncodedValues* encoded = contents_->encoded()) {
+        return size + encoded->size();
+    }
     for (const auto& entry : contents_->values()) {
         size += entry.second.name.serializationSize() + entry.second.value->serializationSize();
     }
@@ -573,6 +580,10 @@ void Bucket::serialize(unsigned char*& cursor, const unsigned char* end) const {
     writer.u32(version_);
     fullName_.serialize(writer.cursor(), writer.end());
     writer.u32(contents_->size());
+    if (const EncodedValues* encoded = contents_->encoded()) {
+        writer.bytes(encoded->data(), encoded->size());
+        return;
+    }
     for (const auto& entry : contents_->values()) {
         entry.second.name.serialize(writer.cursor(), writer.end());
         entry.second.value->writeRecord(writer);  // space checked above
@@ -592,7 +603,7 @@ void Bucket::deserialize(const unsigned char*& cursor, const unsigned char* end)
         reader.requireItems(count, kMinEntrySize);
         BucketContents read;
         WString name;  // decoded into again and again: its storage is reused
-        for (uint32_t i = 0; i < count; ++i) {
+        for (uint32_t i = read.adoptEncoded(reader, count) ? count : 0; i < count; ++i) {
             name.deserialize(reader.cursor(), reader.end());
             AutoRef<BucketValue> value(new BucketValue());
             value->deserialize(reader.cursor(), reader.end());
@@ -622,12 +633,8 @@ void Bucket::deserialize(const unsigned char*& cursor, const unsigned char* end)
 
 uint32_t Bucket::getMemUsage() const {
     Lock lock(mutex_);
-    uint32_t total = kBucketMemory + characterMemory(fullName_) + characterMemory(shortName_) +
-                     characterMemory(fileName_) + kEntryMemory * contents_->size();
-    for (const auto& entry : contents_->values()) {
-        total += characterMemory(entry.second.name) + entry.second.value->getMemUsage();
-    }
-    return total;
+    return kBucketMemory + characterMemory(fullName_) + characterMemory(shortName_) +
+           characterMemory(fileName_) + contents_->memoryUsage();
 }
 
 void Bucket::print() const {

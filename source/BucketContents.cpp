@@ -58,14 +58,80 @@ bool FoldedOrder::operator()(const FoldedName& a, const FoldedName& b) const {
     return a.length() < b.length();
 }
 
-BucketContents::BucketContents() : values_(std::make_shared<ValueMap>()), nextHandle_(1) {}
+namespace {
+
+constexpr uint32_t kEntryMemory = 12;
+// Above this a change decodes the values instead of copying all the bytes.
+constexpr uint32_t kLargestSplice = 4096;
+
+// Shared by every bucket with no values; like any shared map, never written.
+const std::shared_ptr<BucketContents::ValueMap>& emptyMap() {
+    static const auto empty = std::make_shared<BucketContents::ValueMap>();
+    return empty;
+}
+
+}  // namespace
+
+BucketContents::BucketContents() : values_(emptyMap()), shared_(true), nextHandle_(1) {}
 
 BucketContents::BucketContents(const BucketContents& other)
-    : values_(other.values_), shared_(true), nextHandle_(1) {
+    : values_(other.values_), encoded_(other.encoded_), shared_(true), nextHandle_(1) {
     other.shared_ = true;
 }
 
+bool BucketContents::adoptEncoded(RecordReader& reader, uint32_t count) {
+    if (count == 0) {
+        return false;
+    }
+    EncodedValues::Ptr read = EncodedValues::read(reader, count);
+    if (!read) {
+        return false;
+    }
+    becomeEmpty();
+    encoded_ = std::move(read);
+    return true;
+}
+
+void BucketContents::becomeEmpty() {
+    values_ = emptyMap();
+    encoded_.reset();
+    shared_ = true;
+    invalidateCursors();
+}
+
+void BucketContents::decode() const {
+    if (!encoded_) {
+        return;
+    }
+    auto map = std::make_shared<ValueMap>();
+    for (uint32_t i = 0; i < encoded_->count(); ++i) {
+        WString name = encoded_->nameAt(i);
+        FoldedName folded(name);
+        map->emplace_hint(map->end(), std::move(folded),
+                          Slot{std::move(name), encoded_->valueAt(i)});
+    }
+    values_ = std::move(map);
+    encoded_.reset();
+    shared_ = false;
+    for (auto& handleAndCursor : cursors_) {
+        handleAndCursor.second.at = values_->end();
+    }
+}
+
+uint32_t BucketContents::memoryUsage() const {
+    if (encoded_) {
+        return kEntryMemory * encoded_->count() + encoded_->memoryUsage();
+    }
+    uint32_t total = kEntryMemory * size();
+    for (const auto& entry : *values_) {
+        total += static_cast<uint32_t>(entry.second.name.capacity()) * 4 +
+                 entry.second.value->getMemUsage();
+    }
+    return total;
+}
+
 BucketContents::ValueMap& BucketContents::own() {
+    decode();
     if (shared_) {
         values_ = std::make_shared<ValueMap>(*values_);
         shared_ = false;
@@ -79,6 +145,13 @@ BucketContents::ValueMap& BucketContents::own() {
 BucketContents::Outcome BucketContents::store(const WString& name,
                                               const kel::AutoRef<BucketValue>& value,
                                               bool replace) {
+    if (encoded_) {
+        Outcome outcome = Outcome::kUnchanged;
+        if (encoded_->size() <= kLargestSplice && storeEncoded(name, *value, replace, outcome)) {
+            return outcome;
+        }
+        decode();
+    }
     FoldedName folded(name);
     // Records list their values in this order, so the end is the usual place.
     const bool last = values_->empty() || FoldedOrder()(std::prev(values_->end())->first, folded);
@@ -111,7 +184,45 @@ BucketContents::Outcome BucketContents::store(const WString& name,
     return Outcome::kReplaced;
 }
 
+// False when the entry would not read back as given: the caller decodes.
+bool BucketContents::storeEncoded(const WString& name, const BucketValue& value, bool replace,
+                                  Outcome& outcome) {
+    uint32_t index = 0;
+    const bool found = encoded_->find(name, index);
+    if (found) {
+        if (encoded_->valueAt(index)->equals(value)) {
+            outcome = Outcome::kUnchanged;
+            return true;
+        }
+        if (!replace) {
+            outcome = Outcome::kConflict;
+            return true;
+        }
+    }
+    EncodedValues::Ptr next = encoded_->with(index, found, name, value);
+    if (!next) {
+        return false;
+    }
+    encoded_ = std::move(next);
+    invalidateCursors();
+    outcome = found ? Outcome::kReplaced : Outcome::kInserted;
+    return true;
+}
+
 bool BucketContents::remove(const WString& name) {
+    if (encoded_) {
+        uint32_t index = 0;
+        if (!encoded_->find(name, index)) {
+            return false;
+        }
+        if (encoded_->count() == 1) {
+            becomeEmpty();
+        } else {
+            encoded_ = encoded_->without(index);
+            invalidateCursors();
+        }
+        return true;
+    }
     const FoldedName folded(name);
     if (values_->count(folded) == 0) {
         return false;
@@ -121,12 +232,10 @@ bool BucketContents::remove(const WString& name) {
 }
 
 bool BucketContents::removeAll() {
-    if (values_->empty()) {
+    if (size() == 0) {
         return false;
     }
-    values_ = std::make_shared<ValueMap>();
-    shared_ = false;
-    invalidateCursors();
+    becomeEmpty();
     return true;
 }
 
@@ -134,6 +243,19 @@ bool BucketContents::removeAllButChildren() {
     const auto isChild = [](const ValueMap::value_type& entry) {
         return entry.second.value->getType() == kDIGEST;
     };
+    if (encoded_) {
+        uint32_t children = 0;
+        for (uint32_t i = 0; i < encoded_->count(); ++i) {
+            children += encoded_->tagAt(i) == kDIGEST ? 1 : 0;
+        }
+        if (children == encoded_->count()) {
+            return false;
+        }
+        if (children == 0) {
+            return removeAll();
+        }
+        decode();
+    }
     if (std::all_of(values_->begin(), values_->end(), isChild)) {
         return false;
     }
@@ -152,6 +274,7 @@ bool BucketContents::removeAllButChildren() {
 
 void BucketContents::shareValues(const BucketContents& other) {
     values_ = other.values_;
+    encoded_ = other.encoded_;
     shared_ = true;
     other.shared_ = true;
     invalidateCursors();
@@ -159,18 +282,31 @@ void BucketContents::shareValues(const BucketContents& other) {
 
 void BucketContents::swapValues(BucketContents& other) {
     values_.swap(other.values_);
+    encoded_.swap(other.encoded_);
     std::swap(shared_, other.shared_);
     invalidateCursors();
     other.invalidateCursors();
 }
 
-BucketValue* BucketContents::find(const WString& name) const {
+kel::AutoRef<BucketValue> BucketContents::find(const WString& name, bool& fresh) const {
+    if (encoded_) {
+        uint32_t index = 0;
+        fresh = true;
+        return encoded_->find(name, index) ? encoded_->valueAt(index) : kel::AutoRef<BucketValue>();
+    }
+    fresh = false;
     const auto found = values_->find(FoldedName(name));
-    return found == values_->end() ? nullptr : found->second.value.get();
+    return found == values_->end() ? kel::AutoRef<BucketValue>() : found->second.value;
+}
+
+bool BucketContents::contains(const WString& name) const {
+    uint32_t index = 0;
+    return encoded_ ? encoded_->find(name, index) : values_->count(FoldedName(name)) != 0;
 }
 
 // Handles are never 0 and never one that is open: the counter may wrap.
 uint32_t BucketContents::openCursor() {
+    decode();
     uint32_t handle;
     do {
         handle = static_cast<uint32_t>(nextHandle_.increment() - 1);
@@ -192,6 +328,7 @@ BucketContents::Step BucketContents::first(uint32_t handle, bool childrenOnly, E
     if (handle == 0) {
         return Step::kEnd;
     }
+    decode();
     Entry at = values_->begin();
     if (childrenOnly) {
         at = skipToChild(at);
@@ -208,6 +345,7 @@ BucketContents::Step BucketContents::next(uint32_t handle, bool childrenOnly, En
     if (handle == 0) {
         return Step::kEnd;
     }
+    decode();
     const auto found = cursors_.find(handle);
     if (found == cursors_.end()) {
         return Step::kUnknownHandle;

@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 
+#include "source/EncodedValues.h"
 #include "source/OrvaneAtomicInt.h"
 #include "zq/kel/AutoRef.h"
 #include "zq/kel/StringBase.h"
@@ -46,6 +47,12 @@ struct FoldedOrder {
 // A bucket's values and its enumeration cursors. Every change invalidates
 // every cursor here, so no caller can forget to.
 //
+// Values read from a record stay in their stored form (EncodedValues) until
+// something needs them one by one: a lookup decodes one value, a change of
+// a small bucket is spliced into the bytes, and a commit writes them back as
+// they are. Anything else (a walk, a large bucket's change) decodes them
+// into the map first.
+//
 // Values in the map are never handed out and never changed once stored (the
 // bucket gives out copies), which lets copies of a bucket share them. A copy
 // shares the whole map too, until either side changes it: a map once shared
@@ -71,6 +78,12 @@ class BucketContents {
     BucketContents(const BucketContents& other);
     BucketContents& operator=(const BucketContents&) = delete;
 
+    // Keeps the `count` entries at the reader in their stored form when they
+    // are in it; false, the reader not moved, when they are not.
+    bool adoptEncoded(RecordReader& reader, uint32_t count);
+    // The stored form, while the values are in it.
+    const EncodedValues* encoded() const { return encoded_.get(); }
+
     Outcome store(const kel::WString& name, const kel::AutoRef<BucketValue>& value, bool replace);
     bool remove(const kel::WString& name);
     // True when there was anything to remove.
@@ -81,9 +94,21 @@ class BucketContents {
     // Takes the values of `other`, which is left with these.
     void swapValues(BucketContents& other);
 
-    BucketValue* find(const kel::WString& name) const;
-    const ValueMap& values() const { return *values_; }
-    uint32_t size() const { return static_cast<uint32_t>(values_->size()); }
+    // The value stored under `name`, or null. `fresh` tells whether it was
+    // decoded for this call (and so is the caller's to keep) or is shared.
+    kel::AutoRef<BucketValue> find(const kel::WString& name, bool& fresh) const;
+    bool contains(const kel::WString& name) const;
+    // Decodes the stored form first.
+    const ValueMap& values() const {
+        decode();
+        return *values_;
+    }
+    uint32_t size() const {
+        return encoded_ ? encoded_->count() : static_cast<uint32_t>(values_->size());
+    }
+    // The entries' part of Bucket::getMemUsage: 12 bytes per entry, 4 per
+    // character of each name and each value's own use.
+    uint32_t memoryUsage() const;
 
     uint32_t openCursor();
     bool closeCursor(uint32_t handle);
@@ -102,11 +127,20 @@ class BucketContents {
     Entry skipToChild(Entry at) const;
     // The map, private to this object, for a change that is certain.
     ValueMap& own();
+    // Turns the stored form into the map; cursors stay where they were (at
+    // the end, as no cursor can stand on a stored entry).
+    void decode() const;
+    bool storeEncoded(const kel::WString& name, const BucketValue& value, bool replace,
+                      Outcome& outcome);
+    void becomeEmpty();
 
-    std::shared_ptr<ValueMap> values_;
+    // Either encoded_ holds the values and values_ is the shared empty map,
+    // or encoded_ is null and values_ holds them.
+    mutable std::shared_ptr<ValueMap> values_;
+    mutable EncodedValues::Ptr encoded_;
     mutable bool shared_ = false;  // values_ may be another object's too
     OrvaneAtomicInt nextHandle_;
-    std::map<uint32_t, Cursor> cursors_;
+    mutable std::map<uint32_t, Cursor> cursors_;
 };
 
 }  // namespace orvane
