@@ -62,6 +62,7 @@ StatusChain cleared() {
 Bucket::Bucket()
     : digest_(emptyNameDigest()),
       parent_(emptyNameDigest()),
+      parentKnown_(true),
       contents_(new BucketContents()),
       persistentFlag_(true),
       version_(0),
@@ -78,6 +79,7 @@ Bucket::Bucket(const WString& fullName, bool persistent) : Bucket() {
 Bucket::Bucket(const Bucket& other)
     : digest_(emptyNameDigest()),
       parent_(emptyNameDigest()),
+      parentKnown_(true),
       persistentFlag_(true),
       version_(0),
       modified_(true) {
@@ -86,6 +88,7 @@ Bucket::Bucket(const Bucket& other)
     shortName_ = other.shortName_;
     digest_ = other.digest_;
     parent_ = other.parent_;
+    parentKnown_ = other.parentKnown_;
     fileName_ = other.fileName_;
     contents_.reset(new BucketContents(*other.contents_));
     persistentFlag_ = other.persistentFlag_;
@@ -105,12 +108,11 @@ void Bucket::setNames(const WString& fullName) {
     WString copy(fullName);
     WString shortName = BucketName::shortName(fullName);
     const Digest digest(fullName);
-    const Digest parent(BucketName::parentName(fullName));
     WString noFileName;  // the old one belongs to the old name
     fullName_ = std::move(copy);
     shortName_ = std::move(shortName);
     digest_ = digest;
-    parent_ = parent;
+    parentKnown_ = false;
     fileName_ = std::move(noFileName);
 }
 
@@ -302,6 +304,14 @@ Digest Bucket::getDigest() const {
 }
 Digest Bucket::getParentDigest() const {
     Lock lock(mutex_);
+    return parentDigest();
+}
+
+const Digest& Bucket::parentDigest() const {
+    if (!parentKnown_) {
+        parent_ = Digest(BucketName::parentName(fullName_));
+        parentKnown_ = true;
+    }
     return parent_;
 }
 WString Bucket::getFileName() {
@@ -644,7 +654,7 @@ void Bucket::print() const {
         std::printf("fullName_       %s\r\n", NString(fullName_).c_str());
         std::printf("shorName_       %s\r\n", NString(shortName_).c_str());
         std::printf("digest_         %s\r\n", digestText(digest_).c_str());
-        std::printf("parent_         %s\r\n", digestText(parent_).c_str());
+        std::printf("parent_         %s\r\n", digestText(parentDigest()).c_str());
         std::printf("fileName_       %s\r\n", NString(fileName_).c_str());
         std::printf("persistentFlag_ %s\r\n", yesNo(persistentFlag_));
         std::printf("version_        %d\r\n", static_cast<int>(version_));

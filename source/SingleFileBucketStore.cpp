@@ -321,17 +321,26 @@ AutoRef<IBucket> SingleFileBucketStore::readRecord(int64_t offset) {
     if (offset + segment::kRecordLengthSize > committedLength_) {
         ZQ_THROW(DeserializationError);
     }
-    const int64_t length = readI64(*file_, offset);
+    // One read takes the length and, for most records, the whole record.
+    constexpr int64_t kFirstRead = 1024;
+    const int64_t available = committedLength_ - offset;
+    std::vector<unsigned char> bytes(static_cast<size_t>(std::min(kFirstRead, available)));
+    readExactly(*file_, offset, bytes.data(), bytes.size());
+    const int64_t length = static_cast<int64_t>(kel::getU64(bytes.data()));
     if (length <= 0) {
         return AutoRef<IBucket>();
     }
-    if (length > committedLength_ - offset - segment::kRecordLengthSize) {
+    if (length > available - segment::kRecordLengthSize) {
         ZQ_THROW(DeserializationError);
     }
-    std::vector<unsigned char> bytes(segment::lengthInMemory(length));
-    readExactly(*file_, offset + segment::kRecordLengthSize, bytes.data(), bytes.size());
+    const size_t read = bytes.size();
+    bytes.resize(segment::kRecordLengthSize + segment::lengthInMemory(length));
+    if (bytes.size() > read) {
+        readExactly(*file_, offset + static_cast<int64_t>(read), bytes.data() + read,
+                    bytes.size() - read);
+    }
     AutoRef<IBucket> bucket(new Bucket());
-    const unsigned char* cursor = bytes.data();
+    const unsigned char* cursor = bytes.data() + segment::kRecordLengthSize;
     bucket->deserialize(cursor, bytes.data() + bytes.size());
     return bucket;
 }

@@ -77,6 +77,34 @@ TEST_F(StoreBehaviourTest, NamesAreCaseInsensitiveAndTheStoredSpellingComesBack)
     EXPECT_TRUE(store_->containsBucket(bucket, status_));
 }
 
+// A record of up to about a kilobyte comes in one read with its length; a
+// longer one needs a second read for the rest. Either way every byte is its own.
+TEST_F(StoreBehaviourTest, RecordsOfEverySizeReadBackWhole) {
+    const size_t sizes[] = {0, 900, 1100, 5000};
+    for (size_t size : sizes) {
+        const std::wstring name = L"/b" + std::to_wstring(size);
+        AutoRef<IBucket> bucket = makeBucket(name);
+        std::vector<unsigned char> blob(size);
+        for (size_t i = 0; i < size; ++i) {
+            blob[i] = static_cast<unsigned char>(i * 7 + size);
+        }
+        bucket->setBlobValue(WString(L"blob"), blob.data(), static_cast<uint32_t>(size), status_,
+                             true);
+        store_->commit({{WString(name.c_str()), bucket}}, {}, status_);
+        ASSERT_EQ(status_.getCode(), 0);
+
+        const uint64_t reads = fs_.calls(SimulatedFileSystem::kReadCall);
+        AutoRef<IBucket> read = store_->readBucket(WString(name.c_str()), status_);
+        ASSERT_TRUE(read);
+        EXPECT_EQ(fs_.calls(SimulatedFileSystem::kReadCall) - reads, size < 1000 ? 1u : 2u);
+        std::vector<unsigned char> back(size + 1);
+        EXPECT_EQ(read->getValue(WString(L"blob"), status_)->getBlob(back.data(), size, status_),
+                  size);
+        back.resize(size);
+        EXPECT_EQ(back, blob);
+    }
+}
+
 // A first segment in name order is indexed as it is; a compacted one, in
 // digest order, is sampled and searched block by block. Either way newer
 // segments' updates and deletions win: after a commit, an open and a

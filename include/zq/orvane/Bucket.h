@@ -122,13 +122,16 @@ class ZQ_EXPORT Bucket
     void mergeWalk(IBucket& other, Take& take, kel::StatusChain& status);
     uint32_t recordSize() const;                  // mutex_ held
     void setNames(const kel::WString& fullName);  // mutex_ held
+    const Digest& parentDigest() const;           // mutex_ held
     void touch();                                 // mutex_ held
 
     mutable std::mutex mutex_;
     kel::WString fullName_;
     kel::WString shortName_;
     Digest digest_;
-    Digest parent_;
+    // Hashed on first request: most buckets read are never asked for it.
+    mutable Digest parent_;
+    mutable bool parentKnown_;
     kel::WString fileName_;  // computed on first request
     std::unique_ptr<BucketContents> contents_;
     bool persistentFlag_;
