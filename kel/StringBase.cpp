@@ -195,8 +195,14 @@ bool StringBase<C, O, W>::operator<(const StringBase& other) const {
     // Full names share long prefixes: those are passed a word at a time.
     constexpr size_t kWord = sizeof(uint64_t) / sizeof(C);
     size_t i = 0;
-    while (i + kWord <= n && std::memcmp(start_ + i, other.start_ + i, sizeof(uint64_t)) == 0) {
-        i += kWord;
+    for (; i + kWord <= n; i += kWord) {
+        uint64_t a;
+        uint64_t b;
+        std::memcpy(&a, start_ + i, sizeof a);
+        std::memcpy(&b, other.start_ + i, sizeof b);
+        if (a != b) {
+            break;
+        }
     }
     for (; i < n; ++i) {
         if (start_[i] != other.start_[i]) {

@@ -99,19 +99,18 @@ Bucket::Bucket(const Bucket& other)
 
 Bucket::~Bucket() = default;
 
-void Bucket::setNames(const WString& fullName) {
+void Bucket::setNames(WString fullName, const Digest* digest) {
     if (fullName == fullName_) {
         return;  // everything derived from it is already in place
     }
     // Everything that allocates comes first, so running out of memory leaves
     // the old names in place.
-    WString copy(fullName);
     WString shortName = BucketName::shortName(fullName);
-    const Digest digest(fullName);
+    const Digest hashed = digest != nullptr ? *digest : Digest(fullName);
     WString noFileName;  // the old one belongs to the old name
-    fullName_ = std::move(copy);
+    fullName_ = std::move(fullName);
     shortName_ = std::move(shortName);
-    digest_ = digest;
+    digest_ = hashed;
     parentKnown_ = false;
     fileName_ = std::move(noFileName);
 }
@@ -604,6 +603,21 @@ void Bucket::serialize(unsigned char*& cursor, const unsigned char* end) const {
 // damaged record leaves the bucket as it was.
 void Bucket::deserialize(const unsigned char*& cursor, const unsigned char* end) {
     try {
+        readRecord(cursor, end, nullptr, nullptr);
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        ZQ_THROW(DeserializationError);
+    }
+}
+
+void Bucket::deserializeFound(const unsigned char*& cursor, const unsigned char* end,
+                              const WString& name, const Digest& digest) {
+    readRecord(cursor, end, &name, &digest);
+}
+
+void Bucket::readRecord(const unsigned char*& cursor, const unsigned char* end, const WString* name,
+                        const Digest* digest) {
+    try {
         RecordReader reader(cursor, end);
         reader.u32();  // the format version: never checked
         const uint32_t version = reader.u32();
@@ -612,28 +626,26 @@ void Bucket::deserialize(const unsigned char*& cursor, const unsigned char* end)
         const uint32_t count = reader.u32();
         reader.requireItems(count, kMinEntrySize);
         BucketContents read;
-        WString name;  // decoded into again and again: its storage is reused
+        WString entry;  // decoded into again and again: its storage is reused
         for (uint32_t i = read.adoptEncoded(reader, count) ? count : 0; i < count; ++i) {
-            name.deserialize(reader.cursor(), reader.end());
+            entry.deserialize(reader.cursor(), reader.end());
             AutoRef<BucketValue> value(new BucketValue());
             value->deserialize(reader.cursor(), reader.end());
             // As setValue with replace: an unset value or an empty name is
             // not stored, a later entry of the same name wins.
-            if (!name.empty() && isKnownType(value->getType())) {
-                read.store(name, std::move(value), true);
+            if (!entry.empty() && isKnownType(value->getType())) {
+                read.store(entry, std::move(value), true);
             }
         }
+        const bool named = name != nullptr && fullName == *name;
         Lock lock(mutex_);
-        setNames(fullName);
+        setNames(std::move(fullName), named ? digest : nullptr);
         version_ = version;
         contents_->swapValues(read);
         modifiedTime_ = kel::AbsoluteTime::now();
         modified_ = false;
     } catch (const kel::exception::DeserializationError&) {
         throw;
-    } catch (const std::bad_alloc&) {
-        errno = ENOMEM;
-        ZQ_THROW(DeserializationError);
     } catch (const kel::exception::Exception&) {
         ZQ_THROW(DeserializationError);  // bad UTF-8 in a name
     }

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cwctype>
 #include <new>
+#include <type_traits>
 
 #include "kel/Throw.h"
 #include "source/Guard.h"
@@ -47,17 +48,46 @@ uint32_t weigh(const AutoRef<IBucket>& bucket) {
 
 }  // namespace
 
+FoldedKey::FoldedKey(const WString& fullName) : text_(inline_), length_(fullName.length()) {
+    wchar_t* out = inline_;
+    if (length_ > kInline) {
+        heap_.reset(new wchar_t[length_]);
+        out = heap_.get();
+        text_ = out;
+    }
+    const wchar_t* in = fullName.c_str();
+    for (size_t i = 0; i < length_; ++i) {
+        out[i] = static_cast<wchar_t>(std::towlower(static_cast<wint_t>(in[i])));
+    }
+}
+
+namespace {
+
+// As WString::operator<: code units compared unsigned, a prefix first.
+bool unitsBefore(const wchar_t* a, size_t aLength, const wchar_t* b, size_t bLength) {
+    using Unit = std::make_unsigned<wchar_t>::type;
+    const size_t n = aLength < bLength ? aLength : bLength;
+    for (size_t i = 0; i < n; ++i) {
+        if (a[i] != b[i]) {
+            return static_cast<Unit>(a[i]) < static_cast<Unit>(b[i]);
+        }
+    }
+    return aLength < bLength;
+}
+
+}  // namespace
+
+bool KeyOrder::operator()(const WString& a, const FoldedKey& b) const {
+    return unitsBefore(a.c_str(), a.length(), b.text(), b.length());
+}
+
+bool KeyOrder::operator()(const FoldedKey& a, const WString& b) const {
+    return unitsBefore(a.text(), a.length(), b.c_str(), b.length());
+}
+
 BucketCase::BucketCase() : handleCounter_(1), used_(0) {}
 
 BucketCase::~BucketCase() = default;
-
-WString BucketCase::foldName(const WString& fullName) {
-    WString folded(fullName);
-    for (size_t i = 0; i < folded.length(); ++i) {
-        folded[i] = static_cast<wchar_t>(std::towlower(static_cast<wint_t>(folded[i])));
-    }
-    return folded;
-}
 
 void BucketCase::clear() {
     Lock lock(mutex_);
@@ -75,29 +105,31 @@ void BucketCase::insertBucket(AutoRef<IBucket>& bucket, const bool* replace, Sta
         }
         // Weighed outside the lock: the bucket's own lock is taken for the walk.
         const uint32_t weight = weigh(bucket);
-        const WString key = foldName(bucket->getFullName());
+        const FoldedKey key(bucket->getFullName());
         const Digest digest = bucket->getDigest();
         Lock lock(mutex_);
         insertLocked(bucket, weight, key, digest, replace != nullptr && *replace, status);
     });
 }
 
-void BucketCase::insertLocked(const AutoRef<IBucket>& bucket, uint32_t weight, const WString& key,
+void BucketCase::insertLocked(const AutoRef<IBucket>& bucket, uint32_t weight, const FoldedKey& key,
                               const Digest& digest, bool replace, StatusChain& status) {
-    if (!place(names_, digests_, used_, Entry{bucket, weight, digest}, key, replace)) {
+    const auto placed = place(names_, digests_, used_, Entry{bucket, weight, digest}, key, replace);
+    if (placed == names_.end()) {
         status.setCode(status::kAlreadyPresent);
         return;
     }
     markCursorsChanged();
-    bucketAdded(key);
+    bucketAdded(placed->first);
 }
 
 // Either the entry goes in or, on a throw, the maps stay as they were.
-bool BucketCase::place(NameMap& names, DigestMap& digests, uint32_t& used, const Entry& entry,
-                       const WString& key, bool replace) {
+BucketCase::NameMap::iterator BucketCase::place(NameMap& names, DigestMap& digests, uint32_t& used,
+                                                const Entry& entry, const FoldedKey& key,
+                                                bool replace) {
     const auto at = names.lower_bound(key);
-    if (at == names.end() || at->first != key) {
-        const auto added = names.emplace_hint(at, key, entry);
+    if (at == names.end() || KeyOrder()(key, at->first)) {
+        const auto added = names.emplace_hint(at, key.toString(), entry);
         try {
             digests.emplace(entry.digest, entry.bucket);
         } catch (...) {
@@ -105,10 +137,10 @@ bool BucketCase::place(NameMap& names, DigestMap& digests, uint32_t& used, const
             throw;
         }
         used += entry.weight;
-        return true;
+        return added;
     }
     if (!replace) {
-        return false;
+        return names.end();
     }
     // One fold, one digest: the digest entry is already there, so nothing
     // below allocates and the replacement cannot fail half way.
@@ -120,7 +152,7 @@ bool BucketCase::place(NameMap& names, DigestMap& digests, uint32_t& used, const
     held.bucket = entry.bucket;
     used = used - held.weight + entry.weight;
     held.weight = entry.weight;
-    return true;
+    return at;
 }
 
 void BucketCase::bucketAdded(const WString&) {}
@@ -130,7 +162,7 @@ AutoRef<IBucket> BucketCase::findBucket(const WString& fullName) {
 }
 
 AutoRef<IBucket> BucketCase::findHeld(const WString& fullName) {
-    const WString key = foldName(fullName);
+    const FoldedKey key(fullName);
     Lock lock(mutex_);
     const auto found = names_.find(key);
     return found == names_.end() ? AutoRef<IBucket>() : found->second.bucket;
@@ -215,13 +247,13 @@ AutoRef<IBucket> BucketCase::getNextBucket(const int32_t* handle, StatusChain& s
 
 bool BucketCase::removeBucket(const WString& fullName) {
     return quietly([&] {
-        const WString key = foldName(fullName);
+        const FoldedKey key(fullName);
         Lock lock(mutex_);
         return eraseKey(key);
     });
 }
 
-bool BucketCase::eraseKey(const WString& key) {
+bool BucketCase::eraseKey(const FoldedKey& key) {
     const auto found = names_.find(key);
     if (found == names_.end()) {
         return false;
@@ -239,9 +271,9 @@ void BucketCase::eraseEntry(NameMap::const_iterator at) {
 
 bool BucketCase::containsBucket(const WString& fullName) {
     return quietly([&] {
-        const WString key = foldName(fullName);
+        const FoldedKey key(fullName);
         Lock lock(mutex_);
-        return names_.count(key) != 0;
+        return names_.find(key) != names_.end();
     });
 }
 
@@ -284,7 +316,7 @@ void BucketCase::deserialize(const unsigned char*& cursor, const unsigned char* 
             AutoRef<IBucket> bucket(new Bucket());
             bucket->deserialize(cursor, end);
             const Entry entry{bucket, weigh(bucket), bucket->getDigest()};
-            place(names, digests, used, entry, foldName(bucket->getFullName()), true);
+            place(names, digests, used, entry, FoldedKey(bucket->getFullName()), true);
         }
         clear();  // through the table, so a cache's own clear runs
         names_.swap(names);

@@ -1,8 +1,10 @@
 #ifndef ZQ_ORVANE_BUCKETCASE_H
 #define ZQ_ORVANE_BUCKETCASE_H
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <mutex>
 
 #include "source/OrvaneAtomicInt.h"
@@ -16,6 +18,34 @@
 
 namespace zq {
 namespace orvane {
+
+// A full name folded as the cases key it (each character through towlower),
+// for a lookup: names of usual length need no block of their own.
+class FoldedKey {
+  public:
+    explicit FoldedKey(const kel::WString& fullName);
+    FoldedKey(const FoldedKey&) = delete;
+    FoldedKey& operator=(const FoldedKey&) = delete;
+
+    const wchar_t* text() const { return text_; }
+    size_t length() const { return length_; }
+    kel::WString toString() const { return kel::WString(text_, length_); }
+
+  private:
+    static constexpr size_t kInline = 64;
+    wchar_t inline_[kInline];
+    std::unique_ptr<wchar_t[]> heap_;
+    const wchar_t* text_;
+    size_t length_;
+};
+
+// Code-unit order of folded names, held (WString) or looked up (FoldedKey).
+struct KeyOrder {
+    using is_transparent = void;
+    bool operator()(const kel::WString& a, const kel::WString& b) const { return a < b; }
+    bool operator()(const kel::WString& a, const FoldedKey& b) const;
+    bool operator()(const FoldedKey& a, const kel::WString& b) const;
+};
 
 // A set of whole buckets by full name and by digest, weighed by
 // Bucket::getMemUsage when they go in. The base of the manager's two caches
@@ -68,10 +98,6 @@ class BucketCase
     uint32_t usedBytes() const;
     // Recomputes usedBytes from the weights recorded in the entries.
     virtual void recount();
-
-    // The key of a full name: what makes two spellings the same bucket.
-    static kel::WString foldName(const kel::WString& fullName);
-
   protected:
     struct Entry {
         kel::AutoRef<IBucket> bucket;
@@ -80,7 +106,7 @@ class BucketCase
         // name (a client may deserialize another record into it).
         Digest digest;
     };
-    using NameMap = std::map<kel::WString, Entry>;  // by folded name
+    using NameMap = std::map<kel::WString, Entry, KeyOrder>;  // by folded name
     using DigestMap = std::map<Digest, kel::AutoRef<IBucket>>;
 
     // Runs with mutex_ held after a bucket went in under `key`, new or
@@ -90,7 +116,7 @@ class BucketCase
     // For derived classes, with mutex_ held.
     const NameMap& entries() const { return names_; }
     void eraseEntry(NameMap::const_iterator at);
-    bool eraseKey(const kel::WString& key);
+    bool eraseKey(const FoldedKey& key);
     void markCursorsChanged();
 
   private:
@@ -99,10 +125,11 @@ class BucketCase
         bool changed;
     };
 
-    void insertLocked(const kel::AutoRef<IBucket>& bucket, uint32_t weight, const kel::WString& key,
+    void insertLocked(const kel::AutoRef<IBucket>& bucket, uint32_t weight, const FoldedKey& key,
                       const Digest& digest, bool replace, kel::StatusChain& status);
-    static bool place(NameMap& names, DigestMap& digests, uint32_t& used, const Entry& entry,
-                      const kel::WString& key, bool replace);
+    // The entry placed, or names.end() when the name is held and not replaced.
+    static NameMap::iterator place(NameMap& names, DigestMap& digests, uint32_t& used,
+                                   const Entry& entry, const FoldedKey& key, bool replace);
     int32_t drawHandle();
 
     mutable std::recursive_mutex mutex_;

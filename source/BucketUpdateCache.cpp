@@ -27,11 +27,11 @@ void BucketUpdateCache::clear() {
 }
 
 void BucketUpdateCache::eraseBucket(const WString& fullName) {
-    const WString key = foldName(fullName);
+    const FoldedKey key(fullName);
     Lock lock(mutex());
     const auto found = deleted_.find(key);
     if (found == deleted_.end()) {
-        deleted_.emplace(key, fullName);
+        deleted_.emplace(key.toString(), fullName);
     } else {
         found->second = fullName;
     }
@@ -39,9 +39,11 @@ void BucketUpdateCache::eraseBucket(const WString& fullName) {
 }
 
 bool BucketUpdateCache::isDeleted(const WString& fullName) const {
-    const WString key = foldName(fullName);
     Lock lock(mutex());
-    return deleted_.count(key) != 0;
+    if (deleted_.empty()) {
+        return false;  // the usual case: no fold needed
+    }
+    return deleted_.find(FoldedKey(fullName)) != deleted_.end();
 }
 
 // A put after a delete of the same name: the bucket exists, with the put's

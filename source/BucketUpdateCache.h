@@ -54,7 +54,7 @@ class BucketUpdateCache : public BucketCase {
 
     const uint32_t limit_;
     // Folded name -> the spelling it was deleted under.
-    std::map<kel::WString, kel::WString> deleted_;
+    std::map<kel::WString, kel::WString, KeyOrder> deleted_;
 };
 
 }  // namespace orvane

@@ -299,11 +299,16 @@ void SingleFileBucketStore::close(StatusChain& status) {
 // ---------------------------------------------------------------- reading
 
 AutoRef<IBucket> SingleFileBucketStore::readBucket(const WString& name, StatusChain& status) {
-    return storeOperation(status, [&] { return readBucketByDigest(Digest(name), status); });
+    return storeOperation(status, [&] { return readBucketAt(Digest(name), &name, status); });
 }
 
 AutoRef<IBucket> SingleFileBucketStore::readBucketByDigest(const Digest& digest,
                                                            StatusChain& status) {
+    return storeOperation(status, [&] { return readBucketAt(digest, nullptr, status); });
+}
+
+AutoRef<IBucket> SingleFileBucketStore::readBucketAt(const Digest& digest, const WString* name,
+                                                     StatusChain& status) {
     return storeOperation(status, [&]() -> AutoRef<IBucket> {
         Lock lock(mutex_);
         if (!open_) {
@@ -311,13 +316,15 @@ AutoRef<IBucket> SingleFileBucketStore::readBucketByDigest(const Digest& digest,
             return AutoRef<IBucket>();
         }
         const StoreIndex::Location* location = index_.find(*file_, keyOf(digest));
-        return location == nullptr ? AutoRef<IBucket>() : readRecord(location->offset);
+        return location == nullptr ? AutoRef<IBucket>()
+                                   : readRecord(location->offset, name, &digest);
     });
 }
 
 // Every byte read lies inside the committed length: past it nothing is
 // trusted.
-AutoRef<IBucket> SingleFileBucketStore::readRecord(int64_t offset) {
+AutoRef<IBucket> SingleFileBucketStore::readRecord(int64_t offset, const WString* name,
+                                                   const Digest* digest) {
     if (offset + segment::kRecordLengthSize > committedLength_) {
         ZQ_THROW(DeserializationError);
     }
@@ -339,10 +346,14 @@ AutoRef<IBucket> SingleFileBucketStore::readRecord(int64_t offset) {
         readExactly(*file_, offset + static_cast<int64_t>(read), bytes.data() + read,
                     bytes.size() - read);
     }
-    AutoRef<IBucket> bucket(new Bucket());
+    AutoRef<Bucket> bucket(new Bucket());
     const unsigned char* cursor = bytes.data() + segment::kRecordLengthSize;
-    bucket->deserialize(cursor, bytes.data() + bytes.size());
-    return bucket;
+    if (name != nullptr) {
+        bucket->deserializeFound(cursor, bytes.data() + bytes.size(), *name, *digest);
+    } else {
+        bucket->deserialize(cursor, bytes.data() + bytes.size());
+    }
+    return AutoRef<IBucket>(bucket);
 }
 
 bool SingleFileBucketStore::exists(const WString& name, StatusChain& status) {

@@ -89,7 +89,12 @@ class SingleFileBucketStore : public IBucketStore {
     void swapInCompactedFile(std::unique_ptr<kel::osdep::File> fresh, int64_t end);
     bool overSize(int64_t committedLength) const;
 
-    kel::AutoRef<IBucket> readRecord(int64_t offset);
+    // `name`, when given, is the name the record was looked up by, and
+    // `digest` its digest.
+    kel::AutoRef<IBucket> readRecord(int64_t offset, const kel::WString* name,
+                                     const Digest* digest);
+    kel::AutoRef<IBucket> readBucketAt(const Digest& digest, const kel::WString* name,
+                                       kel::StatusChain& status);
     void rememberSignature() noexcept;
     void settle(const kel::osdep::FileSystem::Status& now);
     bool reload(const kel::osdep::FileSystem::Status& now, const CommitMarks::Mark& mark,

@@ -39,6 +39,11 @@ class ZQ_EXPORT Bucket
     uint32_t serializationSize() const override;
     void serialize(unsigned char*& cursor, const unsigned char* end) const override;
     void deserialize(const unsigned char*& cursor, const unsigned char* end) override;
+    // deserialize, for the store's record found by `name`, whose digest is
+    // `digest`: a record that spells the name the same way is not hashed
+    // again, and lack of memory throws std::bad_alloc, not damage.
+    void deserializeFound(const unsigned char*& cursor, const unsigned char* end,
+                          const kel::WString& name, const Digest& digest);
 
     bool setBlobValue(const kel::WString& name, const unsigned char* bytes, uint32_t size,
                       kel::StatusChain& status, bool replace) override;
@@ -120,10 +125,14 @@ class ZQ_EXPORT Bucket
     bool adoptInto(const BucketContents& given);
     template <class Take>
     void mergeWalk(IBucket& other, Take& take, kel::StatusChain& status);
-    uint32_t recordSize() const;                  // mutex_ held
-    void setNames(const kel::WString& fullName);  // mutex_ held
-    const Digest& parentDigest() const;           // mutex_ held
-    void touch();                                 // mutex_ held
+    uint32_t recordSize() const;  // mutex_ held
+    // Lets std::bad_alloc through.
+    void readRecord(const unsigned char*& cursor, const unsigned char* end,
+                    const kel::WString* name, const Digest* digest);
+    // `digest`, when given, is the digest of `fullName`.
+    void setNames(kel::WString fullName, const Digest* digest = nullptr);  // mutex_ held
+    const Digest& parentDigest() const;                                    // mutex_ held
+    void touch();                                                          // mutex_ held
 
     mutable std::mutex mutex_;
     kel::WString fullName_;
