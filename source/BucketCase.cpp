@@ -1,6 +1,7 @@
 #include "source/BucketCase.h"
 
 #include <cerrno>
+#include <cstring>
 #include <cwctype>
 #include <new>
 #include <type_traits>
@@ -63,11 +64,23 @@ FoldedKey::FoldedKey(const WString& fullName) : text_(inline_), length_(fullName
 
 namespace {
 
-// As WString::operator<: code units compared unsigned, a prefix first.
+// As WString::operator<: code units compared unsigned, a prefix first. Full
+// names share long prefixes: those are passed a word at a time.
 bool unitsBefore(const wchar_t* a, size_t aLength, const wchar_t* b, size_t bLength) {
     using Unit = std::make_unsigned<wchar_t>::type;
+    constexpr size_t kWord = sizeof(uint64_t) / sizeof(wchar_t);
     const size_t n = aLength < bLength ? aLength : bLength;
-    for (size_t i = 0; i < n; ++i) {
+    size_t i = 0;
+    for (; i + kWord <= n; i += kWord) {
+        uint64_t x;
+        uint64_t y;
+        std::memcpy(&x, a + i, sizeof x);
+        std::memcpy(&y, b + i, sizeof y);
+        if (x != y) {
+            break;
+        }
+    }
+    for (; i < n; ++i) {
         if (a[i] != b[i]) {
             return static_cast<Unit>(a[i]) < static_cast<Unit>(b[i]);
         }
