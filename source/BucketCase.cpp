@@ -60,6 +60,16 @@ FoldedKey::FoldedKey(const WString& fullName) : text_(inline_), length_(fullName
     for (size_t i = 0; i < length_; ++i) {
         out[i] = static_cast<wchar_t>(std::towlower(static_cast<wint_t>(in[i])));
     }
+    hash_ = hashOf(text_, length_);
+}
+
+// FNV-1a over the code units.
+uint64_t FoldedKey::hashOf(const wchar_t* text, size_t length) {
+    uint64_t hash = 14695981039346656037ull;
+    for (size_t i = 0; i < length; ++i) {
+        hash = (hash ^ static_cast<uint32_t>(text[i])) * 1099511628211ull;
+    }
+    return hash;
 }
 
 namespace {
@@ -105,8 +115,7 @@ BucketCase::~BucketCase() = default;
 void BucketCase::clear() {
     Lock lock(mutex_);
     markCursorsChanged();
-    names_.clear();
-    digests_.clear();
+    maps_.clear();
     used_ = 0;
 }
 
@@ -127,8 +136,8 @@ void BucketCase::insertBucket(AutoRef<IBucket>& bucket, const bool* replace, Sta
 
 void BucketCase::insertLocked(const AutoRef<IBucket>& bucket, uint32_t weight, const FoldedKey& key,
                               const Digest& digest, bool replace, StatusChain& status) {
-    const auto placed = place(names_, digests_, used_, Entry{bucket, weight, digest}, key, replace);
-    if (placed == names_.end()) {
+    const auto placed = maps_.place(used_, Entry{bucket, weight, digest}, key, replace);
+    if (placed == maps_.names.end()) {
         status.setCode(status::kAlreadyPresent);
         return;
     }
@@ -137,14 +146,31 @@ void BucketCase::insertLocked(const AutoRef<IBucket>& bucket, uint32_t weight, c
 }
 
 // Either the entry goes in or, on a throw, the maps stay as they were.
-BucketCase::NameMap::iterator BucketCase::place(NameMap& names, DigestMap& digests, uint32_t& used,
-                                                const Entry& entry, const FoldedKey& key,
-                                                bool replace) {
-    const auto at = names.lower_bound(key);
-    if (at == names.end() || KeyOrder()(key, at->first)) {
-        const auto added = names.emplace_hint(at, key.toString(), entry);
+BucketCase::NameMap::iterator BucketCase::Maps::find(const FoldedKey& key) {
+    const auto range = byHash.equal_range(key.hash());
+    for (auto at = range.first; at != range.second; ++at) {
+        const WString& held = at->second->first;
+        if (held.length() == key.length() &&
+            std::memcmp(held.c_str(), key.text(), key.length() * sizeof(wchar_t)) == 0) {
+            return at->second;
+        }
+    }
+    return names.end();
+}
+
+BucketCase::NameMap::iterator BucketCase::Maps::place(uint32_t& used, const Entry& entry,
+                                                      const FoldedKey& key, bool replace) {
+    const auto at = find(key);
+    if (at == names.end()) {
+        const auto added = names.emplace_hint(names.lower_bound(key), key.toString(), entry);
         try {
-            digests.emplace(entry.digest, entry.bucket);
+            const auto indexed = byHash.emplace(key.hash(), added);
+            try {
+                digests.emplace(entry.digest, entry.bucket);
+            } catch (...) {
+                byHash.erase(indexed);
+                throw;
+            }
         } catch (...) {
             names.erase(added);
             throw;
@@ -168,6 +194,30 @@ BucketCase::NameMap::iterator BucketCase::place(NameMap& names, DigestMap& diges
     return at;
 }
 
+void BucketCase::Maps::erase(NameMap::const_iterator at) {
+    const auto range = byHash.equal_range(FoldedKey::hashOf(at->first.c_str(), at->first.length()));
+    for (auto indexed = range.first; indexed != range.second; ++indexed) {
+        if (indexed->second == at) {
+            byHash.erase(indexed);
+            break;
+        }
+    }
+    digests.erase(at->second.digest);
+    names.erase(at);
+}
+
+void BucketCase::Maps::clear() {
+    byHash.clear();
+    digests.clear();
+    names.clear();
+}
+
+void BucketCase::Maps::swap(Maps& other) {
+    names.swap(other.names);
+    digests.swap(other.digests);
+    byHash.swap(other.byHash);
+}
+
 void BucketCase::bucketAdded(const WString&) {}
 
 AutoRef<IBucket> BucketCase::findBucket(const WString& fullName) {
@@ -177,14 +227,14 @@ AutoRef<IBucket> BucketCase::findBucket(const WString& fullName) {
 AutoRef<IBucket> BucketCase::findHeld(const WString& fullName) {
     const FoldedKey key(fullName);
     Lock lock(mutex_);
-    const auto found = names_.find(key);
-    return found == names_.end() ? AutoRef<IBucket>() : found->second.bucket;
+    const auto found = maps_.find(key);
+    return found == maps_.names.end() ? AutoRef<IBucket>() : found->second.bucket;
 }
 
 AutoRef<IBucket> BucketCase::findBucketByDigest(const Digest& digest) {
     Lock lock(mutex_);
-    const auto found = digests_.find(digest);
-    return found == digests_.end() ? AutoRef<IBucket>() : found->second;
+    const auto found = maps_.digests.find(digest);
+    return found == maps_.digests.end() ? AutoRef<IBucket>() : found->second;
 }
 
 int32_t BucketCase::openEnumeration() {
@@ -192,7 +242,7 @@ int32_t BucketCase::openEnumeration() {
         Lock lock(mutex_);
         const int32_t handle = drawHandle();
         // A new cursor stands at the end: the walk begins with getFirstBucket.
-        cursors_.emplace(handle, Cursor{names_.end(), false});
+        cursors_.emplace(handle, Cursor{maps_.names.end(), false});
         return handle;
     });
 }
@@ -224,12 +274,12 @@ AutoRef<IBucket> BucketCase::getFirstBucket(const int32_t* handle) {
     }
     return quietly([&]() -> AutoRef<IBucket> {
         Lock lock(mutex_);
-        if (names_.empty()) {
+        if (maps_.names.empty()) {
             return AutoRef<IBucket>();
         }
         // Any non-zero handle will do, opened or not: the manager relies on it.
-        cursors_[*handle] = Cursor{names_.begin(), false};
-        return names_.begin()->second.bucket;
+        cursors_[*handle] = Cursor{maps_.names.begin(), false};
+        return maps_.names.begin()->second.bucket;
     });
 }
 
@@ -247,11 +297,11 @@ AutoRef<IBucket> BucketCase::getNextBucket(const int32_t* handle, StatusChain& s
         Cursor& cursor = found->second;
         if (cursor.changed) {
             // The flag stays set, so every later step warns again.
-            cursor.position = names_.end();
+            cursor.position = maps_.names.end();
             status.setCode(status::kCursorInvalidated);
             return AutoRef<IBucket>();
         }
-        if (cursor.position == names_.end() || ++cursor.position == names_.end()) {
+        if (cursor.position == maps_.names.end() || ++cursor.position == maps_.names.end()) {
             return AutoRef<IBucket>();
         }
         return cursor.position->second.bucket;
@@ -267,8 +317,8 @@ bool BucketCase::removeBucket(const WString& fullName) {
 }
 
 bool BucketCase::eraseKey(const FoldedKey& key) {
-    const auto found = names_.find(key);
-    if (found == names_.end()) {
+    const auto found = maps_.find(key);
+    if (found == maps_.names.end()) {
         return false;
     }
     eraseEntry(found);
@@ -276,9 +326,8 @@ bool BucketCase::eraseKey(const FoldedKey& key) {
 }
 
 void BucketCase::eraseEntry(NameMap::const_iterator at) {
-    digests_.erase(at->second.digest);
     used_ -= at->second.weight;
-    names_.erase(at);
+    maps_.erase(at);
     markCursorsChanged();
 }
 
@@ -286,19 +335,19 @@ bool BucketCase::containsBucket(const WString& fullName) {
     return quietly([&] {
         const FoldedKey key(fullName);
         Lock lock(mutex_);
-        return names_.find(key) != names_.end();
+        return maps_.find(key) != maps_.names.end();
     });
 }
 
 uint32_t BucketCase::getBucketCount() {
     Lock lock(mutex_);
-    return static_cast<uint32_t>(names_.size());
+    return static_cast<uint32_t>(maps_.names.size());
 }
 
 uint32_t BucketCase::serializationSize() {
     Lock lock(mutex_);
     uint32_t size = kHeaderSize;
-    for (const auto& entry : names_) {
+    for (const auto& entry : maps_.names) {
         size += entry.second.bucket->serializationSize();
     }
     return size;
@@ -308,8 +357,8 @@ void BucketCase::serialize(unsigned char*& cursor, const unsigned char* end) {
     Lock lock(mutex_);
     RecordWriter writer(cursor, end);
     writer.u32(kFormatVersion);
-    writer.u32(static_cast<uint32_t>(names_.size()));
-    for (const auto& entry : names_) {
+    writer.u32(static_cast<uint32_t>(maps_.names.size()));
+    for (const auto& entry : maps_.names) {
         entry.second.bucket->serialize(cursor, end);
     }
 }
@@ -322,20 +371,18 @@ void BucketCase::deserialize(const unsigned char*& cursor, const unsigned char* 
         RecordReader reader(cursor, end);
         reader.u32();  // the format version: every reader skips it
         const uint32_t count = reader.u32();
-        NameMap names;
-        DigestMap digests;
+        Maps maps;
         uint32_t used = 0;
         for (uint32_t i = 0; i < count; ++i) {
             AutoRef<IBucket> bucket(new Bucket());
             bucket->deserialize(cursor, end);
             const Entry entry{bucket, weigh(bucket), bucket->getDigest()};
-            place(names, digests, used, entry, FoldedKey(bucket->getFullName()), true);
+            maps.place(used, entry, FoldedKey(bucket->getFullName()), true);
         }
         clear();  // through the table, so a cache's own clear runs
-        names_.swap(names);
-        digests_.swap(digests);
+        maps_.swap(maps);
         used_ = used;
-        for (const auto& entry : names_) {
+        for (const auto& entry : maps_.names) {
             bucketAdded(entry.first);
         }
         markCursorsChanged();
@@ -353,7 +400,7 @@ uint32_t BucketCase::usedBytes() const {
 void BucketCase::recount() {
     Lock lock(mutex_);
     uint32_t used = 0;
-    for (const auto& entry : names_) {
+    for (const auto& entry : maps_.names) {
         used += entry.second.weight;
     }
     used_ = used;

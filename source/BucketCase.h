@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <unordered_map>
 
 #include "source/OrvaneAtomicInt.h"
 #include "zq/kel/AutoRef.h"
@@ -29,7 +30,11 @@ class FoldedKey {
 
     const wchar_t* text() const { return text_; }
     size_t length() const { return length_; }
+    uint64_t hash() const { return hash_; }
     kel::WString toString() const { return kel::WString(text_, length_); }
+
+    // The hash of a folded text, as hash() gives it.
+    static uint64_t hashOf(const wchar_t* text, size_t length);
 
   private:
     static constexpr size_t kInline = 64;
@@ -37,6 +42,7 @@ class FoldedKey {
     std::unique_ptr<wchar_t[]> heap_;
     const wchar_t* text_;
     size_t length_;
+    uint64_t hash_;
 };
 
 // Code-unit order of folded names, held (WString) or looked up (FoldedKey).
@@ -98,6 +104,7 @@ class BucketCase
     uint32_t usedBytes() const;
     // Recomputes usedBytes from the weights recorded in the entries.
     virtual void recount();
+
   protected:
     struct Entry {
         kel::AutoRef<IBucket> bucket;
@@ -108,13 +115,16 @@ class BucketCase
     };
     using NameMap = std::map<kel::WString, Entry, KeyOrder>;  // by folded name
     using DigestMap = std::map<Digest, kel::AutoRef<IBucket>>;
+    // The name map's entries by the hash of their key: a lookup or a
+    // replacement needs no walk down the ordered map.
+    using HashIndex = std::unordered_multimap<uint64_t, NameMap::iterator>;
 
     // Runs with mutex_ held after a bucket went in under `key`, new or
     // replacing; it must not throw.
     virtual void bucketAdded(const kel::WString& key);
 
     // For derived classes, with mutex_ held.
-    const NameMap& entries() const { return names_; }
+    const NameMap& entries() const { return maps_.names; }
     void eraseEntry(NameMap::const_iterator at);
     bool eraseKey(const FoldedKey& key);
     void markCursorsChanged();
@@ -124,17 +134,27 @@ class BucketCase
         NameMap::const_iterator position;  // meaningless once changed is set
         bool changed;
     };
+    struct Maps {
+        NameMap names;
+        DigestMap digests;
+        HashIndex byHash;
+
+        NameMap::iterator find(const FoldedKey& key);
+        // The entry placed, or names.end() when the name is held and not
+        // replaced. On a throw the maps stay as they were.
+        NameMap::iterator place(uint32_t& used, const Entry& entry, const FoldedKey& key,
+                                bool replace);
+        void erase(NameMap::const_iterator at);
+        void clear();
+        void swap(Maps& other);
+    };
 
     void insertLocked(const kel::AutoRef<IBucket>& bucket, uint32_t weight, const FoldedKey& key,
                       const Digest& digest, bool replace, kel::StatusChain& status);
-    // The entry placed, or names.end() when the name is held and not replaced.
-    static NameMap::iterator place(NameMap& names, DigestMap& digests, uint32_t& used,
-                                   const Entry& entry, const FoldedKey& key, bool replace);
     int32_t drawHandle();
 
     mutable std::recursive_mutex mutex_;
-    NameMap names_;
-    DigestMap digests_;
+    Maps maps_;
     OrvaneAtomicInt handleCounter_;
     std::map<int32_t, Cursor> cursors_;
     uint32_t used_;
