@@ -8,6 +8,7 @@
 #include "kel/Throw.h"
 #include "source/BucketContents.h"
 #include "source/BucketName.h"
+#include "source/BucketNames.h"
 #include "source/Guard.h"
 #include "source/RecordReader.h"
 #include "source/RecordWriter.h"
@@ -60,7 +61,7 @@ StatusChain cleared() {
 }  // namespace
 
 Bucket::Bucket()
-    : digest_(emptyNameDigest()),
+    : names_(BucketNames::empty()),
       parent_(emptyNameDigest()),
       parentKnown_(true),
       contents_(new BucketContents()),
@@ -77,16 +78,13 @@ Bucket::Bucket(const WString& fullName, bool persistent) : Bucket() {
 // Not through Bucket(): a lookup's copy would make and drop an empty map and
 // read the clock for nothing.
 Bucket::Bucket(const Bucket& other)
-    : digest_(emptyNameDigest()),
-      parent_(emptyNameDigest()),
+    : parent_(emptyNameDigest()),
       parentKnown_(true),
       persistentFlag_(true),
       version_(0),
       modified_(true) {
     Lock lock(other.mutex_);
-    fullName_ = other.fullName_;
-    shortName_ = other.shortName_;
-    digest_ = other.digest_;
+    names_ = other.names_;
     parent_ = other.parent_;
     parentKnown_ = other.parentKnown_;
     fileName_ = other.fileName_;
@@ -100,17 +98,14 @@ Bucket::Bucket(const Bucket& other)
 Bucket::~Bucket() = default;
 
 void Bucket::setNames(WString fullName, const Digest* digest) {
-    if (fullName == fullName_) {
+    if (fullName == names_->full()) {
         return;  // everything derived from it is already in place
     }
     // Everything that allocates comes first, so running out of memory leaves
     // the old names in place.
-    WString shortName = BucketName::shortName(fullName);
-    const Digest hashed = digest != nullptr ? *digest : Digest(fullName);
+    auto names = std::make_shared<const BucketNames>(std::move(fullName), digest);
     WString noFileName;  // the old one belongs to the old name
-    fullName_ = std::move(fullName);
-    shortName_ = std::move(shortName);
-    digest_ = hashed;
+    names_ = std::move(names);
     parentKnown_ = false;
     fileName_ = std::move(noFileName);
 }
@@ -291,15 +286,19 @@ AutoRef<IBucketValue> Bucket::getValue(const WString& name, StatusChain& status)
 
 WString Bucket::getFullName() const {
     Lock lock(mutex_);
-    return fullName_;
+    return names_->full();
 }
 WString Bucket::getShortName() const {
     Lock lock(mutex_);
-    return shortName_;
+    return names_->shortName();
 }
 Digest Bucket::getDigest() const {
     Lock lock(mutex_);
-    return digest_;
+    return names_->digest();
+}
+std::shared_ptr<const BucketNames> Bucket::names() const {
+    Lock lock(mutex_);
+    return names_;
 }
 Digest Bucket::getParentDigest() const {
     Lock lock(mutex_);
@@ -308,7 +307,7 @@ Digest Bucket::getParentDigest() const {
 
 const Digest& Bucket::parentDigest() const {
     if (!parentKnown_) {
-        parent_ = Digest(BucketName::parentName(fullName_));
+        parent_ = Digest(BucketName::parentName(names_->full()));
         parentKnown_ = true;
     }
     return parent_;
@@ -318,7 +317,7 @@ WString Bucket::getFileName() {
     if (fileName_.empty()) {
         Digest digest;
         DigestString digits;
-        Digest::calculateDigest(fullName_, digest, digits);
+        Digest::calculateDigest(names_->full(), digest, digits);
         WString name(digits.c_str());
         name += L".bucket";
         fileName_ = std::move(name);
@@ -485,8 +484,7 @@ void Bucket::mergeWalk(IBucket& other, Take& take, StatusChain& status) {
 bool Bucket::update(const AutoRef<IBucket>& other, int32_t mode, StatusChain& status) {
     return guarded(status, kBucketCodes, [&] {
         // A bucket merged with itself stays as it is (mode 1 would empty it).
-        if (!other || other.get() == this ||
-            !kel::equalsNoCase(other->getFullName().c_str(), getFullName().c_str())) {
+        if (!other || other.get() == this || !sameNameAs(*other)) {
             return false;
         }
         if (mode != kReplaceAll && mode != kMergeOverwriting && mode != kMergeKeeping) {
@@ -533,6 +531,17 @@ bool Bucket::update(const AutoRef<IBucket>& other, int32_t mode, StatusChain& st
     });
 }
 
+// Copies share their names, so the usual case is one pointer comparison.
+bool Bucket::sameNameAs(const IBucket& other) const {
+    const std::shared_ptr<const BucketNames> mine = names();
+    if (const auto* own = dynamic_cast<const Bucket*>(&other)) {
+        const std::shared_ptr<const BucketNames> theirs = own->names();
+        return theirs == mine || theirs->full() == mine->full() ||
+               kel::equalsNoCase(theirs->full().c_str(), mine->full().c_str());
+    }
+    return kel::equalsNoCase(other.getFullName().c_str(), mine->full().c_str());
+}
+
 bool Bucket::isEqual(const AutoRef<IBucket>& a, const AutoRef<IBucket>& b) const {
     if (!a || !b) {
         return !a && !b;
@@ -566,7 +575,7 @@ bool Bucket::isEqualTo(const Bucket& other) const {
 // ---- the record
 
 uint32_t Bucket::recordSize() const {
-    uint32_t size = kRecordFixedSize + fullName_.serializationSize() - 4;
+    uint32_t size = kRecordFixedSize + names_->full().serializationSize() - 4;
     if (const EncodedValues* encoded = contents_->encoded()) {
         return size + encoded->size();
     }
@@ -587,7 +596,7 @@ void Bucket::serialize(unsigned char*& cursor, const unsigned char* end) const {
     writer.require(recordSize());
     writer.u32(kRecordFormatVersion);
     writer.u32(version_);
-    fullName_.serialize(writer.cursor(), writer.end());
+    names_->full().serialize(writer.cursor(), writer.end());
     writer.u32(contents_->size());
     if (const EncodedValues* encoded = contents_->encoded()) {
         writer.bytes(encoded->data(), encoded->size());
@@ -655,7 +664,7 @@ void Bucket::readRecord(const unsigned char*& cursor, const unsigned char* end, 
 
 uint32_t Bucket::getMemUsage() const {
     Lock lock(mutex_);
-    return kBucketMemory + characterMemory(fullName_) + characterMemory(shortName_) +
+    return kBucketMemory + characterMemory(names_->full()) + characterMemory(names_->shortName()) +
            characterMemory(fileName_) + contents_->memoryUsage();
 }
 
@@ -663,9 +672,9 @@ void Bucket::print() const {
     try {
         Lock lock(mutex_);
         std::puts("\r");
-        std::printf("fullName_       %s\r\n", NString(fullName_).c_str());
-        std::printf("shorName_       %s\r\n", NString(shortName_).c_str());
-        std::printf("digest_         %s\r\n", digestText(digest_).c_str());
+        std::printf("fullName_       %s\r\n", NString(names_->full()).c_str());
+        std::printf("shorName_       %s\r\n", NString(names_->shortName()).c_str());
+        std::printf("digest_         %s\r\n", digestText(names_->digest()).c_str());
         std::printf("parent_         %s\r\n", digestText(parentDigest()).c_str());
         std::printf("fileName_       %s\r\n", NString(fileName_).c_str());
         std::printf("persistentFlag_ %s\r\n", yesNo(persistentFlag_));
@@ -687,11 +696,11 @@ WString Bucket::toString() const {
     WString digest;
     WString text(L"\r\n===================================================\r\n");
     text += L"fullName_       ";
-    text += fullName_;
+    text += names_->full();
     text += L"\r\nshortName_      ";
-    text += shortName_;
+    text += names_->shortName();
     text += L"\r\ndigest_         ";
-    text += digest_.getString(digest);
+    text += names_->digest().getString(digest);
     text += L"\r\npersistentFlag_ ";
     text += persistentFlag_ ? L"true" : L"false";
     text += L"\r\nversion_        ";

@@ -14,6 +14,7 @@ namespace zq {
 namespace orvane {
 
 class BucketContents;
+class BucketNames;
 
 // The one implementation of IBucket. A client reaches it only to weigh a
 // bucket: static_cast<Bucket*>(bucket.get())->getMemUsage().
@@ -110,6 +111,8 @@ class ZQ_EXPORT Bucket
     // The dump as a wide string.
     kel::WString toString() const;
     void setVersion(uint32_t version);
+    // The names as they are now, for a cache: shared, never changed.
+    std::shared_ptr<const BucketNames> names() const;
 
   private:
     template <class Fill>
@@ -125,7 +128,8 @@ class ZQ_EXPORT Bucket
     bool adoptInto(const BucketContents& given);
     template <class Take>
     void mergeWalk(IBucket& other, Take& take, kel::StatusChain& status);
-    uint32_t recordSize() const;  // mutex_ held
+    bool sameNameAs(const IBucket& other) const;  // case-insensitively
+    uint32_t recordSize() const;                  // mutex_ held
     // Lets std::bad_alloc through.
     void readRecord(const unsigned char*& cursor, const unsigned char* end,
                     const kel::WString* name, const Digest* digest);
@@ -135,9 +139,7 @@ class ZQ_EXPORT Bucket
     void touch();                                                          // mutex_ held
 
     mutable std::mutex mutex_;
-    kel::WString fullName_;
-    kel::WString shortName_;
-    Digest digest_;
+    std::shared_ptr<const BucketNames> names_;  // shared with copies
     // Hashed on first request: most buckets read are never asked for it.
     mutable Digest parent_;
     mutable bool parentKnown_;

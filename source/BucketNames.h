@@ -1,0 +1,44 @@
+#ifndef ZQ_ORVANE_BUCKETNAMES_H
+#define ZQ_ORVANE_BUCKETNAMES_H
+
+#include <cstdint>
+#include <memory>
+
+#include "zq/kel/StringBase.h"
+#include "zq/orvane/Digest.h"
+
+namespace zq {
+namespace orvane {
+
+// A bucket's full name and what is derived from it, made once per name and
+// shared by every copy of the bucket, so that a copy allocates nothing for
+// its names and a cache finds the folded key ready. Never changed once made.
+class BucketNames {
+  public:
+    // The names of `fullName`; `digest`, when given, is its digest.
+    BucketNames(kel::WString fullName, const Digest* digest);
+
+    // The names of a new bucket: all empty, the digest of the empty name.
+    static const std::shared_ptr<const BucketNames>& empty();
+
+    const kel::WString& full() const { return full_; }
+    const kel::WString& shortName() const { return shortName_; }
+    const Digest& digest() const { return digest_; }
+    // As the cases key it (each character through towlower), and its hash.
+    const kel::WString& folded() const { return folded_; }
+    uint64_t foldedHash() const { return foldedHash_; }
+
+  private:
+    BucketNames();
+
+    kel::WString full_;
+    kel::WString shortName_;
+    Digest digest_;
+    kel::WString folded_;
+    uint64_t foldedHash_;
+};
+
+}  // namespace orvane
+}  // namespace zq
+
+#endif  // ZQ_ORVANE_BUCKETNAMES_H
