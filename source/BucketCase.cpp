@@ -90,6 +90,12 @@ void BucketCase::insertLocked(const AutoRef<IBucket>& bucket, uint32_t weight, c
 }
 
 // Either the entry goes in or, on a throw, the maps stay as they were.
+size_t BucketCase::DigestHash::operator()(const Digest& digest) const {
+    uint64_t head;
+    std::memcpy(&head, digest.bytes(), sizeof head);
+    return static_cast<size_t>(head ^ (head >> 32));
+}
+
 BucketCase::NameMap::iterator BucketCase::Maps::find(const FoldedKey& key) {
     const auto range = byHash.equal_range(key.hash());
     for (auto at = range.first; at != range.second; ++at) {

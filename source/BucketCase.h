@@ -82,7 +82,11 @@ class BucketCase
         Digest digest;
     };
     using NameMap = std::map<kel::WString, Entry, KeyOrder>;  // by folded name
-    using DigestMap = std::map<Digest, kel::AutoRef<IBucket>>;
+    // A digest is a SHA-256: any 8 of its bytes are hash enough.
+    struct DigestHash {
+        size_t operator()(const Digest& digest) const;
+    };
+    using DigestMap = std::unordered_map<Digest, kel::AutoRef<IBucket>, DigestHash>;
     // The name map's entries by the hash of their key: a lookup or a
     // replacement needs no walk down the ordered map.
     using HashIndex = std::unordered_multimap<uint64_t, NameMap::iterator>;
