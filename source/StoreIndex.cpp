@@ -171,15 +171,30 @@ uint32_t SortedSample::readBlock(File& file, uint32_t b, unsigned char* out) con
     return n;
 }
 
+const SortedSample::CachedBlock& SortedSample::cachedBlock(File& file, uint32_t b) const {
+    if (cache_.empty()) {
+        cache_.resize(std::min<size_t>(kCachedBlocks, firsts.size()));
+    }
+    CachedBlock& slot = cache_[b % cache_.size()];
+    if (slot.block != b) {
+        slot.block = UINT32_MAX;  // until the read below is complete and checked
+        slot.bytes.resize(kBlockBytes);
+        slot.count = readBlock(file, b, slot.bytes.data());
+        slot.block = b;
+    }
+    return slot;
+}
+
 bool SortedSample::find(File& file, const DigestKey& digest, uint32_t& k, int64_t& record) const {
     const auto after = std::upper_bound(firsts.begin(), firsts.end(), digest);
     if (after == firsts.begin()) {
         return false;
     }
     const uint32_t b = static_cast<uint32_t>(after - firsts.begin() - 1);
-    unsigned char block[kBlock * segment::kUpdateEntrySize];
+    const CachedBlock& cached = cachedBlock(file, b);
+    const unsigned char* block = cached.bytes.data();
     uint32_t low = 0;
-    uint32_t high = readBlock(file, b, block);
+    uint32_t high = cached.count;
     while (low < high) {
         const uint32_t middle = low + (high - low) / 2;
         const unsigned char* at = block + middle * segment::kUpdateEntrySize;

@@ -39,8 +39,22 @@ struct SortedSample {
     void forEach(kel::osdep::File& file, Use use) const;
 
   private:
+    static constexpr size_t kBlockBytes = kBlock * segment::kUpdateEntrySize;
+    // Blocks read and checked stay, so that repeated lookups read the file
+    // once per block: direct-mapped, up to this many (320 KiB).
+    static constexpr uint32_t kCachedBlocks = 256;
+    struct CachedBlock {
+        uint32_t block = UINT32_MAX;
+        uint32_t count = 0;
+        std::vector<unsigned char> bytes;
+    };
+
     // Reads block `b`; its entry count.
     uint32_t readBlock(kel::osdep::File& file, uint32_t b, unsigned char* out) const;
+    // Block `b` from the cache, read into it when missing.
+    const CachedBlock& cachedBlock(kel::osdep::File& file, uint32_t b) const;
+
+    mutable std::vector<CachedBlock> cache_;
 };
 
 // What one segment of "registry.bin" says, read from its trailer backwards.
