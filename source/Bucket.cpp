@@ -664,8 +664,17 @@ void Bucket::readRecord(const unsigned char*& cursor, const unsigned char* end, 
 
 uint32_t Bucket::getMemUsage() const {
     Lock lock(mutex_);
+    return memUsageLocked();
+}
+
+uint32_t Bucket::memUsageLocked() const {
     return kBucketMemory + characterMemory(names_->full()) + characterMemory(names_->shortName()) +
            characterMemory(fileName_) + contents_->memoryUsage();
+}
+
+Bucket::CacheFacts Bucket::cacheFacts() const {
+    Lock lock(mutex_);
+    return CacheFacts{memUsageLocked(), names_, modifiedTime_};
 }
 
 void Bucket::print() const {

@@ -54,7 +54,7 @@ void BucketCache::evictIfOver() {
         candidates.reserve(entries().size());
         for (auto at = entries().begin(); at != entries().end(); ++at) {
             if (!isRoot(at->first)) {
-                candidates.push_back(Candidate{at->second.bucket->getModifiedTime(), at});
+                candidates.push_back(Candidate{at->second.modified, at});
             }
         }
         std::stable_sort(candidates.begin(), candidates.end(),

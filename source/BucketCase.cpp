@@ -44,11 +44,14 @@ auto quietly(Body&& body) -> decltype(body()) {
     return decltype(body())();
 }
 
-uint32_t weigh(const AutoRef<IBucket>& bucket) {
-    return static_cast<Bucket*>(bucket.get())->getMemUsage();
-}
-
 }  // namespace
+
+BucketCase::Entry BucketCase::entryFor(const AutoRef<IBucket>& bucket,
+                                       std::shared_ptr<const BucketNames>& names) {
+    Bucket::CacheFacts facts = static_cast<const Bucket*>(bucket.get())->cacheFacts();
+    names = std::move(facts.names);
+    return Entry{bucket, facts.weight, names->digest(), facts.modified};
+}
 
 BucketCase::BucketCase() : handleCounter_(1), used_(0) {}
 
@@ -68,19 +71,17 @@ void BucketCase::insertBucket(AutoRef<IBucket>& bucket, const bool* replace, Sta
             return;
         }
         // Weighed outside the lock: the bucket's own lock is taken for the walk.
-        const uint32_t weight = weigh(bucket);
-        // Bucket is the only implementation; its names come folded.
-        const std::shared_ptr<const BucketNames> names =
-            static_cast<Bucket*>(bucket.get())->names();
+        std::shared_ptr<const BucketNames> names;  // they come folded
+        const Entry entry = entryFor(bucket, names);
         const FoldedKey key(names->folded(), names->foldedHash());
         Lock lock(mutex_);
-        insertLocked(bucket, weight, key, names->digest(), replace != nullptr && *replace, status);
+        insertLocked(entry, key, replace != nullptr && *replace, status);
     });
 }
 
-void BucketCase::insertLocked(const AutoRef<IBucket>& bucket, uint32_t weight, const FoldedKey& key,
-                              const Digest& digest, bool replace, StatusChain& status) {
-    const auto placed = maps_.place(used_, Entry{bucket, weight, digest}, key, replace);
+void BucketCase::insertLocked(const Entry& entry, const FoldedKey& key, bool replace,
+                              StatusChain& status) {
+    const auto placed = maps_.place(used_, entry, key, replace);
     if (placed == maps_.names.end()) {
         status.setCode(status::kAlreadyPresent);
         return;
@@ -141,6 +142,7 @@ BucketCase::NameMap::iterator BucketCase::Maps::place(uint32_t& used, const Entr
     held.bucket = entry.bucket;
     used = used - held.weight + entry.weight;
     held.weight = entry.weight;
+    held.modified = entry.modified;
     return at;
 }
 
@@ -326,7 +328,8 @@ void BucketCase::deserialize(const unsigned char*& cursor, const unsigned char* 
         for (uint32_t i = 0; i < count; ++i) {
             AutoRef<IBucket> bucket(new Bucket());
             bucket->deserialize(cursor, end);
-            const Entry entry{bucket, weigh(bucket), bucket->getDigest()};
+            std::shared_ptr<const BucketNames> names;
+            const Entry entry = entryFor(bucket, names);
             maps.place(used, entry, FoldedKey(bucket->getFullName()), true);
         }
         clear();  // through the table, so a cache's own clear runs

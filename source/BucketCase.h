@@ -10,6 +10,7 @@
 
 #include "source/FoldedKey.h"
 #include "source/OrvaneAtomicInt.h"
+#include "zq/kel/AbsoluteTime.h"
 #include "zq/kel/AutoRef.h"
 #include "zq/kel/RefCounted.h"
 #include "zq/kel/StatusChain.h"
@@ -20,6 +21,8 @@
 
 namespace zq {
 namespace orvane {
+
+class BucketNames;
 
 // A set of whole buckets by full name and by digest, weighed by
 // Bucket::getMemUsage when they go in. The base of the manager's two caches
@@ -80,6 +83,9 @@ class BucketCase
         // Kept so that removal never depends on a held bucket keeping its
         // name (a client may deserialize another record into it).
         Digest digest;
+        // The bucket's modification time when it went in: the manager never
+        // changes a bucket it has put in a cache.
+        kel::AbsoluteTime modified;
     };
     using NameMap = std::map<kel::WString, Entry, KeyOrder>;  // by folded name
     // A digest is a SHA-256: any 8 of its bytes are hash enough.
@@ -121,8 +127,13 @@ class BucketCase
         void swap(Maps& other);
     };
 
-    void insertLocked(const kel::AutoRef<IBucket>& bucket, uint32_t weight, const FoldedKey& key,
-                      const Digest& digest, bool replace, kel::StatusChain& status);
+    // The entry of a bucket about to go in, and its names: taken outside
+    // mutex_, as it takes the bucket's own lock. Bucket is the only
+    // implementation of the interface.
+    static Entry entryFor(const kel::AutoRef<IBucket>& bucket,
+                          std::shared_ptr<const BucketNames>& names);
+    void insertLocked(const Entry& entry, const FoldedKey& key, bool replace,
+                      kel::StatusChain& status);
     int32_t drawHandle();
 
     mutable std::recursive_mutex mutex_;

@@ -113,6 +113,13 @@ class ZQ_EXPORT Bucket
     void setVersion(uint32_t version);
     // The names as they are now, for a cache: shared, never changed.
     std::shared_ptr<const BucketNames> names() const;
+    // What a cache records of this bucket, under one lock.
+    struct CacheFacts {
+        uint32_t weight;  // getMemUsage
+        std::shared_ptr<const BucketNames> names;
+        kel::AbsoluteTime modified;
+    };
+    CacheFacts cacheFacts() const;
 
   private:
     template <class Fill>
@@ -130,6 +137,7 @@ class ZQ_EXPORT Bucket
     void mergeWalk(IBucket& other, Take& take, kel::StatusChain& status);
     bool sameNameAs(const IBucket& other) const;  // case-insensitively
     uint32_t recordSize() const;                  // mutex_ held
+    uint32_t memUsageLocked() const;              // mutex_ held
     // Lets std::bad_alloc through.
     void readRecord(const unsigned char*& cursor, const unsigned char* end,
                     const kel::WString* name, const Digest* digest);
