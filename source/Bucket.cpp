@@ -442,14 +442,14 @@ bool Bucket::getNextChild(uint32_t handle, Digest& child, StatusChain& status) {
 
 // ---- update and comparison
 
-// Stored one by one into no values, `given` would give its own map, names
-// and order: it is shared whole instead. False when there are values here.
-bool Bucket::adoptInto(const BucketContents& given) {
-    Lock lock(mutex_);
-    if (contents_->size() != 0 || given.size() == 0) {
+// Stored one by one into no values, `given`'s values would come out as they
+// are: they are shared whole instead. False when there are values here.
+bool Bucket::adoptFrom(const Bucket& given) {
+    std::scoped_lock both(mutex_, given.mutex_);
+    if (contents_->size() != 0 || given.contents_->size() == 0) {
         return false;
     }
-    contents_->shareValues(given);
+    contents_->shareValues(*given.contents_);
     return true;
 }
 
@@ -507,10 +507,10 @@ bool Bucket::update(const AutoRef<IBucket>& other, int32_t mode, StatusChain& st
         };
         if (const auto* own = dynamic_cast<const Bucket*>(other.get())) {
             // Values never change once stored, so they are shared, not copied.
-            const std::unique_ptr<BucketContents> given = own->snapshotValues();
-            if (adoptInto(*given)) {
+            if (adoptFrom(*own)) {
                 stored = true;
             } else {
+                const std::unique_ptr<BucketContents> given = own->snapshotValues();
                 for (const auto& entry : given->values()) {
                     if (!take(entry.second.name, entry.second.value)) {
                         break;

@@ -185,7 +185,7 @@ uint32_t offsetOf(size_t offset) {
 
 EncodedValues::Ptr EncodedValues::read(RecordReader& reader, uint32_t count) {
     const unsigned char* const begin = reader.cursor();
-    std::shared_ptr<EncodedValues> values(new EncodedValues());
+    auto values = std::make_shared<EncodedValues>(Token());
     values->starts_.reserve(static_cast<size_t>(count) + 1);
     const unsigned char* previous = nullptr;
     for (uint32_t i = 0; i < count; ++i) {
@@ -266,7 +266,7 @@ EncodedValues::Ptr EncodedValues::with(uint32_t index, bool replacing, const WSt
     if (added > UINT32_MAX - (bytes_.size() - (to - from))) {
         return nullptr;
     }
-    std::shared_ptr<EncodedValues> next(new EncodedValues());
+    auto next = std::make_shared<EncodedValues>(Token());
     next->bytes_.resize(bytes_.size() - (to - from) + added);
     unsigned char* out = next->bytes_.data();
     std::memcpy(out, bytes_.data(), from);
@@ -294,7 +294,7 @@ EncodedValues::Ptr EncodedValues::with(uint32_t index, bool replacing, const WSt
 EncodedValues::Ptr EncodedValues::without(uint32_t index) const {
     const uint32_t from = starts_[index];
     const uint32_t to = starts_[index + 1];
-    std::shared_ptr<EncodedValues> next(new EncodedValues());
+    auto next = std::make_shared<EncodedValues>(Token());
     next->bytes_.reserve(bytes_.size() - (to - from));
     next->bytes_.assign(bytes_.begin(), bytes_.begin() + from);
     next->bytes_.insert(next->bytes_.end(), bytes_.begin() + to, bytes_.end());

@@ -53,8 +53,13 @@ class EncodedValues {
     Ptr without(uint32_t index) const;
 
   private:
-    EncodedValues() = default;
+    struct Token {};
 
+  public:
+    // For make_shared, from inside this class only.
+    explicit EncodedValues(Token) {}
+
+  private:
     const unsigned char* entry(uint32_t index) const { return bytes_.data() + starts_[index]; }
     const unsigned char* valueOf(uint32_t index) const;
     bool readsBackAs(uint32_t index, const kel::WString& name, const BucketValue& value) const;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <mutex>
 #include <new>
 #include <unordered_set>
@@ -329,29 +330,33 @@ AutoRef<IBucket> SingleFileBucketStore::readRecord(int64_t offset, const WString
         ZQ_THROW(DeserializationError);
     }
     // One read takes the length and, for most records, the whole record.
-    constexpr int64_t kFirstRead = 1024;
+    constexpr size_t kFirstRead = 1024;
+    unsigned char first[kFirstRead];
     const int64_t available = committedLength_ - offset;
-    std::vector<unsigned char> bytes(static_cast<size_t>(std::min(kFirstRead, available)));
-    readExactly(*file_, offset, bytes.data(), bytes.size());
-    const int64_t length = static_cast<int64_t>(kel::getU64(bytes.data()));
+    const size_t read = static_cast<size_t>(std::min<int64_t>(kFirstRead, available));
+    readExactly(*file_, offset, first, read);
+    const int64_t length = static_cast<int64_t>(kel::getU64(first));
     if (length <= 0) {
         return AutoRef<IBucket>();
     }
     if (length > available - segment::kRecordLengthSize) {
         ZQ_THROW(DeserializationError);
     }
-    const size_t read = bytes.size();
-    bytes.resize(segment::kRecordLengthSize + segment::lengthInMemory(length));
-    if (bytes.size() > read) {
-        readExactly(*file_, offset + static_cast<int64_t>(read), bytes.data() + read,
-                    bytes.size() - read);
+    const size_t total = segment::kRecordLengthSize + segment::lengthInMemory(length);
+    std::vector<unsigned char> rest;
+    const unsigned char* bytes = first;
+    if (total > read) {
+        rest.resize(total);
+        std::memcpy(rest.data(), first, read);
+        readExactly(*file_, offset + static_cast<int64_t>(read), rest.data() + read, total - read);
+        bytes = rest.data();
     }
     AutoRef<Bucket> bucket(new Bucket());
-    const unsigned char* cursor = bytes.data() + segment::kRecordLengthSize;
+    const unsigned char* cursor = bytes + segment::kRecordLengthSize;
     if (name != nullptr) {
-        bucket->deserializeFound(cursor, bytes.data() + bytes.size(), *name, *digest);
+        bucket->deserializeFound(cursor, bytes + total, *name, *digest);
     } else {
-        bucket->deserialize(cursor, bytes.data() + bytes.size());
+        bucket->deserialize(cursor, bytes + total);
     }
     return AutoRef<IBucket>(bucket);
 }

@@ -132,7 +132,7 @@ class ZQ_EXPORT Bucket
                    kel::AutoRef<IBucketValue>& value, kel::StatusChain& status);
     // The values as they are now, sharing this bucket's map.
     std::unique_ptr<BucketContents> snapshotValues() const;
-    bool adoptInto(const BucketContents& given);
+    bool adoptFrom(const Bucket& given);
     template <class Take>
     void mergeWalk(IBucket& other, Take& take, kel::StatusChain& status);
     bool sameNameAs(const IBucket& other) const;  // case-insensitively
