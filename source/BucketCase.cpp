@@ -177,7 +177,10 @@ AutoRef<IBucket> BucketCase::findBucket(const WString& fullName) {
 }
 
 AutoRef<IBucket> BucketCase::findHeld(const WString& fullName) {
-    const FoldedKey key(fullName);
+    return findHeld(FoldedKey(fullName));
+}
+
+AutoRef<IBucket> BucketCase::findHeld(const FoldedKey& key) {
     Lock lock(mutex_);
     const auto found = maps_.find(key);
     return found == maps_.names.end() ? AutoRef<IBucket>() : found->second.bucket;

@@ -70,6 +70,7 @@ class BucketCase
     // As findBucket, but lack of memory throws instead of reading as "not
     // there", for a caller to whom the difference matters.
     kel::AutoRef<IBucket> findHeld(const kel::WString& fullName);
+    kel::AutoRef<IBucket> findHeld(const FoldedKey& key);
 
     // The sum of the weights of the held buckets.
     uint32_t usedBytes() const;

@@ -2,9 +2,13 @@
 // changes in, each child linked from its parent.
 #include "zq/orvane/BucketManager.h"
 
+#include <optional>
+
 #include "source/BucketCache.h"
 #include "source/BucketName.h"
+#include "source/BucketNames.h"
 #include "source/BucketUpdateCache.h"
+#include "source/FoldedKey.h"
 #include "source/Guard.h"
 #include "source/IBucketStore.h"
 #include "zq/orvane/Bucket.h"
@@ -78,10 +82,14 @@ AutoRef<IBucket> readThrough(BucketCache& cache, InCache&& inCache, InStore&& in
 
 }  // namespace
 
-AutoRef<IBucket> BucketManager::findShared(const WString& fullName, StatusChain& status) {
+AutoRef<IBucket> BucketManager::findShared(const WString& fullName, StatusChain& status,
+                                           const FoldedKey* key) {
     dropStaleCaches(false);
     return readThrough(
-        *readCache_, [&] { return readCache_->findBucket(fullName); },
+        *readCache_,
+        [&] {
+            return key != nullptr ? readCache_->findHeld(*key) : readCache_->findBucket(fullName);
+        },
         [&] { return store_->readBucket(fullName, status); }, status);
 }
 
@@ -181,22 +189,37 @@ class BucketManager::PutPath {
     // transaction counts as absent. A pending bucket missed for lack of
     // memory would have its changes replaced, so that failure throws.
     AutoRef<IBucket> held(const WString& name, bool* pending) {
-        AutoRef<IBucket> found = cache_.findHeld(name);
+        return held(name, FoldedKey(name), pending);
+    }
+
+    // As held(name), with the fold of `name` at hand.
+    AutoRef<IBucket> held(const WString& name, const FoldedKey& key, bool* pending) {
+        AutoRef<IBucket> found = cache_.findHeld(key);
         *pending = static_cast<bool>(found);
         if (found || cache_.isDeleted(name)) {
             return found;
         }
-        return manager_.findShared(name, status_);
+        return manager_.findShared(name, status_, &key);
     }
 
     bool put(const AutoRef<IBucket>& bucket, int32_t mode, bool mustExist) {
-        const WString name = bucket->getFullName();
+        // Our own buckets come with their names folded.
+        const auto* own = dynamic_cast<const Bucket*>(bucket.get());
+        const std::shared_ptr<const BucketNames> names = own != nullptr ? own->names() : nullptr;
+        const WString foreign = own != nullptr ? WString() : bucket->getFullName();
+        const WString& name = names ? names->full() : foreign;
         if (!isWellFormed(name)) {
             status_.setCode(status::kNoParent);
             return false;
         }
+        std::optional<FoldedKey> key;
+        if (names) {
+            key.emplace(names->folded(), names->foldedHash());
+        } else {
+            key.emplace(name);
+        }
         bool pending = false;
-        const AutoRef<IBucket> current = held(name, &pending);
+        const AutoRef<IBucket> current = held(name, *key, &pending);
         if (status_.isFatal()) return false;
         if (current.get() == bucket.get()) {
             status_.setCode(status::kInternalObject);

@@ -25,6 +25,7 @@ namespace orvane {
 
 class BucketCache;
 class BucketUpdateCache;
+class FoldedKey;
 class IBucketStore;
 class Options;
 
@@ -139,7 +140,9 @@ class ZQ_EXPORT BucketManager
     void dropStaleCaches(bool underLock);
     bool putLocked(const kel::AutoRef<IBucket>& bucket, int32_t mode, bool mustExist,
                    kel::StatusChain& status);
-    kel::AutoRef<IBucket> findShared(const kel::WString& fullName, kel::StatusChain& status);
+    // `key`, when given, is the fold of `fullName`.
+    kel::AutoRef<IBucket> findShared(const kel::WString& fullName, kel::StatusChain& status,
+                                     const FoldedKey* key = nullptr);
     kel::AutoRef<IBucket> findSharedByDigest(const Digest& digest, kel::StatusChain& status);
     void commitPending(kel::StatusChain& status);
     kel::osdep::SharedCounter& changeCounter();
