@@ -105,15 +105,9 @@ void writeForm(RecordWriter& writer, const WString& text) {
 
 // The second argument only picks the form.
 NString readForm(RecordReader& reader, const NString*) {
-    const uint32_t counted = reader.u32();
-    if (counted == 0) {
-        ZQ_THROW(DeserializationError);
-    }
-    const unsigned char* bytes = reader.take(counted);
-    if (bytes[counted - 1] != 0) {
-        ZQ_THROW(DeserializationError);
-    }
-    return NString(reinterpret_cast<const char*>(bytes), counted - 1);
+    uint32_t length = 0;
+    const unsigned char* text = reader.narrowText(length);
+    return NString(reinterpret_cast<const char*>(text), length);
 }
 WString readForm(RecordReader& reader, const WString*) {
     WString text;

@@ -108,15 +108,9 @@ uint32_t skipWide(RecordReader& reader, Form& form) {
 }
 
 uint32_t skipNarrow(RecordReader& reader, Form&) {
-    const uint32_t counted = reader.u32();
-    if (counted == 0) {
-        ZQ_THROW(DeserializationError);
-    }
-    const unsigned char* bytes = reader.take(counted);
-    if (bytes[counted - 1] != 0) {
-        ZQ_THROW(DeserializationError);
-    }
-    return counted - 1;
+    uint32_t length = 0;
+    reader.narrowText(length);
+    return length;
 }
 
 template <class Skip>

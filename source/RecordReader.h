@@ -56,6 +56,22 @@ class RecordReader {
         }
     }
 
+    // A narrow string's stored form: its byte count with the closing 0, then
+    // the bytes and the 0. Its text and length without the 0; a form without
+    // its 0 is damage.
+    const unsigned char* narrowText(uint32_t& length) {
+        const uint32_t counted = u32();
+        if (counted == 0) {
+            ZQ_THROW(DeserializationError);
+        }
+        const unsigned char* bytes = take(counted);
+        if (bytes[counted - 1] != 0) {
+            ZQ_THROW(DeserializationError);
+        }
+        length = counted - 1;
+        return bytes;
+    }
+
     const unsigned char*& cursor() { return cursor_; }
     const unsigned char* end() const { return end_; }
 
