@@ -80,14 +80,13 @@ bool ascending(const unsigned char* lower, const unsigned char* higher) {
 // Checks the `n` update entries at `in`, which follow entry `k` - 1 of the
 // segment, `last`, and samples them; false when they are not in strictly
 // ascending order. Runs over every entry of a store at its open: the first
-// eight bytes of the digest before are kept as a number. Record positions
-// are checked when a lookup reads the entry's block, as every use of an
-// entry does.
-bool sampleChunk(const unsigned char* in, uint32_t n, uint32_t& k, const unsigned char* last,
-                 SortedSample& sample) {
+// eight bytes of the digest before are kept as a number.
+bool sampleChunk(const unsigned char* in, uint32_t n, const SegmentDescriptor& d, uint32_t& k,
+                 const unsigned char* last, SortedSample& sample) {
     uint64_t before = bigEndian64(last);
     for (const unsigned char* at = in; at < in + n * segment::kUpdateEntrySize;
          last = at, at += segment::kUpdateEntrySize, ++k) {
+        recordOf(at, d.dataStart, d.indexPosition);
         const uint64_t head = bigEndian64(at);
         if (k != 0 && (head < before || (head == before && !ascending(last, at)))) {
             return false;
@@ -111,7 +110,7 @@ bool sampleSorted(File& file, const SegmentDescriptor& d, SortedSample& sample) 
     uint32_t k = 0;
     return forEachChunk(file, sample.entries, d.updates, kUpdateEntrySize,
                         [&](const unsigned char* in, uint32_t n) {
-                            if (!sampleChunk(in, n, k, last.data(), sample)) {
+                            if (!sampleChunk(in, n, d, k, last.data(), sample)) {
                                 return false;
                             }
                             std::memcpy(last.data(), in + (n - 1) * kUpdateEntrySize, last.size());
