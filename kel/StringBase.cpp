@@ -42,6 +42,32 @@ void checkLength(size_t a, size_t b) {
     }
 }
 
+// Code-unit order: units compare unsigned (narrow bytes like memcmp), a
+// prefix first. Full names share long prefixes: those are passed a word at
+// a time.
+template <class C>
+bool unitsBefore(const C* a, size_t aLength, const C* b, size_t bLength) {
+    const size_t n = aLength < bLength ? aLength : bLength;
+    constexpr size_t kWord = sizeof(uint64_t) / sizeof(C);
+    size_t i = 0;
+    for (; i + kWord <= n; i += kWord) {
+        uint64_t x;
+        uint64_t y;
+        std::memcpy(&x, a + i, sizeof x);
+        std::memcpy(&y, b + i, sizeof y);
+        if (x != y) {
+            break;
+        }
+    }
+    for (; i < n; ++i) {
+        if (a[i] != b[i]) {
+            using Unit = typename std::make_unsigned<C>::type;
+            return static_cast<Unit>(a[i]) < static_cast<Unit>(b[i]);
+        }
+    }
+    return aLength < bLength;
+}
+
 [[noreturn]] void offsetOutOfRange() { ZQ_THROW_DETAIL(OutOfRange2, "String offset out of range"); }
 
 int digitValue(wchar_t ch) {
@@ -191,27 +217,7 @@ bool StringBase<C, O, W>::operator==(const StringBase& other) const {
 
 template <class C, class O, class W>
 bool StringBase<C, O, W>::operator<(const StringBase& other) const {
-    const size_t n = length() < other.length() ? length() : other.length();
-    // Full names share long prefixes: those are passed a word at a time.
-    constexpr size_t kWord = sizeof(uint64_t) / sizeof(C);
-    size_t i = 0;
-    for (; i + kWord <= n; i += kWord) {
-        uint64_t a;
-        uint64_t b;
-        std::memcpy(&a, start_ + i, sizeof a);
-        std::memcpy(&b, other.start_ + i, sizeof b);
-        if (a != b) {
-            break;
-        }
-    }
-    for (; i < n; ++i) {
-        if (start_[i] != other.start_[i]) {
-            // Code-unit order: narrow bytes compare unsigned, like memcmp.
-            using Unit = typename std::make_unsigned<C>::type;
-            return static_cast<Unit>(start_[i]) < static_cast<Unit>(other.start_[i]);
-        }
-    }
-    return length() < other.length();
+    return unitsBefore(start_, length(), other.start_, other.length());
 }
 
 template <class C, class O, class W>
@@ -428,6 +434,10 @@ void StringBase<C, O, W>::deserialize(const unsigned char*& cursor, const unsign
 
 template class StringBase<wchar_t, char, wchar_t>;
 template class StringBase<char, wchar_t, wchar_t>;
+
+bool codeUnitsBefore(const wchar_t* a, size_t aLength, const wchar_t* b, size_t bLength) {
+    return unitsBefore(a, aLength, b, bLength);
+}
 
 int compareNoCase(const wchar_t* a, const wchar_t* b) {
     for (;; ++a, ++b) {

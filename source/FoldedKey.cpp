@@ -1,8 +1,6 @@
 #include "source/FoldedKey.h"
 
-#include <cstring>
 #include <cwctype>
-#include <type_traits>
 
 namespace zq {
 namespace orvane {
@@ -35,40 +33,12 @@ uint64_t FoldedKey::hashOf(const wchar_t* text, size_t length) {
     return hash;
 }
 
-namespace {
-
-// As WString::operator<: code units compared unsigned, a prefix first. Full
-// names share long prefixes: those are passed a word at a time.
-bool unitsBefore(const wchar_t* a, size_t aLength, const wchar_t* b, size_t bLength) {
-    using Unit = std::make_unsigned<wchar_t>::type;
-    constexpr size_t kWord = sizeof(uint64_t) / sizeof(wchar_t);
-    const size_t n = aLength < bLength ? aLength : bLength;
-    size_t i = 0;
-    for (; i + kWord <= n; i += kWord) {
-        uint64_t x;
-        uint64_t y;
-        std::memcpy(&x, a + i, sizeof x);
-        std::memcpy(&y, b + i, sizeof y);
-        if (x != y) {
-            break;
-        }
-    }
-    for (; i < n; ++i) {
-        if (a[i] != b[i]) {
-            return static_cast<Unit>(a[i]) < static_cast<Unit>(b[i]);
-        }
-    }
-    return aLength < bLength;
-}
-
-}  // namespace
-
 bool KeyOrder::operator()(const WString& a, const FoldedKey& b) const {
-    return unitsBefore(a.c_str(), a.length(), b.text(), b.length());
+    return kel::codeUnitsBefore(a.c_str(), a.length(), b.text(), b.length());
 }
 
 bool KeyOrder::operator()(const FoldedKey& a, const WString& b) const {
-    return unitsBefore(a.text(), a.length(), b.c_str(), b.length());
+    return kel::codeUnitsBefore(a.text(), a.length(), b.c_str(), b.length());
 }
 
 }  // namespace orvane
