@@ -37,8 +37,10 @@ void BucketCache::recount() {
 
 void BucketCache::bucketAdded(const WString&) { evictIfOver(); }
 
-// Oldest modification first; buckets of equal time go in name order (the
-// stable sort keeps the map's order), so the choice is the same on every run.
+// Oldest modification first; buckets of equal time go in name order (their
+// place in the map), so the choice is the same on every run. A heap hands
+// out only as many as are needed: an eviction frees a quarter of the budget,
+// not every bucket, so sorting them all would be wasted.
 // At least one bucket goes even when the eviction amount is 0 (a budget under
 // four bytes), so that any budget bounds the cache.
 void BucketCache::evictIfOver() {
@@ -47,22 +49,29 @@ void BucketCache::evictIfOver() {
     }
     struct Candidate {
         kel::AbsoluteTime time;
+        size_t place;
         NameMap::const_iterator at;
+    };
+    // Heap order: the oldest on top.
+    const auto newer = [](const Candidate& a, const Candidate& b) {
+        return b.time < a.time || (a.time == b.time && b.place < a.place);
     };
     try {
         std::vector<Candidate> candidates;
         candidates.reserve(entries().size());
-        for (auto at = entries().begin(); at != entries().end(); ++at) {
+        size_t place = 0;
+        for (auto at = entries().begin(); at != entries().end(); ++at, ++place) {
             if (!isRoot(at->first)) {
-                candidates.push_back(Candidate{at->second.modified, at});
+                candidates.push_back(Candidate{at->second.modified, place, at});
             }
         }
-        std::stable_sort(candidates.begin(), candidates.end(),
-                         [](const Candidate& a, const Candidate& b) { return a.time < b.time; });
+        std::make_heap(candidates.begin(), candidates.end(), newer);
         uint32_t freed = 0;
-        for (const Candidate& candidate : candidates) {
-            freed += candidate.at->second.weight;
-            eraseEntry(candidate.at);
+        for (auto end = candidates.end(); end != candidates.begin(); --end) {
+            std::pop_heap(candidates.begin(), end, newer);
+            const NameMap::const_iterator at = (end - 1)->at;
+            freed += at->second.weight;
+            eraseEntry(at);
             if (freed >= evictionAmount_) {
                 break;
             }
