@@ -2,19 +2,18 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <pthread.h>
-#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <exception>
+#include <functional>
 #include <limits>
 #include <memory>
-#include <thread>
 
 #include "kel/Utf8.h"
+#include "kel/osdep/SyncWorker.h"
 #include "zq/kel/OSException.h"
 
 namespace zq {
@@ -292,48 +291,29 @@ void PosixFileSystem::syncDirectory(const WString& path) {
 
 namespace {
 
-// A thread of the library's own, started with every signal blocked: no
-// handler of the application ever runs on it.
-template <class Work>
-std::thread startQuiet(Work work) {
-    sigset_t all;
-    sigset_t previous;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &previous);
+// A failure is kept to be reported once both syncs are over.
+std::exception_ptr syncKeepingFailure(File& file) {
     try {
-        std::thread thread(std::move(work));
-        pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-        return thread;
+        file.sync();
     } catch (...) {
-        pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-        throw;
+        return std::current_exception();
     }
+    return nullptr;
 }
 
 }  // namespace
 
+// The worker syncs the second file while this thread syncs the first; with
+// no worker to be had, one after the other.
 void PosixFileSystem::syncBoth(File& first, File& second) {
-    std::exception_ptr secondFailure;
-    std::thread helper;
-    try {
-        helper = startQuiet([&second, &secondFailure] {
-            try {
-                second.sync();
-            } catch (...) {
-                secondFailure = std::current_exception();
-            }
-        });
-    } catch (...) {
-        FileSystem::syncBoth(first, second);  // no thread to be had
-        return;
-    }
     std::exception_ptr firstFailure;
-    try {
-        first.sync();
-    } catch (...) {
-        firstFailure = std::current_exception();
+    std::exception_ptr secondFailure;
+    const std::function<void()> syncFirst = [&] { firstFailure = syncKeepingFailure(first); };
+    const std::function<void()> syncSecond = [&] { secondFailure = syncKeepingFailure(second); };
+    if (!SyncWorker::runAlongside(syncSecond, syncFirst)) {
+        syncFirst();
+        syncSecond();
     }
-    helper.join();
     if (firstFailure) {
         std::rethrow_exception(firstFailure);
     }
