@@ -237,7 +237,7 @@ class BucketManager::PutPath {
         // A bucket that existed was linked from its parent when it was made;
         // only a new one needs its parent fetched and linked.
         if (!isRoot(name)) {
-            const bool linked = current && !cache_.isDeleted(BucketName::parentName(name));
+            const bool linked = current && !cache_.isParentDeleted(name);
             if (!linked && !linkToParent(next)) return false;
         }
         putPending(cache_, next, status_);

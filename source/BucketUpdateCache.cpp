@@ -1,6 +1,7 @@
 #include "source/BucketUpdateCache.h"
 
 #include "source/BucketCache.h"
+#include "source/BucketName.h"
 #include "source/Guard.h"
 #include "zq/orvane/StatusCodes.h"
 
@@ -44,6 +45,12 @@ bool BucketUpdateCache::isDeleted(const WString& fullName) const {
         return false;  // the usual case: no fold needed
     }
     return deleted_.find(FoldedKey(fullName)) != deleted_.end();
+}
+
+bool BucketUpdateCache::isParentDeleted(const WString& childName) const {
+    Lock lock(mutex());
+    return !deleted_.empty() &&
+           deleted_.find(FoldedKey(BucketName::parentName(childName))) != deleted_.end();
 }
 
 // A put after a delete of the same name: the bucket exists, with the put's

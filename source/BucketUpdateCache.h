@@ -38,6 +38,9 @@ class BucketUpdateCache : public BucketCase {
     void eraseBucket(const kel::WString& fullName);
     // Throws std::bad_alloc.
     bool isDeleted(const kel::WString& fullName) const;
+    // isDeleted of the parent of `childName`; the parent's name is made only
+    // when some name is deleted.
+    bool isParentDeleted(const kel::WString& childName) const;
 
     // The commit: removes every deleted name from the read cache, puts every
     // pending bucket into it (replacing), hands the store both sets in one

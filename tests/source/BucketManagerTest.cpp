@@ -158,6 +158,22 @@ TEST_F(BucketManagerTest, ChildrenAreLinkedAndUnlinkedAndVersionsCountCommits) {
     }));
     EXPECT_EQ(m->getBucket(WString(L"/net"), status)->getVersion(), 2u);
 
+    // A child put after its parent's deletion in the same transaction has no
+    // parent to link to; the transaction ends without a commit.
+    {
+        StatusChain s = fresh();
+        Guid id;
+        ASSERT_TRUE(m->beginTransaction(id, s));
+        m->beginUpdate(id, s);
+        AutoRef<IBucket> eth0 = m->getBucket(WString(L"/net/eth0"), s);
+        EXPECT_TRUE(m->deleteBucket(WString(L"/net"), id, s));
+        EXPECT_FALSE(m->putBucket(eth0, true, id, s));
+        EXPECT_EQ(s.getCode(), st::kNoParent);
+        StatusChain end = fresh();
+        EXPECT_TRUE(m->endTransaction(id, end));
+    }
+    EXPECT_TRUE(m->bucketExists(WString(L"/net/eth0"), status));
+
     ASSERT_TRUE(transact(*m, status, [&](const Guid& id) {
         EXPECT_TRUE(m->deleteBucket(WString(L"/net/eth0"), id, status));
     }));
