@@ -44,7 +44,10 @@ struct Worker {
             (*mine)();
             hold.lock();
             finished = true;
+            // Notified unlocked: the caller wakes to a free mutex.
+            hold.unlock();
             done.notify_one();
+            hold.lock();
         }
     }
 
@@ -68,12 +71,14 @@ struct Worker {
     }
 
     void hand(const std::function<void()>& there) {
-        std::lock_guard<std::mutex> hold(mutex);
-        if (!running) {
-            start();
+        {
+            std::lock_guard<std::mutex> hold(mutex);
+            if (!running) {
+                start();
+            }
+            job = &there;
+            finished = false;
         }
-        job = &there;
-        finished = false;
         wake.notify_one();
     }
 
