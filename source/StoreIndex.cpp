@@ -79,21 +79,27 @@ bool ascending(const unsigned char* lower, const unsigned char* higher) {
 
 // Checks the `n` update entries at `in`, which follow entry `k` - 1 of the
 // segment, `last`, and samples them; false when they are not in strictly
-// ascending order. Runs over every entry of a store at its open: the first
-// eight bytes of the digest before are kept as a number.
+// ascending order. Runs over every entry of a store at its open, so what
+// the loop needs is kept in locals (the entries are bytes, which the
+// compiler must assume alias everything else), and the first eight bytes of
+// the digest before are kept as a number.
 bool sampleChunk(const unsigned char* in, uint32_t n, const SegmentDescriptor& d, uint32_t& k,
                  const unsigned char* last, SortedSample& sample) {
+    const int64_t dataStart = d.dataStart;
+    const int64_t indexPosition = d.indexPosition;
     uint64_t before = bigEndian64(last);
+    uint32_t ordinal = k;
     for (const unsigned char* at = in; at < in + n * segment::kUpdateEntrySize;
-         last = at, at += segment::kUpdateEntrySize, ++k) {
-        recordOf(at, d.dataStart, d.indexPosition);
+         last = at, at += segment::kUpdateEntrySize, ++ordinal) {
+        recordOf(at, dataStart, indexPosition);
         const uint64_t head = bigEndian64(at);
-        if (k != 0 && (head < before || (head == before && !ascending(last, at)))) {
+        if (ordinal != 0 && (head < before || (head == before && !ascending(last, at)))) {
             return false;
         }
         before = head;
-        sample.note(k, at);
+        sample.note(ordinal, at);
     }
+    k = ordinal;
     return true;
 }
 
