@@ -240,7 +240,18 @@ bool Bucket::addChild(const WString& childName, StatusChain& status, bool replac
 
 // ---- removing and reading
 
+// With no status to report through, lack of memory (the values of a bucket
+// read from the store are rewritten) leaves the value where it was.
 bool Bucket::removeValue(const WString& name) {
+    try {
+        return removeValueOrThrow(name);
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        return false;
+    }
+}
+
+bool Bucket::removeValueOrThrow(const WString& name) {
     Lock lock(mutex_);
     if (!contents_->remove(name)) {
         return false;
@@ -262,6 +273,14 @@ void Bucket::removeAllValues() {
 }
 
 void Bucket::removeDataValues() {
+    try {
+        removeDataValuesOrThrow();
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;  // the values stay, as removeValue's do
+    }
+}
+
+void Bucket::removeDataValuesOrThrow() {
     Lock lock(mutex_);
     if (contents_->removeAllButChildren()) {
         touch();
@@ -639,7 +658,7 @@ void Bucket::readRecord(const unsigned char*& cursor, const unsigned char* end, 
         for (uint32_t i = read.adoptEncoded(reader, count) ? count : 0; i < count; ++i) {
             entry.deserialize(reader.cursor(), reader.end());
             AutoRef<BucketValue> value(new BucketValue());
-            value->deserialize(reader.cursor(), reader.end());
+            value->readRecord(reader.cursor(), reader.end());
             // As setValue with replace: an unset value or an empty name is
             // not stored, a later entry of the same name wins.
             if (!entry.empty() && isKnownType(value->getType())) {

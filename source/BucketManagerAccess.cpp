@@ -259,7 +259,7 @@ class BucketManager::PutPath {
         AutoRef<IBucket> next = copyOf(current);
         if (mode == IBucket::kReplaceAll) {
             // Child links are the manager's: they survive a replacement.
-            next->removeDataValues();
+            static_cast<Bucket&>(*next).removeDataValuesOrThrow();  // copyOf makes a Bucket
             mode = IBucket::kMergeOverwriting;
         }
         next->update(given, mode, status_);
@@ -305,7 +305,7 @@ class BucketManager::PutPath {
         if (!pending) {
             setVersion(next, parent->getVersion() + 1);
         }
-        next->removeValue(childName);
+        static_cast<Bucket&>(*next).removeValueOrThrow(childName);
         putPending(cache_, next, status_);
     }
 

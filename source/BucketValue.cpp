@@ -666,6 +666,15 @@ void BucketValue::writeRecord(RecordWriter& writer) const {
 }
 
 void BucketValue::deserialize(const unsigned char*& cursor, const unsigned char* end) {
+    try {
+        readRecord(cursor, end);
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        ZQ_THROW(DeserializationError);
+    }
+}
+
+void BucketValue::readRecord(const unsigned char*& cursor, const unsigned char* end) {
     clear();
     try {
         RecordReader reader(cursor, end);
@@ -679,9 +688,6 @@ void BucketValue::deserialize(const unsigned char*& cursor, const unsigned char*
         readPayload(tag, reader);
     } catch (const kel::exception::DeserializationError&) {
         throw;
-    } catch (const std::bad_alloc&) {
-        errno = ENOMEM;
-        ZQ_THROW(DeserializationError);
     } catch (const kel::exception::Exception&) {
         // Bad UTF-8 in a wide string, a length past what a string can hold.
         ZQ_THROW(DeserializationError);

@@ -244,7 +244,7 @@ WString EncodedValues::nameAt(uint32_t index) const {
 AutoRef<BucketValue> EncodedValues::valueAt(uint32_t index) const {
     AutoRef<BucketValue> value(new BucketValue());
     const unsigned char* cursor = valueOf(index);
-    value->deserialize(cursor, entry(index + 1));
+    value->readRecord(cursor, entry(index + 1));
     return value;
 }
 

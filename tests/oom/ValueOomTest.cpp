@@ -27,6 +27,7 @@ using orvane::BucketCase;
 using orvane::BucketValue;
 using orvane::IBucket;
 using orvane::IBucketValue;
+using orvane::test::Bytes;
 using orvane::test::okStatus;
 namespace status = orvane::status;
 
@@ -159,6 +160,93 @@ TEST(ValueOomTest, ABucketRecordThatCannotBeReadLeavesTheBucketAsItWas) {
         const std::vector<unsigned char> before = recordOf(*target);
         const bool fired = readWithFailure(k, *target, record);
         EXPECT_EQ(recordOf(*target), fired ? before : record) << "k=" << k;
+        return fired;
+    });
+}
+
+// A bucket read from a record decodes its values only when asked: running out
+// of memory then is reported as such, never as damage, and a change that
+// fails leaves the bucket as it was.
+TEST(ValueOomTest, AStoredBucketThatCannotDecodeReportsIt) {
+    const std::vector<unsigned char> record = recordOf(*fullBucket(L"/full"));
+    const auto read = [&] {
+        AutoRef<IBucket> bucket(new Bucket());
+        const unsigned char* cursor = record.data();
+        bucket->deserialize(cursor, record.data() + record.size());
+        return bucket;
+    };
+    using Operation = std::function<void(IBucket&, StatusChain&)>;
+    std::vector<std::pair<std::string, Operation>> operations;
+    for (const Setter& setter : ownedKinds()) {
+        const WString name(setter.name);
+        operations.emplace_back(std::string("get ") + setter.name,
+                                [name](IBucket& b, StatusChain& s) { b.getValue(name, s); });
+        // No status: a removal that did not happen is its failure.
+        operations.emplace_back(std::string("remove ") + setter.name,
+                                [name](IBucket& b, StatusChain& s) {
+                                    if (!b.removeValue(name)) s.setCode(status::kOutOfMemory);
+                                });
+    }
+    const WString newName(L"new");
+    const WString text(L"text");
+    operations.emplace_back(
+        "set", [&](IBucket& b, StatusChain& s) { b.setStringValue(newName, text, s, true); });
+    const WString dataName(L"string");  // the digest stays: it counts as a child link
+    operations.emplace_back("remove data values", [&](IBucket& b, StatusChain& s) {
+        b.removeDataValues();
+        if (b.hasValue(dataName)) s.setCode(status::kOutOfMemory);
+    });
+    operations.emplace_back("walk", [](IBucket& b, StatusChain& s) {
+        const uint32_t handle = b.openEnumeration();
+        if (handle == 0) s.setCode(status::kOutOfMemory);
+        b.closeEnumeration(handle);
+    });
+    for (const auto& [what, operation] : operations) {
+        sweep(what.c_str(), [&](long k) {
+            AutoRef<IBucket> bucket = read();
+            StatusChain status = okStatus();
+            const bool fired = failingAt(k, [&] { operation(*bucket, status); });
+            EXPECT_TRUE(status.getCode() == 0 || status.getCode() == status::kOutOfMemory)
+                << what << " k=" << k << " code " << status.getCode();
+            if (status.getCode() != 0) {
+                EXPECT_TRUE(fired) << what;
+                EXPECT_EQ(recordOf(*bucket), record) << what << " k=" << k;
+            }
+            return fired;
+        });
+    }
+}
+
+// A record out of the stored form (names out of order) is decoded value by
+// value as the store reads it: lack of memory there is not damage either.
+TEST(ValueOomTest, AStoreReadOfARecordOutOfFormThatCannotAllocateThrowsItAsSuch) {
+    StatusChain status = okStatus();
+    BucketValue text;
+    text.setString(WString(L"a text to allocate"), status);
+    BucketValue number;
+    number.setInt32(1, status);
+    Bytes record = Bytes().u32(1).u32(1).u32(2).text("/r").u32(2);
+    record.u32(1).text("b").append(Bytes{recordOf(text)});
+    record.u32(1).text("a").append(Bytes{recordOf(number)});
+    const WString name(L"/r");
+    const orvane::Digest digest(name);
+    sweep("record out of form", [&](long k) {
+        AutoRef<Bucket> bucket(new Bucket());
+        bool damage = false;
+        bool outOfMemory = false;
+        const bool fired = failingAt(k, [&] {
+            const unsigned char* cursor = record.data.data();
+            try {
+                bucket->deserializeFound(cursor, record.data.data() + record.data.size(), name,
+                                         digest);
+            } catch (const std::bad_alloc&) {
+                outOfMemory = true;
+            } catch (const kel::exception::DeserializationError&) {
+                damage = true;
+            }
+        });
+        EXPECT_FALSE(damage) << "k=" << k;
+        EXPECT_EQ(outOfMemory, fired) << "k=" << k;
         return fired;
     });
 }

@@ -120,6 +120,11 @@ class ZQ_EXPORT Bucket
         kel::AbsoluteTime modified;
     };
     CacheFacts cacheFacts() const;
+    // removeValue and removeDataValues for the manager, which reports lack of
+    // memory: it throws std::bad_alloc, the bucket left as it was, where the
+    // public calls leave the values and say nothing.
+    bool removeValueOrThrow(const kel::WString& name);
+    void removeDataValuesOrThrow();
 
   private:
     template <class Fill>

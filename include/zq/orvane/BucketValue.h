@@ -83,6 +83,9 @@ class ZQ_EXPORT BucketValue
     // serialize without its own check of the space: for a caller that has
     // checked it for a whole record of which this value is part.
     void writeRecord(RecordWriter& writer) const;
+    // deserialize, except that lack of memory throws std::bad_alloc: for a
+    // caller that reports it as such, not as damage.
+    void readRecord(const unsigned char*& cursor, const unsigned char* end);
 
     // The deep comparison behind isEqual.
     bool equals(const BucketValue& other) const;
