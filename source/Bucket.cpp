@@ -569,10 +569,21 @@ bool Bucket::isEqual(const AutoRef<IBucket>& a, const AutoRef<IBucket>& b) const
     return static_cast<const Bucket*>(a.get())->isEqualTo(*static_cast<const Bucket*>(b.get()));
 }
 
+// Lack of memory (a stored bucket decodes its values to compare them) reads
+// as unequal, with errno ENOMEM: there is no status to report through.
 bool Bucket::isEqualTo(const Bucket& other) const {
     if (&other == this) {
         return true;
     }
+    try {
+        return sameContentAs(other);
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        return false;
+    }
+}
+
+bool Bucket::sameContentAs(const Bucket& other) const {
     if (!kel::equalsNoCase(getFullName().c_str(), other.getFullName().c_str()) ||
         serializationSize() != other.serializationSize()) {
         return false;

@@ -196,6 +196,10 @@ TEST(ValueOomTest, AStoredBucketThatCannotDecodeReportsIt) {
         b.removeDataValues();
         if (b.hasValue(dataName)) s.setCode(status::kOutOfMemory);
     });
+    const AutoRef<IBucket> same = read();
+    operations.emplace_back("compare", [&](IBucket& b, StatusChain& s) {
+        if (!b.isEqual(AutoRef<IBucket>(&b), same)) s.setCode(status::kOutOfMemory);
+    });
     operations.emplace_back("walk", [](IBucket& b, StatusChain& s) {
         const uint32_t handle = b.openEnumeration();
         if (handle == 0) s.setCode(status::kOutOfMemory);

@@ -140,9 +140,10 @@ class ZQ_EXPORT Bucket
     bool adoptFrom(const Bucket& given);
     template <class Take>
     void mergeWalk(IBucket& other, Take& take, kel::StatusChain& status);
-    bool sameNameAs(const IBucket& other) const;  // case-insensitively
-    uint32_t recordSize() const;                  // mutex_ held
-    uint32_t memUsageLocked() const;              // mutex_ held
+    bool sameNameAs(const IBucket& other) const;    // case-insensitively
+    uint32_t recordSize() const;                    // mutex_ held
+    uint32_t memUsageLocked() const;                // mutex_ held
+    bool sameContentAs(const Bucket& other) const;  // isEqualTo; lack of memory throws
     // Lets std::bad_alloc through.
     void readRecord(const unsigned char*& cursor, const unsigned char* end,
                     const kel::WString* name, const Digest* digest);
