@@ -25,16 +25,16 @@ struct Worker {
     const std::function<void()>* job = nullptr;
     bool finished = false;
     bool running = false;
-    bool stop = false;
+    bool stop = false;    // the thread is to end once it has no job
+    bool closed = false;  // a fork is under way, or the library is going
     std::thread thread;
 
     void serve() {
         std::unique_lock<std::mutex> hold(mutex);
         for (;;) {
-            const bool called =
-                wake.wait_for(hold, std::chrono::milliseconds(SyncWorker::kIdleMilliseconds),
-                              [this] { return job != nullptr || stop; });
-            if (!called || stop) {
+            wake.wait_for(hold, std::chrono::milliseconds(SyncWorker::kIdleMilliseconds),
+                          [this] { return job != nullptr || stop; });
+            if (job == nullptr) {  // idle, or told to stop
                 running = false;
                 return;
             }
@@ -68,11 +68,16 @@ struct Worker {
         }
         pthread_sigmask(SIG_SETMASK, &previous, nullptr);
         running = true;
+        stop = false;
     }
 
-    void hand(const std::function<void()>& there) {
+    // False when no job can be taken now.
+    bool hand(const std::function<void()>& there) {
         {
             std::lock_guard<std::mutex> hold(mutex);
+            if (closed) {
+                return false;
+            }
             if (!running) {
                 start();
             }
@@ -80,6 +85,7 @@ struct Worker {
             finished = false;
         }
         wake.notify_one();
+        return true;
     }
 
     void await() {
@@ -87,12 +93,15 @@ struct Worker {
         done.wait(hold, [this] { return finished; });
     }
 
-    void shutDown() {
+    // Ends the thread once its job, if any, is done; no new one starts
+    // while `closed` holds.
+    void close() {
         {
             std::lock_guard<std::mutex> hold(mutex);
+            closed = true;
             stop = true;
-            wake.notify_one();
         }
+        wake.notify_one();
         if (thread.joinable()) {
             thread.join();
         }
@@ -100,38 +109,50 @@ struct Worker {
 };
 
 std::atomic<Worker*> current{nullptr};
-std::atomic<bool> closing{false};
+std::once_flag made;
 
-// A forked child has no worker thread, and its copy of the state may hold a
-// mutex locked by a thread that is not there: it is left alone (a small
-// leak) and the child makes its own.
-void forgetInChild() { current.store(nullptr); }
+// A fork copies only the forking thread. The worker ends first, so that the
+// child starts single-threaded (an emulator such as qemu-user cannot start
+// threads in the child of a threaded parent) and makes its own on demand.
+void beforeFork() {
+    if (Worker* const w = current.load()) {
+        w->close();
+        w->mutex.lock();  // no job is handed over until the fork is done
+    }
+}
+
+void afterForkInParent() {
+    if (Worker* const w = current.load()) {
+        w->closed = false;
+        w->mutex.unlock();
+    }
+}
+
+// The callers that were inside runAlongside are not in the child.
+void afterForkInChild() {
+    if (Worker* const w = current.load()) {
+        w->busy.store(false);
+        w->job = nullptr;
+        w->closed = false;
+        w->mutex.unlock();
+    }
+}
 
 Worker* worker() {
-    Worker* found = current.load();
-    if (found != nullptr) {
-        return found;
-    }
-    static const bool registered = pthread_atfork(nullptr, nullptr, &forgetInChild) == 0;
-    if (!registered) {
-        return nullptr;
-    }
-    Worker* made = new Worker;
-    if (!current.compare_exchange_strong(found, made)) {
-        delete made;
-        return found;
-    }
-    return made;
+    std::call_once(made, [] {
+        if (pthread_atfork(&beforeFork, &afterForkInParent, &afterForkInChild) == 0) {
+            current.store(new Worker);
+        }
+    });
+    return current.load();
 }
 
 // Runs when the library is unloaded or the process exits: the thread must
 // not outlive the code it runs.
 struct Reaper {
     ~Reaper() {
-        closing.store(true);
-        if (Worker* gone = current.exchange(nullptr)) {
-            gone->shutDown();
-            delete gone;
+        if (Worker* const w = current.load()) {
+            w->close();
         }
     }
 } reaper;
@@ -140,16 +161,17 @@ struct Reaper {
 
 bool SyncWorker::runAlongside(const std::function<void()>& there,
                               const std::function<void()>& here) {
-    if (closing.load()) {
-        return false;
-    }
     Worker* const w = worker();
     if (w == nullptr || w->busy.exchange(true)) {
         return false;
     }
+    bool handed = false;
     try {
-        w->hand(there);
+        handed = w->hand(there);
     } catch (...) {
+        // No thread to be had: the caller runs both.
+    }
+    if (!handed) {
         w->busy.store(false);
         return false;
     }

@@ -9,10 +9,10 @@ namespace osdep {
 
 // A thread of the process that waits for one job at a time, so that a commit
 // can sync two files at once without starting and joining a thread for each.
-// It ends after a second without work, in a forked child it is not there
-// (the child starts its own), and it is stopped and joined when the library
-// is unloaded or the process exits. No signal handler of the application
-// ever runs on it.
+// It ends after a second without work, before every fork (parent and child
+// start a new one when they next need it), and when the library is unloaded
+// or the process exits. No signal handler of the application ever runs on
+// it.
 class SyncWorker {
   public:
     // Runs `there` on the worker while the calling thread runs `here`, and

@@ -55,6 +55,7 @@ TEST(SyncWorkerTest, RunsTheJobsOnTwoThreadsAndKeepsItsThreadUntilIdle) {
     EXPECT_NE(runOnce(), std::thread::id());  // a new worker starts
 }
 
+// The worker ends before the fork: the child starts single-threaded.
 TEST(SyncWorkerTest, AForkedChildGetsItsOwnWorker) {
     ASSERT_NE(runOnce(), std::thread::id());  // the parent's worker exists
     const pid_t child = ::fork();
@@ -68,6 +69,7 @@ TEST(SyncWorkerTest, AForkedChildGetsItsOwnWorker) {
     int status = 0;
     ASSERT_EQ(::waitpid(child, &status, 0), child);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_NE(runOnce(), std::thread::id());  // and the parent starts a new one
 }
 
 TEST(SyncWorkerTest, ConcurrentCallersEitherRunBothJobsOrNeither) {
