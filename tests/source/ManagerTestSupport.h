@@ -72,6 +72,14 @@ class ManagerFixture : public testing::Test {
     TempDir dir_;
 };
 
+// The code left by `call`, which must refuse (return false) on a fresh status.
+template <class Call>
+int32_t refusal(Call&& call) {
+    StatusChain status = fresh();
+    EXPECT_FALSE(call(status));
+    return status.getCode();
+}
+
 // Begin, begin update, `change`, commit, end: one committed transaction.
 template <class Change>
 bool transact(IBucketManager& manager, StatusChain& status, Change&& change) {
