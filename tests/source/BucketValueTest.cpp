@@ -42,11 +42,7 @@ TEST(BucketValueTest, EveryTagHasItsRecordAndText) {
         EXPECT_EQ(value->serializationSize(), sample.record.data.size());
         EXPECT_EQ(narrow(value->toString()), narrow(WString(sample.text)));
 
-        AutoRef<BucketValue> back = makeValue();
-        const unsigned char* cursor = sample.record.data.data();
-        const unsigned char* end = cursor + sample.record.data.size();
-        back->deserialize(cursor, end);
-        EXPECT_EQ(cursor, end);
+        AutoRef<BucketValue> back = test::readRecord<BucketValue>(sample.record.data);
         EXPECT_EQ(back->getType(), value->getType());
         EXPECT_EQ(recordOf(*back), sample.record.data);
         EXPECT_TRUE(value->equals(*back));
@@ -193,9 +189,7 @@ TEST(BucketValueTest, CopiedOutArraysBelongToTheCaller) {
 
 TEST(BucketValueTest, BoolsComeOutAsBoolsWhateverByteWasStored) {
     const Bytes record = valueHeader(kBOOLARRAY).u32(2).raw({0, 7});
-    AutoRef<BucketValue> value = makeValue();
-    const unsigned char* cursor = record.data.data();
-    value->deserialize(cursor, cursor + record.data.size());
+    AutoRef<BucketValue> value = test::readRecord<BucketValue>(record.data);
     StatusChain status = okStatus();
     EXPECT_TRUE(value->getBoolArrayElement(1, status));
     bool* copy = nullptr;
