@@ -62,6 +62,14 @@ TEST_F(EntryPointTest, AFailedConstructionLeavesRoomForTheNextAttempt) {
     EXPECT_FALSE(one->createBucketManager(WString(L"relative/dir"), relative));
     EXPECT_EQ(relative.getCode(), st::kNotAbsolutePath);
 
+    // A data directory below a plain file cannot be made.
+    const std::string file = root_ + "/plain";
+    std::fclose(std::fopen(file.c_str(), "w"));
+    StatusChain unusable;
+    unusable.clear();
+    EXPECT_FALSE(one->createBucketManager(WString((file + "/reg").c_str()), unusable));
+    EXPECT_EQ(unusable.getCode(), st::kFileSystem);
+
     // Through version 1's slot: the same as version 2 with no options file.
     status.clear();
     AutoRef<IBucketManager> manager =
@@ -74,17 +82,6 @@ TEST_F(EntryPointTest, AFailedConstructionLeavesRoomForTheNextAttempt) {
     again.clear();
     EXPECT_FALSE(GetInterface(2, again)->createBucketManager(WString(), WString(), again));
     EXPECT_EQ(again.getCode(), st::kManagerExists);
-}
-
-// A data directory below a plain file cannot be made.
-TEST_F(EntryPointTest, AnUnusableDirectoryIsAFileSystemFailure) {
-    const std::string file = root_ + "/plain";
-    std::fclose(std::fopen(file.c_str(), "w"));
-    StatusChain status;
-    status.clear();
-    EXPECT_FALSE(GetInterface(2, status)->createBucketManager(WString((file + "/reg").c_str()),
-                                                              WString(), status));
-    EXPECT_EQ(status.getCode(), st::kFileSystem);
 }
 
 TEST_F(EntryPointTest, ClientsCatchNothingAndGetTheirValuesBack) {

@@ -61,6 +61,11 @@ TEST(PublicApiTest, SupportTypes) {
     EXPECT_FALSE(zq::kel::AbsoluteTime::now() < t);
 
     EXPECT_EQ(zq::kel::NString(WString(L"gr\u00fc\u00df")), zq::kel::NString("gr\xC3\xBC\xC3\x9F"));
+
+    // Resolved against the shared library: the link fails if it is not exported.
+    uint32_t (zq::orvane::Bucket::*weigh)() const = &zq::orvane::Bucket::getMemUsage;
+    EXPECT_NE(weigh, nullptr);
+    EXPECT_EQ(zq::orvane::IBucket::kMergeKeeping, 3);  // compiled into clients
 }
 
 // The machine out of memory, as a client meets it: the library cannot copy

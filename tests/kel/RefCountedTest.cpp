@@ -4,6 +4,7 @@
 
 #include <thread>
 
+#include "source/OrvaneAtomicInt.h"
 #include "zq/kel/AutoRef.h"
 
 namespace zq {
@@ -99,6 +100,16 @@ TEST(RefCountedTest, AtomicIntWrapsLikeTheMachineWord) {
     EXPECT_EQ(n.decrement(), INT32_MAX);
     n.set(-3);
     EXPECT_EQ(n.get(), -3);
+
+    // The handle counters of buckets and cases compare with counters and integers.
+    orvane::OrvaneAtomicInt handles(1);
+    const orvane::OrvaneAtomicInt other(3);
+    EXPECT_TRUE(handles.lessOrEqual(other));
+    EXPECT_FALSE(other.lessOrEqual(handles));
+    EXPECT_TRUE(handles.lessOrEqual(1));
+    EXPECT_EQ(handles.increment(), 2);
+    EXPECT_FALSE(handles.lessOrEqual(1));
+    EXPECT_EQ(handles.isAtomic(), 1);
 }
 
 }  // namespace

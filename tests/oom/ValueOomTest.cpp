@@ -29,6 +29,7 @@ using orvane::IBucket;
 using orvane::IBucketValue;
 using orvane::test::Bytes;
 using orvane::test::okStatus;
+using orvane::test::recordOf;
 namespace status = orvane::status;
 
 struct Setter {
@@ -63,14 +64,6 @@ AutoRef<BucketValue> valueOf(const Setter& setter) {
     setter.set(*value, status);
     EXPECT_EQ(status.getCode(), 0);
     return value;
-}
-
-template <class Record>
-std::vector<unsigned char> recordOf(Record& object) {
-    std::vector<unsigned char> bytes(object.serializationSize());
-    unsigned char* cursor = bytes.data();
-    object.serialize(cursor, bytes.data() + bytes.size());
-    return bytes;
 }
 
 // A failed call reports exactly out of memory; one that allocated all it

@@ -139,10 +139,7 @@ TEST(BucketTest, ReadBackFromItsRecordUnmodifiedWithTheSameValuesInOrder) {
     ASSERT_EQ(bucket->getNumKeys(), 29u);
 
     const std::vector<unsigned char> record = recordOf(*bucket);
-    AutoRef<Bucket> back(new Bucket());
-    const unsigned char* cursor = record.data();
-    back->deserialize(cursor, record.data() + record.size());
-    EXPECT_EQ(cursor, record.data() + record.size());
+    AutoRef<Bucket> back = test::readRecord<Bucket>(record);
     EXPECT_FALSE(back->isModified());
     EXPECT_EQ(back->getVersion(), 7u);
     EXPECT_EQ(narrow(back->getFullName()), "/Settings");
@@ -184,10 +181,7 @@ TEST(BucketTest, StoringAnIdenticalValueDoesNotMarkTheBucketModified) {
     AutoRef<Bucket> source = makeBucket(L"/x");
     StatusChain status = okStatus();
     source->setStringValue(WString(L"name"), WString(L"v"), status, false);
-    const std::vector<unsigned char> record = recordOf(*source);
-    AutoRef<Bucket> bucket(new Bucket());
-    const unsigned char* cursor = record.data();
-    bucket->deserialize(cursor, record.data() + record.size());
+    AutoRef<Bucket> bucket = test::readRecord<Bucket>(recordOf(*source));
     ASSERT_FALSE(bucket->isModified());
     const kel::AbsoluteTime stamp = bucket->getModifiedTime();
 

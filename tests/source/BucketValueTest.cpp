@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <functional>
 #include <limits>
 #include <string>
 #include <vector>
@@ -42,11 +43,7 @@ TEST(BucketValueTest, EveryTagHasItsRecordAndText) {
         EXPECT_EQ(value->serializationSize(), sample.record.data.size());
         EXPECT_EQ(narrow(value->toString()), narrow(WString(sample.text)));
 
-        AutoRef<BucketValue> back = makeValue();
-        const unsigned char* cursor = sample.record.data.data();
-        const unsigned char* end = cursor + sample.record.data.size();
-        back->deserialize(cursor, end);
-        EXPECT_EQ(cursor, end);
+        AutoRef<BucketValue> back = test::readRecord<BucketValue>(sample.record.data);
         EXPECT_EQ(back->getType(), value->getType());
         EXPECT_EQ(recordOf(*back), sample.record.data);
         EXPECT_TRUE(value->equals(*back));
@@ -83,26 +80,17 @@ TEST(BucketValueTest, GettersAreStrictlyTyped) {
     ZQ_ORVANE_PLAIN_KINDS(CHECK_GETTER)
 #undef CHECK_GETTER
     EXPECT_EQ(wrong, 10);
-    for (auto code : {0, 1, 2, 3, 4}) {
+    const std::function<bool(StatusChain&)> others[] = {
+        [&](StatusChain& s) { return value->getDigest(s) == Digest(); },
+        [&](StatusChain& s) { return value->getAnsiString(s).empty(); },
+        [&](StatusChain& s) { return value->getString(s).empty(); },
+        [&](StatusChain& s) { return value->getBlobSize(s) == 0u; },
+        [&](StatusChain& s) { return value->getStringArrayElement(0, s).empty(); },
+    };
+    for (const auto& getter : others) {
         StatusChain s = okStatus();
-        switch (code) {
-            case 0:
-                EXPECT_EQ(value->getDigest(s), Digest());
-                break;
-            case 1:
-                EXPECT_TRUE(value->getAnsiString(s).empty());
-                break;
-            case 2:
-                EXPECT_TRUE(value->getString(s).empty());
-                break;
-            case 3:
-                EXPECT_EQ(value->getBlobSize(s), 0u);
-                break;
-            case 4:
-                EXPECT_TRUE(value->getStringArrayElement(0, s).empty());
-                break;
-        }
-        EXPECT_EQ(s.getCode(), status::kWrongType) << code;
+        EXPECT_TRUE(getter(s));
+        EXPECT_EQ(s.getCode(), status::kWrongType);
     }
     // A failed read changes nothing.
     StatusChain s = okStatus();
@@ -193,9 +181,7 @@ TEST(BucketValueTest, CopiedOutArraysBelongToTheCaller) {
 
 TEST(BucketValueTest, BoolsComeOutAsBoolsWhateverByteWasStored) {
     const Bytes record = valueHeader(kBOOLARRAY).u32(2).raw({0, 7});
-    AutoRef<BucketValue> value = makeValue();
-    const unsigned char* cursor = record.data.data();
-    value->deserialize(cursor, cursor + record.data.size());
+    AutoRef<BucketValue> value = test::readRecord<BucketValue>(record.data);
     StatusChain status = okStatus();
     EXPECT_TRUE(value->getBoolArrayElement(1, status));
     bool* copy = nullptr;

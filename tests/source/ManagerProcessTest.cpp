@@ -71,9 +71,7 @@ TEST_F(ManagerProcessTest, FourWritersAndAReaderAgreeOnEveryCommit) {
         return last == kWriters * kRounds ? 0 : 3;
     });
     for (pid_t pid : writers) {
-        int result = 0;
-        ::waitpid(pid, &result, 0);
-        EXPECT_TRUE(WIFEXITED(result) && WEXITSTATUS(result) == 0);
+        EXPECT_EQ(exitCodeOf(pid), 0);
     }
     EXPECT_EQ(reader, 0);
 

@@ -3,13 +3,12 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <functional>
 #include <string>
 
+#include "support/Child.h"
 #include "support/TempDir.h"
 #include "zq/orvane/Orvane.h"
 
@@ -52,25 +51,16 @@ class ManagerFixture : public testing::Test {
     }
     AutoRef<IBucketManager> open(StatusChain& status) { return open(status, registry()); }
 
-    // Runs `body` in a child process (which may open its own manager) and
-    // returns its exit code.
-    static int inChild(const std::function<int()>& body) {
-        const pid_t pid = ::fork();
-        if (pid == 0) {
-            int code = 99;
-            try {
-                code = body();
-            } catch (...) {
-            }
-            ::_exit(code);
-        }
-        int result = 0;
-        ::waitpid(pid, &result, 0);
-        return WIFEXITED(result) ? WEXITSTATUS(result) : 128 + WTERMSIG(result);
-    }
-
     TempDir dir_;
 };
+
+// The code left by `call`, which must refuse (return false) on a fresh status.
+template <class Call>
+int32_t refusal(Call&& call) {
+    StatusChain status = fresh();
+    EXPECT_FALSE(call(status));
+    return status.getCode();
+}
 
 // Begin, begin update, `change`, commit, end: one committed transaction.
 template <class Change>

@@ -261,18 +261,18 @@ TEST_F(StoreBehaviourTest, AnIndexChangedAfterTheOpenIsDamage) {
 
 TEST_F(StoreBehaviourTest, OperationsOnAClosedStoreReportIt) {
     store_->close(status_);
-    EXPECT_FALSE(store_->readBucket(WString(L"/a"), status_));
-    EXPECT_EQ(status_.getCode(), orvane::status::kStoreNotOpen);
-    for (int op = 0; op < 3; ++op) {
+    const std::function<void(StatusChain&)> operations[] = {
+        [&](StatusChain& s) { EXPECT_FALSE(store_->readBucket(WString(L"/a"), s)); },
+        [&](StatusChain& s) { store_->exists(WString(L"/a"), s); },
+        [&](StatusChain& s) {
+            commitChanges(*store_, {{L"/a", 1}}, nullptr, s);
+        },
+        [&](StatusChain& s) { store_->compactNow(s); },
+    };
+    for (const auto& operation : operations) {
         StatusChain status = okStatus();
-        if (op == 0) {
-            store_->exists(WString(L"/a"), status);
-        } else if (op == 1) {
-            commitChanges(*store_, {{L"/a", 1}}, nullptr, status);
-        } else {
-            store_->compactNow(status);
-        }
-        EXPECT_EQ(status.getCode(), orvane::status::kStoreNotOpen) << op;
+        operation(status);
+        EXPECT_EQ(status.getCode(), orvane::status::kStoreNotOpen);
     }
 }
 
@@ -384,13 +384,7 @@ TEST_F(StoreBehaviourTest, EveryCorruptByteIsReportedOrHarmless) {
 // compacted record's 32-bit length and a buffer overrun.
 TEST(StoreLengthTest, ARecordPastFourGigabytesIsDamage) {
     TempDir dir;
-    {
-        SingleFileBucketStore store(dir.wide(), nullptr);
-        StatusChain status = okStatus();
-        store.open(0, status);
-        commitChanges(store, {{L"/a", 1}}, nullptr, status);
-        ASSERT_EQ(status.getCode(), 0);
-    }
+    commitInTurn(dir.wide(), {{{L"/a", 1}}});
     // A second segment after the first: one record "/b" of 4 GiB + 64 bytes.
     const auto start = static_cast<int64_t>(dir.read("registry.bin").size());
     const int64_t record = start + 16;

@@ -41,12 +41,7 @@ State applied(State state, const State& changes) {
 std::unique_ptr<SimulatedFileSystem> twoSegmentWorld() {
     auto fs = std::make_unique<SimulatedFileSystem>();
     fs->makeDirectory(kDir, 0777);
-    SingleFileBucketStore store(kDir, nullptr, *fs);
-    StatusChain status = okStatus();
-    store.open(0, status);
-    commitChanges(store, kFirst, nullptr, status);
-    commitChanges(store, kSecondChanges, nullptr, status);
-    EXPECT_EQ(status.getCode(), 0);
+    commitInTurn(kDir, {kFirst, kSecondChanges}, *fs);
     return fs;
 }
 

@@ -21,14 +21,9 @@ const State kAfterSecondCommit = {{L"/", -1}, {L"/a", 10}, {L"/c", 3}};
 
 class StoreRecoveryTest : public testing::Test {
   protected:
-    // Two commits in `dir`, so that the file has two segments.
-    static void writeTwoSegments(const TempDir& dir) {
-        SingleFileBucketStore store(dir.wide(), nullptr);
-        StatusChain status = okStatus();
-        store.open(0, status);
-        commitChanges(store, kOld, nullptr, status);
-        commitChanges(store, {{L"/a", 10}, {L"/b", -2}, {L"/c", 3}}, nullptr, status);
-        ASSERT_EQ(status.getCode(), 0);
+    // Two commits, so that the file has two segments.
+    void writeTwoSegments() {
+        commitInTurn(dir_.wide(), {kOld, {{L"/a", 10}, {L"/b", -2}, {L"/c", 3}}});
     }
 
     // The files of a compaction of `dir_`: its new "registry.bin" and mark.
@@ -43,14 +38,6 @@ class StoreRecoveryTest : public testing::Test {
         *file = copy.read("registry.bin");
         *mark = copy.read("commitmark.1");
         ASSERT_NE(*file, dir_.read("registry.bin"));
-    }
-
-    // The first steps of a compaction's swap: the live file copied to
-    // "registry.bin.2", its mark moved to "oldCommitmark".
-    void setOldFileAside() {
-        dir_.write("registry.bin.2", dir_.read("registry.bin"));
-        dir_.write("oldCommitmark", dir_.read("commitmark.2"));
-        dir_.remove("commitmark.2");
     }
 
     State openAndRead(int32_t* code = nullptr) {
@@ -77,87 +64,85 @@ TEST_F(StoreRecoveryTest, NoFilesGiveANewEmptyStore) {
     EXPECT_EQ(dir_.read("commitmark.1"), "0");
 }
 
-TEST_F(StoreRecoveryTest, UnfinishedCompactionBeforeTheSwapIsDiscarded) {
-    writeTwoSegments(dir_);
-    std::string file, mark;
-    compactedCopy(&file, &mark);
-    dir_.write("registry.bin.1", file.substr(0, file.size() / 2));
-    dir_.write("newCommitmark", mark);
-    EXPECT_EQ(openAndRead(), kAfterSecondCommit);
-    EXPECT_FALSE(dir_.exists("registry.bin.1"));
-    EXPECT_FALSE(dir_.exists("newCommitmark"));
-}
-
-TEST_F(StoreRecoveryTest, SwapDoneButNotCleanedUp) {
-    writeTwoSegments(dir_);
-    std::string file, mark;
-    compactedCopy(&file, &mark);
-    setOldFileAside();
-    dir_.write("registry.bin", file);
-    dir_.write("commitmark.1", mark);
-    EXPECT_EQ(openAndRead(), kAfterSecondCommit);
-    EXPECT_FALSE(dir_.exists("registry.bin.2"));
-    EXPECT_FALSE(dir_.exists("oldCommitmark"));
-}
-
-// The new file has its name but its mark does not yet: finishing the rename
-// keeps the data instead of reading the file as empty.
-TEST_F(StoreRecoveryTest, NewFileNamedBeforeItsMark) {
-    writeTwoSegments(dir_);
-    std::string file, mark;
-    compactedCopy(&file, &mark);
-    setOldFileAside();
-    dir_.write("registry.bin", file);
-    dir_.write("newCommitmark", mark);
-    EXPECT_EQ(openAndRead(), kAfterSecondCommit);
-    EXPECT_EQ(dir_.read("commitmark.1"), mark);
-    EXPECT_FALSE(dir_.exists("newCommitmark"));
-    EXPECT_FALSE(dir_.exists("registry.bin.2"));
-}
-
-// Old file set aside, new file complete with its mark: roll forward. The old
-// generation's mark must not describe the new file.
-TEST_F(StoreRecoveryTest, SwapInterruptedAfterTheOldFileWasSetAside) {
-    writeTwoSegments(dir_);
-    std::string file, mark;
-    compactedCopy(&file, &mark);
-    dir_.write("registry.bin.2", dir_.read("registry.bin"));
-    dir_.remove("registry.bin");
-    dir_.write("registry.bin.1", file);
-    dir_.write("newCommitmark", mark);  // commitmark.2 stays: not yet moved aside
-    EXPECT_EQ(openAndRead(), kAfterSecondCommit);
-    EXPECT_EQ(dir_.read("registry.bin"), file);
-    EXPECT_EQ(dir_.read("commitmark.1"), mark);
-    for (const char* gone : {"commitmark.2", "registry.bin.1", "registry.bin.2", "newCommitmark"}) {
-        EXPECT_FALSE(dir_.exists(gone)) << gone;
+// A compaction stopped at each step of its swap. Before the new file has
+// its mark it cannot be trusted and the old one comes back; once it has,
+// the swap rolls forward (and the old generation's mark must not describe
+// the new file). Either way no temporary file stays behind.
+TEST_F(StoreRecoveryTest, CompactionSwapStoppedAtEveryStep) {
+    struct Step {
+        const char* what;
+        void (*arrange)(const TempDir& dir, const std::string& file, const std::string& mark);
+        bool rolledForward;
+    };
+    // The first steps of the swap: the live file copied to "registry.bin.2",
+    // its mark moved to "oldCommitmark".
+    static const auto setOldFileAside = [](const TempDir& dir) {
+        dir.write("registry.bin.2", dir.read("registry.bin"));
+        dir.write("oldCommitmark", dir.read("commitmark.2"));
+        dir.remove("commitmark.2");
+    };
+    const Step steps[] = {
+        {"new file half written",
+         [](const TempDir& dir, const std::string& file, const std::string& mark) {
+             dir.write("registry.bin.1", file.substr(0, file.size() / 2));
+             dir.write("newCommitmark", mark);
+         },
+         false},
+        {"old file set aside, new one without its mark",
+         [](const TempDir& dir, const std::string&, const std::string&) {
+             setOldFileAside(dir);
+             dir.remove("registry.bin");
+             dir.write("registry.bin.1", "partial");
+         },
+         false},
+        {"old file moved, its mark not yet",
+         [](const TempDir& dir, const std::string& file, const std::string& mark) {
+             dir.write("registry.bin.2", dir.read("registry.bin"));
+             dir.remove("registry.bin");
+             dir.write("registry.bin.1", file);
+             dir.write("newCommitmark", mark);  // commitmark.2 stays
+         },
+         true},
+        {"new file named before its mark",
+         [](const TempDir& dir, const std::string& file, const std::string& mark) {
+             setOldFileAside(dir);
+             dir.write("registry.bin", file);
+             dir.write("newCommitmark", mark);
+         },
+         true},
+        {"swap done, not cleaned up",
+         [](const TempDir& dir, const std::string& file, const std::string& mark) {
+             setOldFileAside(dir);
+             dir.write("registry.bin", file);
+             dir.write("commitmark.1", mark);
+         },
+         false},
+    };
+    for (const Step& step : steps) {
+        SCOPED_TRACE(step.what);
+        for (const char* name : {"registry.bin", "commitmark.1", "commitmark.2"}) {
+            if (dir_.exists(name)) dir_.remove(name);
+        }
+        writeTwoSegments();
+        std::string file, mark;
+        compactedCopy(&file, &mark);
+        step.arrange(dir_, file, mark);
+        EXPECT_EQ(openAndRead(), kAfterSecondCommit);
+        if (step.rolledForward) {
+            EXPECT_EQ(dir_.read("registry.bin"), file);
+            EXPECT_EQ(dir_.read("commitmark.1"), mark);
+            EXPECT_FALSE(dir_.exists("commitmark.2"));
+        }
+        for (const char* gone :
+             {"registry.bin.1", "registry.bin.2", "newCommitmark", "oldCommitmark"}) {
+            EXPECT_FALSE(dir_.exists(gone)) << gone;
+        }
     }
-}
-
-// Without its mark the new file cannot be trusted: the old one comes back,
-// with the mark that describes it.
-TEST_F(StoreRecoveryTest, SwapInterruptedWithoutTheNewMarkRollsBack) {
-    writeTwoSegments(dir_);
-    setOldFileAside();
-    dir_.remove("registry.bin");
-    dir_.write("registry.bin.1", "partial");
-    EXPECT_EQ(openAndRead(), kAfterSecondCommit);
-    EXPECT_FALSE(dir_.exists("registry.bin.1"));
-    EXPECT_FALSE(dir_.exists("registry.bin.2"));
-    EXPECT_FALSE(dir_.exists("oldCommitmark"));
 }
 
 TEST_F(StoreRecoveryTest, AStrayNewFileAloneStartsAnEmptyStore) {
     dir_.write("registry.bin.1", "stray");
     EXPECT_EQ(openAndRead(), State());
-    EXPECT_TRUE(repaired_);
-}
-
-TEST_F(StoreRecoveryTest, TornAppendIsCutBackToTheCommittedLength) {
-    writeTwoSegments(dir_);
-    const std::string committed = dir_.read("registry.bin");
-    const std::string torn = committed + std::string(100, 'x');
-    dir_.write("registry.bin", torn);
-    EXPECT_EQ(openAndRead(), kAfterSecondCommit);
     EXPECT_TRUE(repaired_);
 }
 
@@ -191,7 +176,7 @@ TEST_F(StoreRecoveryTest, ThousandByteFileWithNineHundredCommitted) {
 }
 
 TEST_F(StoreRecoveryTest, NewestMarkWinsAndOlderOnesGoWhateverTheListingOrder) {
-    writeTwoSegments(dir_);
+    writeTwoSegments();
     const std::string length = dir_.read("commitmark.2");
     // "commitmark.30" lists before "commitmark.7"; "commitmark.3" before it.
     dir_.write("commitmark.3", "5");
@@ -210,7 +195,7 @@ TEST_F(StoreRecoveryTest, NewestMarkWinsAndOlderOnesGoWhateverTheListingOrder) {
 // Without a usable mark the file is not cut to nothing: the whole segments
 // from its start are kept and a fresh mark names them.
 TEST_F(StoreRecoveryTest, ALostOrEmptyMarkKeepsEveryWholeSegment) {
-    writeTwoSegments(dir_);
+    writeTwoSegments();
     const std::string file = dir_.read("registry.bin");
     for (const bool emptyMark : {false, true}) {
         dir_.write("registry.bin", file + "torn tail of a third segment");
@@ -229,7 +214,7 @@ TEST_F(StoreRecoveryTest, ALostOrEmptyMarkKeepsEveryWholeSegment) {
 }
 
 TEST_F(StoreRecoveryTest, SalvageStopsAtTheFirstSegmentThatDoesNotVerify) {
-    writeTwoSegments(dir_);
+    writeTwoSegments();
     std::string file = dir_.read("registry.bin");
     const size_t firstEnd =
         static_cast<size_t>(static_cast<unsigned char>(file[file.size() - 24]) |
@@ -244,7 +229,7 @@ TEST_F(StoreRecoveryTest, SalvageStopsAtTheFirstSegmentThatDoesNotVerify) {
 }
 
 TEST_F(StoreRecoveryTest, LeftoverTemporaryMarkFailsTheOpenUntilCleanedUp) {
-    writeTwoSegments(dir_);
+    writeTwoSegments();
     dir_.write("commitmark.5.17.tmp", "");
     int32_t code = 0;
     openAndRead(&code);
@@ -257,7 +242,7 @@ TEST_F(StoreRecoveryTest, LeftoverTemporaryMarkFailsTheOpenUntilCleanedUp) {
 }
 
 TEST_F(StoreRecoveryTest, DamagedPositionsFailTheOpenAndTouchNothing) {
-    writeTwoSegments(dir_);
+    writeTwoSegments();
     const std::string good = dir_.read("registry.bin");
     const size_t end = good.size();
     // The newest segment's start moved past its own end.

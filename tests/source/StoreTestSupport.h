@@ -83,6 +83,19 @@ inline State readState(IBucketStore& store, const std::set<std::wstring>& names)
     return state;
 }
 
+// Opens a store on `dir` and commits each of `commits` in turn; the store is
+// closed again on return. Fails the test on any error.
+inline void commitInTurn(const WString& dir, std::initializer_list<State> commits,
+                         kel::osdep::FileSystem& fs = kel::osdep::FileSystem::processDefault()) {
+    orvane::SingleFileBucketStore store(dir, nullptr, fs);
+    StatusChain status = okStatus();
+    store.open(0, status);
+    for (const State& changes : commits) {
+        commitChanges(store, changes, nullptr, status);
+    }
+    EXPECT_EQ(status.getCode(), 0);
+}
+
 inline std::set<std::wstring> namesOf(const std::vector<State>& states) {
     std::set<std::wstring> names;
     for (const State& state : states) {

@@ -24,12 +24,7 @@ using test::okStatus;
 using test::recordOf;
 
 AutoRef<Bucket> readBack(const Bucket& bucket) {
-    const std::vector<unsigned char> record = recordOf(bucket);
-    AutoRef<Bucket> read(new Bucket());
-    const unsigned char* cursor = record.data();
-    read->deserialize(cursor, record.data() + record.size());
-    EXPECT_EQ(cursor, record.data() + record.size());
-    return read;
+    return test::readRecord<Bucket>(recordOf(bucket));
 }
 
 // Names in several spellings of the same fold, a non-ASCII one, one that
@@ -186,9 +181,7 @@ TEST(StoredValuesTest, RecordsOutOfFormReadAsBefore) {
     Bytes record = Bytes().u32(1).u32(4).u32(2).text("/r").u32(4);
     record.append(entry("b", 1)).append(entry("a", 2)).append(entry("B", 3));
     record.u32(1).text("c").append(test::valueHeader(kNOTSET));
-    AutoRef<Bucket> bucket(new Bucket());
-    const unsigned char* cursor = record.data.data();
-    bucket->deserialize(cursor, record.data.data() + record.data.size());
+    AutoRef<Bucket> bucket = test::readRecord<Bucket>(record.data);
     StatusChain status = okStatus();
     EXPECT_EQ(bucket->getNumKeys(), 2u);
     EXPECT_EQ(bucket->getValue(WString(L"b"), status)->getInt32(status), 3);

@@ -4,12 +4,15 @@
 // One hand-built value record per tag, shared by the format and the
 // robustness tests.
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
 #include <string>
 #include <vector>
 
+#include "zq/kel/AutoRef.h"
 #include "zq/kel/StatusChain.h"
 #include "zq/orvane/BucketValue.h"
 
@@ -54,11 +57,21 @@ struct Bytes {
 inline Bytes valueHeader(uint32_t tag) { return Bytes().u32(1).u32(tag); }
 
 template <class Value>
-std::vector<unsigned char> recordOf(const Value& value) {
+std::vector<unsigned char> recordOf(Value& value) {
     std::vector<unsigned char> out(value.serializationSize());
     unsigned char* cursor = out.data();
     value.serialize(cursor, out.data() + out.size());
     return out;
+}
+
+// A `Target` read from `record`, which the read must use up.
+template <class Target>
+kel::AutoRef<Target> readRecord(const std::vector<unsigned char>& record) {
+    kel::AutoRef<Target> target(new Target());
+    const unsigned char* cursor = record.data();
+    target->deserialize(cursor, record.data() + record.size());
+    EXPECT_EQ(cursor, record.data() + record.size());
+    return target;
 }
 
 struct ValueSample {

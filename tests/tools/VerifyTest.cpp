@@ -91,25 +91,26 @@ TEST_F(ToolVerifyTest, ARecordLongerThanItsSegmentIsCaught) {
 }
 
 TEST_F(ToolVerifyTest, TrailerFieldsAreCheckedOneByOne) {
+    struct Field {
+        int64_t at;     // where the change goes and the problem is reported
+        int64_t value;  // written as a 64-bit word
+        const char* what;
+    };
+    const Field fields[] = {
+        {end() - 64, getI64(bytes, 8) + 1, "repeated index position"},
+        {end() - 24, end(), "its start"},
+        {8, end(), "index position"},
+    };
+    for (const Field& field : fields) {
+        std::string image = bytes;
+        putI64(image, static_cast<size_t>(field.at), field.value);
+        store(image);
+        expectProblem("registry.bin:" + std::to_string(field.at), field.what);
+    }
     std::string image = bytes;
     image[end() - 1] = '?';  // the mark
     store(image);
     expectProblem("registry.bin:" + std::to_string(end() - 16), "@@@@SFBSMARK@@@@");
-
-    image = bytes;
-    putI64(image, static_cast<size_t>(end() - 64), getI64(bytes, 8) + 1);  // repeated index
-    store(image);
-    expectProblem("registry.bin:" + std::to_string(end() - 64), "repeated index position");
-
-    image = bytes;
-    putI64(image, static_cast<size_t>(end() - 24), end());  // segment start
-    store(image);
-    expectProblem("registry.bin:" + std::to_string(end() - 24), "its start");
-
-    image = bytes;
-    putI64(image, 8, end());  // index position
-    store(image);
-    expectProblem("registry.bin:8", "index position");
 
     tool.dir().write("reg/commitmark.1", std::to_string(end() + 10));
     store(bytes);

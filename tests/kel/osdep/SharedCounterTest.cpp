@@ -3,9 +3,8 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
+#include "support/Child.h"
 #include "support/TempDir.h"
 
 namespace zq {
@@ -33,15 +32,11 @@ TEST(SharedCounterTest, ProcessesShareOneCountThatStaysOddAfterADeadWriter) {
     EXPECT_EQ(counter.load(), 2u);
 
     // A second mapping (the next open of the file) keeps the count.
-    const pid_t writer = ::fork();
-    if (writer == 0) {
-        SharedCounter own(kName);
-        const bool clean = own.load() == 2u && own.beginChange();
-        ::_exit(clean ? 0 : 1);  // dies in the middle of its change
-    }
-    int result = 0;
-    ::waitpid(writer, &result, 0);
-    ASSERT_TRUE(WIFEXITED(result) && WEXITSTATUS(result) == 0);
+    ASSERT_EQ(test::inChild([] {
+                  SharedCounter own(kName);
+                  return own.load() == 2u && own.beginChange() ? 0 : 1;  // dies mid-change
+              }),
+              0);
     EXPECT_EQ(counter.load(), 3u);
     EXPECT_FALSE(SharedCounter::isSettled(counter.load()));
 

@@ -42,10 +42,8 @@ class SimulatedFile : public File {
           generation_(generation) {}
 
     size_t readAt(int64_t offset, void* buffer, size_t count) override {
-        std::lock_guard<std::mutex> hold(fs_.mutex_);
-        usable(FileSystem::kRead);
-        fs_.enterOrThrow(SimulatedFileSystem::kReadCall,
-                         "read " + path_ + " " + span(offset, count));
+        const auto hold = enter(FileSystem::kRead, SimulatedFileSystem::kReadCall,
+                                "read " + path_ + " " + span(offset, count));
         const std::string& data = node_->data;
         if (static_cast<uint64_t>(offset) >= data.size()) {
             return 0;
@@ -69,40 +67,30 @@ class SimulatedFile : public File {
     }
 
     void sync() override {
-        std::lock_guard<std::mutex> hold(fs_.mutex_);
-        usable(0);
-        fs_.enterOrThrow(SimulatedFileSystem::kSyncCall, "sync " + path_);
+        const auto hold = enter(0, SimulatedFileSystem::kSyncCall, "sync " + path_);
         node_->synced = node_->data;
     }
 
     void truncate(int64_t length) override {
-        std::lock_guard<std::mutex> hold(fs_.mutex_);
-        usable(FileSystem::kWrite);
-        fs_.enterOrThrow(SimulatedFileSystem::kTruncateCall,
-                         "truncate " + path_ + " " + std::to_string(length));
+        const auto hold = enter(FileSystem::kWrite, SimulatedFileSystem::kTruncateCall,
+                                "truncate " + path_ + " " + std::to_string(length));
         node_->data.resize(static_cast<size_t>(std::max<int64_t>(length, 0)), '\0');
         ++node_->changes;
     }
 
     int64_t size() override {
-        std::lock_guard<std::mutex> hold(fs_.mutex_);
-        usable(0);
-        fs_.enterOrThrow(SimulatedFileSystem::kSizeCall, "size " + path_);
+        const auto hold = enter(0, SimulatedFileSystem::kSizeCall, "size " + path_);
         return static_cast<int64_t>(node_->data.size());
     }
 
     void changeOwner(uint32_t user, uint32_t group) override {
-        std::lock_guard<std::mutex> hold(fs_.mutex_);
-        usable(0);
-        fs_.enterOrThrow(SimulatedFileSystem::kChownCall, "chown " + path_);
+        const auto hold = enter(0, SimulatedFileSystem::kChownCall, "chown " + path_);
         node_->owner = user;
         node_->group = group;
     }
 
     void changeMode(uint32_t permissions) override {
-        std::lock_guard<std::mutex> hold(fs_.mutex_);
-        usable(0);
-        fs_.enterOrThrow(SimulatedFileSystem::kChmodCall, "chmod " + path_);
+        const auto hold = enter(0, SimulatedFileSystem::kChmodCall, "chmod " + path_);
         node_->permissions = permissions;
     }
 
@@ -116,6 +104,16 @@ class SimulatedFile : public File {
     }
 
   private:
+    // Locks the file system, checks this file allows `access`, and counts
+    // and records the call, throwing the fault planned for it.
+    std::unique_lock<std::mutex> enter(uint32_t access, SimulatedFileSystem::Op op,
+                                       const std::string& what) {
+        std::unique_lock<std::mutex> hold(fs_.mutex_);
+        usable(access);
+        fs_.enterOrThrow(op, what);
+        return hold;
+    }
+
     static std::string span(int64_t offset, size_t count) {
         return std::to_string(offset) + "+" + std::to_string(count);
     }
