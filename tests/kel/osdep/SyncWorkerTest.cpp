@@ -43,15 +43,16 @@ std::thread::id runOnce() {
 }
 
 TEST(SyncWorkerTest, RunsTheJobsOnTwoThreadsAndKeepsItsThreadUntilIdle) {
-    const int before = threadsOfThisProcess();
     const std::thread::id first = runOnce();
     ASSERT_NE(first, std::thread::id());
     EXPECT_NE(first, std::this_thread::get_id());
+    // Counted after the first start: a sanitizer may add a thread of its own.
+    const int withWorker = threadsOfThisProcess();
     EXPECT_EQ(runOnce(), first);  // no thread per call
-    EXPECT_EQ(threadsOfThisProcess(), before + 1);
+    EXPECT_EQ(threadsOfThisProcess(), withWorker);
 
     std::this_thread::sleep_for(std::chrono::milliseconds(SyncWorker::kIdleMilliseconds + 500));
-    EXPECT_EQ(threadsOfThisProcess(), before);
+    EXPECT_EQ(threadsOfThisProcess(), withWorker - 1);
     EXPECT_NE(runOnce(), std::thread::id());  // a new worker starts
 }
 
