@@ -29,6 +29,27 @@ BucketCache::BucketCache(uint32_t limitBytes)
 
 void BucketCache::clear(int32_t /*storeCode*/) { clear(); }
 
+void BucketCache::insertRead(kel::AutoRef<IBucket>& bucket, uint64_t version,
+                             kel::StatusChain& status) {
+    Lock lock(mutex());
+    if (version < version_) {
+        return;
+    }
+    const bool replace = true;
+    insertBucket(bucket, &replace, status);
+}
+
+void BucketCache::clearTo(uint64_t version) {
+    Lock lock(mutex());
+    clear();
+    version_ = std::max(version_, version);
+}
+
+void BucketCache::moveTo(uint64_t version) {
+    Lock lock(mutex());
+    version_ = std::max(version_, version);
+}
+
 void BucketCache::recount() {
     Lock lock(mutex());
     BucketCase::recount();

@@ -30,6 +30,21 @@ class BucketCache : public BucketCase {
     void clear(int32_t storeCode);
     void recount() override;
 
+    // The cache follows the store's view version (IBucketStore::viewVersion)
+    // so that a bucket read from an older view never lands after a newer
+    // one: a lookup that read the store just before another thread's commit
+    // or reload would otherwise cache, and later hand out, a value that
+    // goes back. Reads are tagged with the version seen before they began.
+    //
+    // Inserts `bucket`, read from the store at `version`, unless the cache
+    // has since moved to a newer view.
+    void insertRead(kel::AutoRef<IBucket>& bucket, uint64_t version, kel::StatusChain& status);
+    // Empties the cache and refuses reads older than `version`.
+    void clearTo(uint64_t version);
+    // Refuses reads older than `version`; the caller holds mutex() while it
+    // brings the cached buckets to that view itself.
+    void moveTo(uint64_t version);
+
     uint32_t limitBytes() const { return limit_; }
     // 25 % of the limit, taken in 32-bit arithmetic as the product wraps.
     uint32_t evictionAmount() const { return evictionAmount_; }
@@ -42,6 +57,7 @@ class BucketCache : public BucketCase {
 
     const uint32_t limit_;
     const uint32_t evictionAmount_;
+    uint64_t version_ = 0;  // guarded by mutex()
 };
 
 }  // namespace orvane

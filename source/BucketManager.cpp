@@ -228,8 +228,15 @@ bool BucketManager::beginTransaction(bool wait, Guid& id, StatusChain& status) {
         }
         try {
             // Whatever other processes committed since is the base of this
-            // transaction: the data file is looked at every time.
-            dropStaleCaches(true);
+            // transaction: the files are looked at every time.
+            StatusChain caught;
+            caught.clear();
+            catchUp(caught);
+            if (caught.isFatal()) {
+                processLock_->unlock();
+                status.setCode(caught.getCode());
+                return false;
+            }
             transactionId_ = Guid::generate();
         } catch (...) {
             processLock_->unlock();
@@ -341,29 +348,36 @@ void BucketManager::commitPending(StatusChain& status) {
 // look means the files are as that look found them. A writer that died keeps
 // the count odd: every lookup looks until the next change completes. (A
 // 32-bit count wraps only after 2^31 changes between two lookups.)
-void BucketManager::dropStaleCaches(bool underLock) {
+void BucketManager::dropStaleCaches() {
     using kel::osdep::SharedCounter;
     if (!store_) {
         return;
     }
     const SharedCounter* counter = changes_.load(std::memory_order_acquire);
     const uint32_t seen = counter != nullptr ? counter->load() : 1;
-    // A transaction never skips on the count alone: a process of an older
-    // library commits without moving it, and an append over its commit
-    // would lose that commit.
-    if (!underLock && SharedCounter::isSettled(seen) &&
-        seen == validated_.load(std::memory_order_acquire)) {
+    if (SharedCounter::isSettled(seen) && seen == validated_.load(std::memory_order_acquire)) {
         return;
     }
     StatusChain local;
     local.clear();
-    if (store_->refresh(local)) {
-        readCache_->clear();
+    const IBucketStore::Refresh found = store_->refresh(local);
+    if (found == IBucketStore::Refresh::kChanged) {
+        readCache_->clearTo(store_->viewVersion());
     }
     // Stored after the cache is cleared: a thread that skips on it finds
     // the cache as fresh as this look left it.
-    if (SharedCounter::isSettled(seen) && local.isNotFatal()) {
+    if (SharedCounter::isSettled(seen) && local.isNotFatal() &&
+        found != IBucketStore::Refresh::kUnsettled) {
         validated_.store(seen, std::memory_order_release);
+    }
+}
+
+// Under the process lock, before this process writes. It never skips on the
+// count alone: a process of an older library commits without moving it, and
+// an append over its commit would lose that commit.
+void BucketManager::catchUp(StatusChain& status) {
+    if (store_ && store_->catchUp(status)) {
+        readCache_->clearTo(store_->viewVersion());
     }
 }
 
@@ -373,6 +387,7 @@ void BucketManager::reloadCaches(int32_t code, StatusChain& status) {
             return;
         }
         readCache_->clear(code);
+        readCache_->clearTo(store_->viewVersion());
         updateCache_->clear();
         const WString root(L"/");
         AutoRef<IBucket> held = store_->readBucket(root, status);

@@ -65,16 +65,17 @@ void putPending(BucketUpdateCache& cache, AutoRef<IBucket> bucket, StatusChain& 
 
 namespace {
 
-// The read cache first, then the store; what the store had is cached.
+// The read cache first, then the store; what the store had is cached unless
+// the view moved on while it was read.
 template <class InCache, class InStore>
-AutoRef<IBucket> readThrough(BucketCache& cache, InCache&& inCache, InStore&& inStore,
-                             StatusChain& status) {
+AutoRef<IBucket> readThrough(BucketCache& cache, const IBucketStore& store, InCache&& inCache,
+                             InStore&& inStore, StatusChain& status) {
     AutoRef<IBucket> found = inCache();
     if (!found) {
+        const uint64_t version = store.viewVersion();
         found = inStore();
         if (found) {
-            bool replace = true;
-            cache.insertBucket(found, &replace, status);
+            cache.insertRead(found, version, status);
         }
     }
     return found;
@@ -84,9 +85,9 @@ AutoRef<IBucket> readThrough(BucketCache& cache, InCache&& inCache, InStore&& in
 
 AutoRef<IBucket> BucketManager::findShared(const WString& fullName, StatusChain& status,
                                            const FoldedKey* key) {
-    dropStaleCaches(false);
+    dropStaleCaches();
     return readThrough(
-        *readCache_,
+        *readCache_, *store_,
         [&] {
             return key != nullptr ? readCache_->findHeld(*key) : readCache_->findBucket(fullName);
         },
@@ -94,9 +95,9 @@ AutoRef<IBucket> BucketManager::findShared(const WString& fullName, StatusChain&
 }
 
 AutoRef<IBucket> BucketManager::findSharedByDigest(const Digest& digest, StatusChain& status) {
-    dropStaleCaches(false);
+    dropStaleCaches();
     return readThrough(
-        *readCache_, [&] { return readCache_->findBucketByDigest(digest); },
+        *readCache_, *store_, [&] { return readCache_->findBucketByDigest(digest); },
         [&] { return store_->readBucketByDigest(digest, status); }, status);
 }
 
@@ -151,7 +152,7 @@ bool BucketManager::lookupBucket(const WString& fullName, AutoRef<IBucket>& buck
 bool BucketManager::bucketExists(const WString& fullName, StatusChain& status) {
     return guarded(status, kManagerCodes, [&] {
         if (!store_) return false;
-        dropStaleCaches(false);
+        dropStaleCaches();
         return readCache_->containsBucket(fullName) || store_->exists(fullName, status);
     });
 }

@@ -79,6 +79,17 @@ void BucketUpdateCache::writeBackLocked(BucketCache& readCache, IBucketStore& st
         updated.emplace(entry.second.bucket->getFullName(), entry.second.bucket);
     }
 
+    store.commit(updated, deleted, status);
+    // Only what the store committed reaches the read cache. When the store
+    // failed, its view may or may not hold the commit (a compaction after
+    // it can fail too): the cache then forgets everything rather than show
+    // a state that is not on disk.
+    Lock cacheLock(readCache.mutex());
+    readCache.moveTo(store.viewVersion());
+    if (status.isFatal()) {
+        readCache.clearTo(store.viewVersion());
+        return;
+    }
     for (const WString& name : deleted) {
         readCache.removeBucket(name);
     }
@@ -89,12 +100,10 @@ void BucketUpdateCache::writeBackLocked(BucketCache& readCache, IBucketStore& st
         cached.clear();
         readCache.insertBucket(bucket, &replace, cached);
         if (cached.isFatal()) {
-            // Better absent than stale: a lookup then reads the store. The
-            // commit itself goes on, a cache failure must not stop it.
+            // Better absent than stale: a lookup then reads the store.
             readCache.removeBucket(pending.first);
         }
     }
-    store.commit(updated, deleted, status);
 }
 
 }  // namespace orvane

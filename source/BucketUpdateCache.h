@@ -42,11 +42,11 @@ class BucketUpdateCache : public BucketCase {
     // when some name is deleted.
     bool isParentDeleted(const kel::WString& childName) const;
 
-    // The commit: removes every deleted name from the read cache, puts every
-    // pending bucket into it (replacing), hands the store both sets in one
-    // commit, then empties itself, whatever the store reported. The read
-    // cache is brought up to date before the store writes, so that it shows
-    // the transaction's result even when the store then fails.
+    // The commit: hands the store both sets in one commit and, once the
+    // store has committed them, removes every deleted name from the read
+    // cache and puts every pending bucket into it (replacing); then empties
+    // itself, whatever the store reported. A failed commit leaves nothing of
+    // the transaction anywhere.
     void writeBack(BucketCache& readCache, IBucketStore& store, kel::StatusChain& status);
 
   protected:

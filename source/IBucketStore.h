@@ -37,11 +37,23 @@ class IBucketStore {
     virtual bool wasRepairedOnOpen() = 0;
     virtual bool isOverSizeLimit() = 0;
 
+    // What a look at other processes' changes found.
+    enum class Refresh {
+        kUnchanged,  // the view is the newest committed state
+        kChanged,    // a newer state was loaded: cached buckets are stale
+        kUnsettled,  // files kept changing under the look: the old view stays
+    };
     // Brings the store up to date with what other processes committed or
-    // compacted since; true when something changed (cached buckets are then
-    // stale). Reads only: safe without the process lock. An unchanged stat
-    // of the data file, which ends at the committed length, is nothing new.
-    virtual bool refresh(kel::StatusChain& status) = 0;
+    // compacted since. Reads only: safe without the process lock.
+    virtual Refresh refresh(kel::StatusChain& status) = 0;
+    // The same for a process that holds the process lock and is about to
+    // write: whatever a dead process left half done is finished first, and
+    // a data file no longer named "registry.bin" is never written again.
+    // True when the view changed.
+    virtual bool catchUp(kel::StatusChain& status) = 0;
+    // Moves whenever the view changes (a commit, a reload, a compaction):
+    // a bucket read while it had an older value may be stale.
+    virtual uint64_t viewVersion() const = 0;
 };
 
 }  // namespace orvane

@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <chrono>
 #include <mutex>
+#include <thread>
 #include <new>
 #include <unordered_set>
 
@@ -123,14 +125,7 @@ void SingleFileBucketStore::open(uint32_t value, StatusChain& status) {
     }
     openValue_ = value;
     repairedOnOpen_ = false;
-    storeOperation(status, [&] {
-        adoptMark(marks_.findNewest());
-        recoverFiles();
-        if (!markTrusted_) {
-            salvage();
-        }
-        openDataFile();
-    });
+    storeOperation(status, [&] { openFiles(); });
     if (status.isFatal()) {
         file_.reset();
         return;
@@ -147,11 +142,22 @@ void SingleFileBucketStore::open(uint32_t value, StatusChain& status) {
         loadIndex();
         rememberSignature();
         open_ = true;
+        opened_ = true;
+        viewChanged();
     });
     if (status.isFatal()) {
         file_.reset();
         index_.clear();
     }
+}
+
+void SingleFileBucketStore::openFiles() {
+    adoptMark(marks_.findNewest());
+    recoverFiles();
+    if (!markTrusted_) {
+        salvage();
+    }
+    openDataFile();
 }
 
 // Repairs what a crash in the middle of a compaction's swap left. Every
@@ -251,6 +257,7 @@ void SingleFileBucketStore::openDataFile() {
         file_ = fs_.open(livePath_, FileSystem::kReadWrite);
         size = file_->size();
     }
+    fileWritable_ = true;
     sizeOnOpen_ = size;
     if (size > committedLength_) {
         // A torn append: the bytes past the mark were never committed.
@@ -295,6 +302,8 @@ void SingleFileBucketStore::close(StatusChain& status) {
     committedLength_ = 0;
     signature_.reset();
     open_ = false;
+    opened_ = false;
+    viewChanged();
 }
 
 // ---------------------------------------------------------------- reading
@@ -417,6 +426,7 @@ void SingleFileBucketStore::commit(const UpdatedBuckets& updated, const DeletedN
         ++generation_;
         committedLength_ = end;
         rememberSignature();
+        viewChanged();
         return true;
     });
     if (committed && overSize(committedLength_) && index_.segmentCount() != 0) {
@@ -640,6 +650,7 @@ bool SingleFileBucketStore::compactLocked() {
     committedLength_ = end;
     generation_ = 1;
     overSize_ = overSize(end);
+    viewChanged();
     return true;
 }
 
@@ -659,6 +670,7 @@ void SingleFileBucketStore::swapInCompactedFile(std::unique_ptr<File> fresh, int
     fs_.removeFile(previousPath_, FileSystem::kRemoveMustExist);
     fs_.removeFile(oldMark, FileSystem::kRemoveMustExist);
     file_ = std::move(fresh);
+    fileWritable_ = true;
     sizeOnOpen_ = end;
 }
 
@@ -668,82 +680,164 @@ void SingleFileBucketStore::swapInCompactedFile(std::unique_ptr<File> fresh, int
 // refresh simply looks at the marks.
 void SingleFileBucketStore::rememberSignature() noexcept {
     try {
-        const FileSystem::Status now = fs_.stat(livePath_);
-        fileIdentity_ = {now.device, now.inode};
-        settle(now);
+        if (!file_) {
+            signature_.reset();
+            return;
+        }
+        fileIdentity_ = file_->identity();
+        settle(fs_.stat(livePath_));
     } catch (...) {
         signature_.reset();
     }
 }
 
-// A stat stands for "nothing changed" only when the file holds exactly what
-// the index describes: bytes past the committed length belong to a commit
-// whose mark is still to come, and that mark changes no stat of the file.
+// A stat stands for "nothing changed" only when the name leads to the file
+// held open and that file holds exactly what the index describes: bytes
+// past the committed length belong to a commit whose mark is still to come,
+// and that mark changes no stat of the file.
 void SingleFileBucketStore::settle(const FileSystem::Status& now) {
-    if (now.exists && now.size == committedLength_) {
+    if (now.exists && now.device == fileIdentity_.device && now.inode == fileIdentity_.inode &&
+        now.size == committedLength_) {
         signature_ = std::make_unique<Signature>(Signature{now});
     } else {
         signature_.reset();
     }
 }
 
-bool SingleFileBucketStore::refresh(StatusChain& status) {
+namespace {
+
+// A compaction's swap is a few renames: a look that met one waits a little
+// and looks again, up to about a fifth of a second in all.
+constexpr int kRefreshAttempts = 8;
+
+void pauseBeforeAttempt(int attempt) {
+    if (attempt > 0) {
+        std::this_thread::sleep_for(std::chrono::microseconds(100 << attempt));
+    }
+}
+
+}  // namespace
+
+SingleFileBucketStore::Refresh SingleFileBucketStore::refresh(StatusChain& status) {
     return storeOperation(status, [&] {
         Lock lock(mutex_);
         if (!open_) {
-            return false;
+            return Refresh::kUnchanged;
         }
-        const FileSystem::Status now = fs_.stat(livePath_);
+        FileSystem::Status now = fs_.stat(livePath_);
         if (signature_ && *signature_ == now) {
-            return false;
+            return Refresh::kUnchanged;
         }
-        // Another process is between steps of a compaction: keep what we
-        // have and look again next time.
-        const CommitMarks::Mark mark = marks_.peekNewest();
-        if (!now.exists || mark.generation == 0) {
-            return false;
+        for (int attempt = 0; attempt < kRefreshAttempts; ++attempt) {
+            pauseBeforeAttempt(attempt);
+            if (attempt > 0) {
+                now = fs_.stat(livePath_);
+            }
+            const Refresh found = tryRefresh(now);
+            if (found != Refresh::kUnsettled) {
+                return found;
+            }
         }
-        const bool sameFile =
-            now.device == fileIdentity_.first && now.inode == fileIdentity_.second;
-        if (sameFile && mark.generation == generation_ &&
-            mark.committedLength == committedLength_) {
-            settle(now);
-            return false;
-        }
-        return reload(now, mark, sameFile);
+        signature_.reset();
+        return Refresh::kUnsettled;
     });
 }
 
-// Built aside and swapped in whole: a failure keeps the old view. Without
-// the process lock a compaction may swap files between the look at the mark
-// and the open, so the mark must be the same afterwards and fit the file.
-bool SingleFileBucketStore::reload(const FileSystem::Status& now, const CommitMarks::Mark& mark,
-                                   bool sameFile) {
+// A mark describes the file that "registry.bin" named both before and after
+// the mark was read: a compaction renames the old file away before any mark
+// of the new one gets a "commitmark." name, and the old file comes back only
+// when a recovery rolls that compaction back, with a mark of its own. So
+// the mark is read between two looks at the name, and the look is thrown
+// away when they differ. Comparing marks alone is not enough: a new file
+// may reach the same generation and length as the old one had.
+SingleFileBucketStore::Refresh SingleFileBucketStore::tryRefresh(
+    const FileSystem::Status& before) {
+    if (!before.exists) {
+        return Refresh::kUnsettled;  // between two renames of a swap
+    }
     std::unique_ptr<File> reopened;
-    if (!sameFile) {
-        reopened = fs_.open(livePath_, FileSystem::kReadWrite);
+    File::Identity identity{before.device, before.inode};
+    if (identity != fileIdentity_) {
+        // Readers never write: a process that may only read gets its file.
+        reopened = fs_.open(livePath_, FileSystem::kRead);
+        identity = reopened->identity();
+    }
+    const CommitMarks::Mark mark = marks_.peekNewest();
+    const FileSystem::Status after = fs_.stat(livePath_);
+    if (!after.exists || after.device != identity.device || after.inode != identity.inode ||
+        mark.generation == 0) {
+        return Refresh::kUnsettled;
+    }
+    if (!reopened && mark.generation == generation_ && mark.committedLength == committedLength_) {
+        settle(after);
+        return Refresh::kUnchanged;
     }
     File& file = reopened ? *reopened : *file_;
     if (file.size() < mark.committedLength) {
-        signature_.reset();
-        return false;
+        return Refresh::kUnsettled;  // the mark names bytes that are not there
     }
     StoreIndex fresh;
     fresh.load(file, mark.committedLength);
-    const CommitMarks::Mark after = marks_.peekNewest();
-    if (after.generation != mark.generation || after.committedLength != mark.committedLength) {
-        signature_.reset();
-        return false;
-    }
     if (reopened) {
         file_ = std::move(reopened);
-        fileIdentity_ = {now.device, now.inode};
+        fileIdentity_ = identity;
+        fileWritable_ = false;
     }
     index_ = std::move(fresh);
     generation_ = mark.generation;
     committedLength_ = mark.committedLength;
-    settle(now);
-    return true;
+    settle(after);
+    viewChanged();
+    return Refresh::kChanged;
+}
+
+bool SingleFileBucketStore::catchUp(StatusChain& status) {
+    return storeOperation(status, [&] {
+        Lock lock(mutex_);
+        if (!opened_ || (open_ && filesAsLeft())) {
+            return false;
+        }
+        // Another process changed the files, or died changing them: the
+        // open's steps repair what it left and read the files anew.
+        open_ = false;
+        file_.reset();
+        index_.clear();
+        signature_.reset();
+        viewChanged();
+        removeTemporaryFiles(fs_, directory_);
+        openFiles();
+        loadIndex();
+        rememberSignature();
+        open_ = true;
+        viewChanged();
+        return true;
+    });
+}
+
+// One listing tells whether any file of an interrupted compaction is left
+// and which marks there are; a stat whether "registry.bin" is still the
+// file held open, for writing, and ends where the index does.
+bool SingleFileBucketStore::filesAsLeft() {
+    if (!file_ || !fileWritable_) {
+        return false;
+    }
+    const WString ownMark = CommitMarks::nameOf(generation_);
+    bool ownMarkSeen = false;
+    for (const WString& name : fs_.listDirectory(directory_)) {
+        if (name == WString(L"registry.bin.1") || name == WString(L"registry.bin.2") ||
+            name == WString(L"newCommitmark") || name == WString(L"oldCommitmark")) {
+            return false;
+        }
+        if (name.startsWith(WString(L"commitmark."))) {
+            if (name != ownMark) {
+                return false;
+            }
+            ownMarkSeen = true;
+        }
+    }
+    const FileSystem::Status now = fs_.stat(livePath_);
+    return ownMarkSeen && now.exists && now.device == fileIdentity_.device &&
+           now.inode == fileIdentity_.inode && now.size == committedLength_;
 }
 
 SingleFileBucketStore::Facts SingleFileBucketStore::facts() {

@@ -1,6 +1,7 @@
 #ifndef ZQ_ORVANE_SINGLEFILEBUCKETSTORE_H
 #define ZQ_ORVANE_SINGLEFILEBUCKETSTORE_H
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -46,7 +47,9 @@ class SingleFileBucketStore : public IBucketStore {
     bool exists(const kel::WString& name, kel::StatusChain& status) override;
     bool wasRepairedOnOpen() override { return repairedOnOpen_; }
     bool isOverSizeLimit() override { return overSize_; }
-    bool refresh(kel::StatusChain& status) override;
+    Refresh refresh(kel::StatusChain& status) override;
+    bool catchUp(kel::StatusChain& status) override;
+    uint64_t viewVersion() const override { return view_.load(std::memory_order_acquire); }
 
     // For the offline tools: compacts now, whatever the size.
     void compactNow(kel::StatusChain& status);
@@ -65,6 +68,11 @@ class SingleFileBucketStore : public IBucketStore {
   private:
     struct Signature;
 
+    // The file steps of an open and the index load; throws.
+    void openFiles();
+    // Under the process lock: the files are as this store left them, and
+    // nothing of another process's interrupted compaction is left.
+    bool filesAsLeft();
     void adoptMark(const CommitMarks::Mark& mark);
     void salvage();
     void recoverFiles();
@@ -97,8 +105,8 @@ class SingleFileBucketStore : public IBucketStore {
                                        kel::StatusChain& status);
     void rememberSignature() noexcept;
     void settle(const kel::osdep::FileSystem::Status& now);
-    bool reload(const kel::osdep::FileSystem::Status& now, const CommitMarks::Mark& mark,
-                bool sameFile);
+    Refresh tryRefresh(const kel::osdep::FileSystem::Status& before);
+    void viewChanged() { view_.fetch_add(1, std::memory_order_acq_rel); }
 
     kel::osdep::FileSystem& fs_;
     const Options* options_;
@@ -120,8 +128,11 @@ class SingleFileBucketStore : public IBucketStore {
     bool repairedOnOpen_ = false;
     bool overSize_ = false;
     bool markTrusted_ = false;
-    std::unique_ptr<Signature> signature_;              // null: look at the marks next time
-    std::pair<uint64_t, uint64_t> fileIdentity_{0, 0};  // device and inode of file_
+    bool opened_ = false;        // open() succeeded once: catchUp() may reopen
+    bool fileWritable_ = false;  // file_ was opened for writing
+    std::unique_ptr<Signature> signature_;  // null: look at the marks next time
+    kel::osdep::File::Identity fileIdentity_;
+    std::atomic<uint64_t> view_{0};
 };
 
 }  // namespace orvane

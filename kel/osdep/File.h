@@ -30,6 +30,17 @@ class File {
     virtual void sync() = 0;
     virtual void truncate(int64_t length) = 0;
     virtual int64_t size() = 0;
+    // Which file this is, as a stat of its path would say: a process tells
+    // by it whether the name still leads to the file it holds open.
+    struct Identity {
+        uint64_t device = 0;
+        uint64_t inode = 0;
+        bool operator==(const Identity& other) const {
+            return device == other.device && inode == other.inode;
+        }
+        bool operator!=(const Identity& other) const { return !(*this == other); }
+    };
+    virtual Identity identity() = 0;
     virtual void changeOwner(uint32_t user, uint32_t group) = 0;
     virtual void changeMode(uint32_t permissions) = 0;
     // Later calls after the first do nothing.

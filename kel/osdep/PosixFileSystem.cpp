@@ -132,6 +132,17 @@ class PosixFile : public File {
         return static_cast<int64_t>(info.st_size);
     }
 
+    Identity identity() override {
+        struct stat info;
+        if (::fstat(descriptor(), &info) != 0) {
+            fail("fstat", __LINE__);
+        }
+        Identity id;
+        id.device = static_cast<uint64_t>(info.st_dev);
+        id.inode = static_cast<uint64_t>(info.st_ino);
+        return id;
+    }
+
     void changeOwner(uint32_t user, uint32_t group) override {
         if (retryInterrupted([&] { return ::fchown(descriptor(), user, group); }) != 0) {
             fail("fchown", __LINE__);

@@ -59,7 +59,9 @@ class RecordingStore : public IBucketStore {
     bool exists(const WString&, StatusChain&) override { return false; }
     bool wasRepairedOnOpen() override { return false; }
     bool isOverSizeLimit() override { return false; }
-    bool refresh(StatusChain&) override { return false; }
+    Refresh refresh(StatusChain&) override { return Refresh::kUnchanged; }
+    bool catchUp(StatusChain&) override { return false; }
+    uint64_t viewVersion() const override { return 0; }
 
     std::vector<Commit> commits;
     int32_t failWith = 0;
@@ -166,22 +168,30 @@ TEST_F(BucketUpdateCacheTest, WriteBackBringsTheReadCacheAndTheStoreToTheNewStat
     EXPECT_FALSE(pending_->isDeleted(WString(L"/old")));
 }
 
-TEST_F(BucketUpdateCacheTest, AFailedStoreCommitLeavesTheReadCacheShowingTheNewState) {
+// What the store did not commit never reaches the read cache, and what the
+// cache held may have been changed by the failed commit: it forgets it all.
+TEST_F(BucketUpdateCacheTest, AFailedStoreCommitLeavesNothingOfTheTransaction) {
     const auto store = storeWith({{L"/old", 1}});
     StatusChain status = okStatus();
 
     pending_->eraseBucket(WString(L"/old"));
-    AutoRef<IBucket> created = makeBucket(L"/new", 3);
-    insert(*pending_, created);
+    insert(*pending_, makeBucket(L"/new", 3));
     fs_.failCall(SimulatedFileSystem::kSyncCall, 1, EIO);
     pending_->writeBack(*read_, *store, status);
-    EXPECT_TRUE(status.isFatal());
+    EXPECT_EQ(status.getCode(), orvane::status::kFileSystem);
 
-    EXPECT_FALSE(read_->containsBucket(WString(L"/old")));
-    EXPECT_EQ(read_->findBucket(WString(L"/new")).get(), created.get());
+    EXPECT_FALSE(read_->containsBucket(WString(L"/new")));
     EXPECT_EQ(pending_->getBucketCount(), 0u);
     EXPECT_FALSE(pending_->isDeleted(WString(L"/old")));
     EXPECT_EQ(readState(*store, {L"/old", L"/new"}), (State{{L"/old", 1}}));
+
+    // The next commit carries only its own change.
+    insert(*pending_, makeBucket(L"/next", 4));
+    StatusChain next = okStatus();
+    pending_->writeBack(*read_, *store, next);
+    EXPECT_EQ(next.getCode(), 0);
+    EXPECT_EQ(readState(*store, {L"/old", L"/new", L"/next"}),
+              (State{{L"/old", 1}, {L"/next", 4}}));
 }
 
 }  // namespace

@@ -231,7 +231,7 @@ class WarmLookupTest : public ManagerFixture {
                        lock.lock();
                        kel::osdep::SharedCounter(name).beginChange();
                        StatusChain s = fresh();
-                       other.store()->refresh(s);
+                       other.store()->catchUp(s);
                        other.store()->commit({{WString(L"/x"), bucketWith(other, L"/x", value, s)}},
                                              {}, s);
                        return s.isNotFatal() ? 0 : 1;

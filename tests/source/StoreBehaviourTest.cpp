@@ -30,6 +30,7 @@ namespace {
 
 using orvane::Options;
 using orvane::SingleFileBucketStore;
+using Refresh = orvane::IBucketStore::Refresh;
 
 std::unique_ptr<Options> optionsWith(const Options::Values& values) {
     StatusChain status = okStatus();
@@ -185,7 +186,7 @@ TEST_F(StoreBehaviourTest, LookupsAgreeWhateverTheOrderOfTheFirstSegment) {
         other.open(0, status_);
         commitChanges(other, {{L"/b3", 3}, {L"/b1", -2}}, &state, status_);
         commitChanges(other, {{L"/b4", -2}, {L"/b2", 107}}, &state, status_);
-        EXPECT_TRUE(store_->refresh(status_));
+        EXPECT_EQ(store_->refresh(status_), Refresh::kChanged);
         check("another store's segments on a compacted one");
         EXPECT_EQ(status_.getCode(), 0);
     }
@@ -312,23 +313,25 @@ TEST_F(StoreBehaviourTest, TheLimitIsComputedInThirtyTwoBits) {
 TEST_F(StoreBehaviourTest, RefreshSeesWhatAnotherStoreCommittedAndCompacted) {
     SingleFileBucketStore other(dir_, nullptr, fs_);
     other.open(0, status_);
-    EXPECT_FALSE(store_->refresh(status_));
+    EXPECT_EQ(store_->refresh(status_), Refresh::kUnchanged);
 
     commitChanges(other, {{L"/a", 1}}, nullptr, status_);
     EXPECT_FALSE(store_->exists(WString(L"/a"), status_));
-    EXPECT_TRUE(store_->refresh(status_));
+    EXPECT_EQ(store_->refresh(status_), Refresh::kChanged);
     EXPECT_EQ(readState(*store_, {L"/a"}), (State{{L"/a", 1}}));
-    EXPECT_FALSE(store_->refresh(status_));
+    EXPECT_EQ(store_->refresh(status_), Refresh::kUnchanged);
 
     commitChanges(other, {{L"/b", 2}}, nullptr, status_);
     other.compactNow(status_);
     ASSERT_EQ(other.facts().segments, 1u);
-    EXPECT_TRUE(store_->refresh(status_));
+    EXPECT_EQ(store_->refresh(status_), Refresh::kChanged);
     EXPECT_EQ(readState(*store_, {L"/a", L"/b"}), (State{{L"/a", 1}, {L"/b", 2}}));
 
-    // And this store's own commit then lands after the other's.
+    // A reader's look opens the new file for reading only; a writer catches
+    // up under the lock, and its commit then lands after the other's.
+    EXPECT_TRUE(store_->catchUp(status_));
     commitChanges(*store_, {{L"/c", 3}}, nullptr, status_);
-    EXPECT_TRUE(other.refresh(status_));
+    EXPECT_EQ(other.refresh(status_), Refresh::kChanged);
     EXPECT_EQ(readState(other, {L"/a", L"/b", L"/c"}), (State{{L"/a", 1}, {L"/b", 2}, {L"/c", 3}}));
     EXPECT_EQ(status_.getCode(), 0);
 }

@@ -137,7 +137,10 @@ class ZQ_EXPORT BucketManager
     bool checkChange(const kel::Guid& id, kel::StatusChain& status) const;
     // checkChange, and the store is not over its size limit.
     bool checkPut(const kel::Guid& id, kel::StatusChain& status) const;
-    void dropStaleCaches(bool underLock);
+    // Lookups: the read cache and the store follow other processes' changes.
+    void dropStaleCaches();
+    // Under the process lock: the same, repairing what a dead process left.
+    void catchUp(kel::StatusChain& status);
     bool putLocked(const kel::AutoRef<IBucket>& bucket, int32_t mode, bool mustExist,
                    kel::StatusChain& status);
     // `key`, when given, is the fold of `fullName`.

@@ -83,6 +83,13 @@ class SimulatedFile : public File {
         return static_cast<int64_t>(node_->data.size());
     }
 
+    Identity identity() override {
+        const auto hold = enter(0, SimulatedFileSystem::kSizeCall, "identity " + path_);
+        Identity id;
+        id.inode = reinterpret_cast<uintptr_t>(node_.get());
+        return id;
+    }
+
     void changeOwner(uint32_t user, uint32_t group) override {
         const auto hold = enter(0, SimulatedFileSystem::kChownCall, "chown " + path_);
         node_->owner = user;

@@ -1,0 +1,173 @@
+// A process that follows another's commits and compactions without the
+// process lock: whatever the other does between any two of its file calls,
+// the state it loads is never older than the one it had.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+
+#include "kel/osdep/SimulatedFileSystem.h"
+#include "source/SingleFileBucketStore.h"
+#include "source/StoreTestSupport.h"
+
+namespace zq {
+namespace test {
+namespace {
+
+using kel::osdep::File;
+using kel::osdep::FileSystem;
+using orvane::SingleFileBucketStore;
+using Refresh = orvane::IBucketStore::Refresh;
+
+const WString kDir(L"/reg");
+
+// Forwards to `inner` and, once armed, runs `hook` just before its `at`-th
+// call from then on.
+class HookedFileSystem : public FileSystem {
+  public:
+    HookedFileSystem(FileSystem& inner, uint64_t at, std::function<void()> hook)
+        : inner_(inner), at_(at), hook_(std::move(hook)) {}
+
+    std::unique_ptr<File> open(const WString& path, uint32_t flags,
+                               uint32_t permissions) override {
+        step();
+        return inner_.open(path, flags, permissions);
+    }
+    Status stat(const WString& path) override {
+        step();
+        return inner_.stat(path);
+    }
+    void rename(const WString& from, const WString& to) override {
+        step();
+        inner_.rename(from, to);
+    }
+    void unlink(const WString& path) override {
+        step();
+        inner_.unlink(path);
+    }
+    void makeDirectory(const WString& path, uint32_t permissions) override {
+        step();
+        inner_.makeDirectory(path, permissions);
+    }
+    std::vector<WString> listDirectory(const WString& path) override {
+        step();
+        return inner_.listDirectory(path);
+    }
+    void syncDirectory(const WString& path) override {
+        step();
+        inner_.syncDirectory(path);
+    }
+
+    void arm() {
+        armed_ = true;
+        calls_ = 0;
+    }
+    uint64_t calls() const { return calls_; }
+
+  private:
+    void step() {
+        if (armed_ && ++calls_ == at_) {
+            hook_();
+        }
+    }
+
+    FileSystem& inner_;
+    uint64_t at_;
+    std::function<void()> hook_;
+    uint64_t calls_ = 0;
+    bool armed_ = false;
+};
+
+int32_t valueOfX(SingleFileBucketStore& store) {
+    const State state = readState(store, {L"/x"});
+    const auto found = state.find(L"/x");
+    return found == state.end() ? -1 : found->second;
+}
+
+void commitX(SingleFileBucketStore& store, int32_t value) {
+    StatusChain status = okStatus();
+    commitChanges(store, {{L"/x", value}}, nullptr, status);
+    ASSERT_EQ(status.getCode(), 0);
+}
+
+// Every segment of these files has the same size, so a compacted file
+// reaches the very generation and length that an older prefix of the file
+// it replaced had: only the file's identity tells the two apart.
+TEST(StoreRefreshTest, AnotherProcessCompactingAtAnyStepNeverTakesTheViewBack) {
+    uint64_t calls = 0;
+    for (uint64_t at = 1; at == 1 || at <= calls + 1; ++at) {
+        SimulatedFileSystem fs;
+        fs.makeDirectory(kDir, 0777);
+        SingleFileBucketStore writer(kDir, nullptr, fs);
+        StatusChain status = okStatus();
+        writer.open(0, status);
+        commitX(writer, 0);
+        commitX(writer, 1);
+        writer.compactNow(status);  // one segment: /x = 1, generation 1
+
+        HookedFileSystem hooked(fs, at, [&] {
+            writer.compactNow(status);  // generation 1 again, /x = 4
+            commitX(writer, 5);         // generation 2, the length /x = 2 had
+        });
+        SingleFileBucketStore reader(kDir, nullptr, hooked);
+        StatusChain read = okStatus();
+        reader.open(0, read);
+        commitX(writer, 2);
+        commitX(writer, 3);
+        while (reader.refresh(read) == Refresh::kUnsettled) {
+        }
+        ASSERT_EQ(valueOfX(reader), 3);
+        commitX(writer, 4);
+
+        hooked.arm();
+        while (reader.refresh(read) == Refresh::kUnsettled) {
+        }
+        if (at == 1) {
+            calls = hooked.calls();
+        }
+        EXPECT_EQ(read.getCode(), 0) << "hook at call " << at;
+        EXPECT_GE(valueOfX(reader), 4) << "the view went back, hook at call " << at;
+        ASSERT_EQ(status.getCode(), 0);
+    }
+    EXPECT_GT(calls, 2u);
+}
+
+// A writer that finds the data file renamed away by a compaction that died
+// half way finishes that compaction before it writes, and its commit lands
+// in the file named "registry.bin".
+TEST(StoreRefreshTest, AWriterNeverAppendsToAFileRenamedAway) {
+    SimulatedFileSystem fs;
+    fs.makeDirectory(kDir, 0777);
+    SingleFileBucketStore writer(kDir, nullptr, fs);
+    StatusChain status = okStatus();
+    writer.open(0, status);
+    commitX(writer, 1);
+    commitX(writer, 2);
+
+    // Another process's compaction stopped right after its first rename.
+    SingleFileBucketStore dying(kDir, nullptr, fs);
+    dying.open(0, status);
+    commitX(dying, 3);
+    commitX(dying, 4);
+    // Its renames: the new file's and mark's into place, the live file's, the
+    // current mark's.
+    fs.failCall(SimulatedFileSystem::kRenameCall, 4, EIO);
+    dying.compactNow(status);
+    ASSERT_TRUE(status.isFatal());
+    ASSERT_TRUE(fs.exists("/reg/registry.bin.2"));
+    ASSERT_FALSE(fs.exists("/reg/registry.bin"));
+
+    StatusChain write = okStatus();
+    EXPECT_TRUE(writer.catchUp(write));
+    commitX(writer, 5);
+    EXPECT_EQ(write.getCode(), 0);
+    SingleFileBucketStore reopened(kDir, nullptr, fs);
+    StatusChain reopen = okStatus();
+    reopened.open(0, reopen);
+    EXPECT_EQ(reopen.getCode(), 0);
+    EXPECT_EQ(valueOfX(reopened), 5);
+}
+
+}  // namespace
+}  // namespace test
+}  // namespace zq
