@@ -47,7 +47,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         orvane::StoreIndex index;
         std::unique_ptr<kel::osdep::File> file =
             fs.open(WString(L"/r/registry.bin"), kel::osdep::FileSystem::kRead);
-        index.load(*file, store.facts().committedLength);
+        index.load(*file, store.facts().committedLength, 0);
         index.forEachLive(*file, [&store](const orvane::DigestKey& key) {
             const unsigned char* cursor = key.data();
             StatusChain read = ok();

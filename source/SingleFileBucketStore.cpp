@@ -276,7 +276,13 @@ void SingleFileBucketStore::openDataFile() {
     }
 }
 
-void SingleFileBucketStore::loadIndex() { index_.load(*file_, committedLength_); }
+void SingleFileBucketStore::loadIndex() {
+    const File::Identity identity = file_->identity();
+    index_.load(*file_, committedLength_, verified_.holdsFor(*file_, identity, committedLength_));
+    fileIdentity_ = identity;
+    verified_ = index_.damagedEnd() == 0 ? VerifiedPrefix::of(*file_, identity, committedLength_)
+                                         : VerifiedPrefix();
+}
 
 void SingleFileBucketStore::rename(const WString& from, const WString& to) {
     fs_.rename(from, to);
@@ -424,6 +430,10 @@ void SingleFileBucketStore::commit(const UpdatedBuckets& updated, const DeletedN
         // from here on can fail: the commit is made.
         index_.apply(staged);
         ++generation_;
+        if (verified_.length == committedLength_) {
+            // Written here, from memory.
+            verified_ = VerifiedPrefix::of(fileIdentity_, end, segment.data() + segment.size());
+        }
         committedLength_ = end;
         rememberSignature();
         viewChanged();
@@ -593,8 +603,17 @@ bool SingleFileBucketStore::compactLocked() {
     removeIfPresent(newPath_);
     std::vector<LiveRecord> live;
     std::unordered_set<DigestKey, DigestKeyHash> settled;
+    // Damage is never copied under a fresh checksum: every segment read
+    // from is checked first, and one that fails stops the rewrite.
+    if (index_.damagedEnd() != 0) {
+        ZQ_THROW(DeserializationError);
+    }
+    const int64_t verifiedBelow = verified_.holdsFor(*file_, fileIdentity_, committedLength_);
     for (int64_t end = committedLength_; end > 0;) {
         const SegmentScan scan = scanSegment(*file_, end, 0);
+        if (end > verifiedBelow && !segmentVerifies(*file_, scan.descriptor.start, end)) {
+            ZQ_THROW(DeserializationError);
+        }
         settled.insert(scan.deletions.begin(), scan.deletions.end());
         for (const auto& [digest, offset] : scan.updates) {
             if (!settled.insert(digest).second) {
@@ -648,6 +667,7 @@ bool SingleFileBucketStore::compactLocked() {
 
     index_ = std::move(compacted);
     committedLength_ = end;
+    verified_ = VerifiedPrefix::of(file_->identity(), end, image.data() + image.size());
     generation_ = 1;
     overSize_ = overSize(end);
     viewChanged();
@@ -777,12 +797,14 @@ SingleFileBucketStore::Refresh SingleFileBucketStore::tryRefresh(
         return Refresh::kUnsettled;  // the mark names bytes that are not there
     }
     StoreIndex fresh;
-    fresh.load(file, mark.committedLength);
+    fresh.load(file, mark.committedLength, verified_.holdsFor(file, identity, mark.committedLength));
     if (reopened) {
         file_ = std::move(reopened);
         fileIdentity_ = identity;
         fileWritable_ = false;
     }
+    verified_ = fresh.damagedEnd() == 0 ? VerifiedPrefix::of(file, identity, mark.committedLength)
+                                        : VerifiedPrefix();
     index_ = std::move(fresh);
     generation_ = mark.generation;
     committedLength_ = mark.committedLength;
@@ -847,7 +869,8 @@ SingleFileBucketStore::Facts SingleFileBucketStore::facts() {
     facts.committedLength = committedLength_;
     facts.generation = generation_;
     facts.segments = static_cast<uint32_t>(index_.segments().size());
-    facts.liveBuckets = index_.liveBuckets(file_.get());
+    facts.damagedEnd = index_.damagedEnd();
+    facts.liveBuckets = facts.damagedEnd == 0 ? index_.liveBuckets(file_.get()) : 0;
     return facts;
 }
 

@@ -60,6 +60,7 @@ class SingleFileBucketStore : public IBucketStore {
         int64_t generation = 0;
         uint32_t segments = 0;
         size_t liveBuckets = 0;
+        int64_t damagedEnd = 0;  // where the newest damaged segment ends, or 0
     };
     // Reads the compacted index back to count live buckets: may throw.
     Facts facts();
@@ -132,6 +133,8 @@ class SingleFileBucketStore : public IBucketStore {
     bool fileWritable_ = false;  // file_ was opened for writing
     std::unique_ptr<Signature> signature_;  // null: look at the marks next time
     kel::osdep::File::Identity fileIdentity_;
+    // The segments of file_ whose bytes may be served without a new check.
+    VerifiedPrefix verified_;
     std::atomic<uint64_t> view_{0};
 };
 

@@ -282,6 +282,66 @@ SegmentScan scanSegment(File& file, int64_t end, uint32_t number, bool keepSorte
     return scan;
 }
 
+bool segmentVerifies(File& file, int64_t start, int64_t end) {
+    using namespace segment;
+    // The checksum covers [start, X + 7), X being where the trailer begins.
+    const int64_t x = end - kTrailerSize;
+    // No store writes past kMaxFileSize: hashing a damaged length's worth
+    // of a sparse file would take minutes to say no.
+    if (x - start < kHeaderSize + kIndexHeaderSize || end > kMaxFileSize) {
+        return false;
+    }
+    unsigned char stored[Sha256::kDigestSize];
+    if (file.readAt(x + 8, stored, sizeof stored) != sizeof stored) {
+        return false;
+    }
+    Sha256 sha;
+    std::vector<unsigned char> chunk(static_cast<size_t>(std::min<int64_t>(x + 7 - start, 64 * 1024)));
+    for (int64_t at = start, stop = x + 7; at < stop;) {
+        const size_t want = static_cast<size_t>(std::min<int64_t>(stop - at, chunk.size()));
+        if (file.readAt(at, chunk.data(), want) != want) {
+            return false;
+        }
+        sha.update(chunk.data(), want);
+        at += static_cast<int64_t>(want);
+    }
+    unsigned char checksum[Sha256::kDigestSize];
+    sha.finish(checksum);
+    return std::memcmp(checksum, stored, sizeof checksum) == 0;
+}
+
+int64_t VerifiedPrefix::holdsFor(File& f, const File::Identity& identity, int64_t limit) const {
+    if (length == 0 || length > limit || identity != file) {
+        return 0;
+    }
+    unsigned char stored[Digest::kSize];
+    if (f.readAt(length - segment::kChecksumFromEnd, stored, sizeof stored) != sizeof stored ||
+        std::memcmp(stored, checksum.data(), sizeof stored) != 0) {
+        return 0;
+    }
+    return length;
+}
+
+VerifiedPrefix VerifiedPrefix::of(File& f, const File::Identity& identity, int64_t length) {
+    VerifiedPrefix prefix;
+    if (length == 0) {
+        return prefix;
+    }
+    unsigned char trailer[segment::kTrailerSize];
+    readExactly(f, length - segment::kTrailerSize, trailer, sizeof trailer);
+    return of(identity, length, trailer + sizeof trailer);
+}
+
+VerifiedPrefix VerifiedPrefix::of(const File::Identity& identity, int64_t length,
+                                  const unsigned char* trailerEnd) {
+    VerifiedPrefix prefix;
+    prefix.file = identity;
+    prefix.length = length;
+    std::memcpy(prefix.checksum.data(), trailerEnd - segment::kChecksumFromEnd,
+                prefix.checksum.size());
+    return prefix;
+}
+
 int64_t wholeSegmentEnd(File& file, int64_t start, int64_t limit) {
     using namespace segment;
     constexpr int64_t kSmallest = kHeaderSize + kIndexHeaderSize + kTrailerSize;
@@ -299,18 +359,7 @@ int64_t wholeSegmentEnd(File& file, int64_t start, int64_t limit) {
         std::memcmp(trailer + 48, kMark, kMarkSize) != 0) {
         return 0;
     }
-    // The checksum covers [start, X + 7), X being where the trailer begins.
-    Sha256 sha;
-    std::vector<unsigned char> chunk(64 * 1024);
-    for (int64_t at = start, stop = end - kTrailerSize + 7; at < stop;) {
-        const size_t want = static_cast<size_t>(std::min<int64_t>(stop - at, chunk.size()));
-        if (file.readAt(at, chunk.data(), want) != want) return 0;
-        sha.update(chunk.data(), want);
-        at += static_cast<int64_t>(want);
-    }
-    unsigned char checksum[Sha256::kDigestSize];
-    sha.finish(checksum);
-    if (std::memcmp(checksum, trailer + 8, sizeof checksum) != 0) {
+    if (!segmentVerifies(file, start, end)) {
         return 0;
     }
     try {
@@ -337,17 +386,31 @@ void StoreIndex::clear() {
     segments_.clear();
     segmentCount_ = 0;
     walkPosition_ = 0;
+    damagedEnd_ = 0;
 }
 
-void StoreIndex::load(File& file, int64_t committedLength) {
+void StoreIndex::load(File& file, int64_t committedLength, int64_t verifiedBelow) {
     clear();
     try {
         walkPosition_ = committedLength;
         uint32_t number = 0;
         while (walkPosition_ > 0) {
-            SegmentScan scan = scanSegment(file, walkPosition_, number++, true);
+            const int64_t end = walkPosition_;
+            SegmentScan scan;
+            try {
+                scan = scanSegment(file, end, number, true);
+            } catch (const kel::exception::DeserializationError&) {
+                damagedEnd_ = end;
+                break;
+            }
+            if (end > verifiedBelow && !segmentVerifies(file, scan.descriptor.start, end)) {
+                damagedEnd_ = end;
+                break;
+            }
             absorb(scan);
+            ++number;
         }
+        walkPosition_ = 0;
         segmentCount_ = number;
     } catch (...) {
         clear();
@@ -397,6 +460,9 @@ const StoreIndex::Location* StoreIndex::find(File& file, const DigestKey& digest
             return &found->second;
         }
         if (walkPosition_ <= 0) {
+            if (damagedEnd_ != 0) {
+                damaged();
+            }
             return findInBase(file, digest);
         }
         resumeWalk(file);
@@ -427,6 +493,9 @@ size_t StoreIndex::liveBuckets(File* file) const {
 }
 
 void StoreIndex::forEachLive(File& file, const std::function<void(const DigestKey&)>& use) const {
+    if (damagedEnd_ != 0) {
+        damaged();
+    }
     for (const auto& entry : locations_) {
         use(entry.first);
     }

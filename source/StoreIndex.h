@@ -73,6 +73,32 @@ struct SegmentScan {
 SegmentScan scanSegment(kel::osdep::File& file, int64_t end, uint32_t number,
                         bool keepSorted = false);
 
+// True when the checksum in the trailer of the segment [start, end) is that
+// of its bytes. Reads the whole segment; a short read is a mismatch.
+bool segmentVerifies(kel::osdep::File& file, int64_t start, int64_t end);
+
+// A prefix of a data file whose segments all had their checksums checked,
+// or were written by this process. The checksum of its last segment tells
+// the same bytes apart from a file cut and written again since, or another
+// file on a reused inode.
+struct VerifiedPrefix {
+    kel::osdep::File::Identity file;
+    int64_t length = 0;
+    DigestKey checksum{};
+
+    // The length still vouched for in `f`, which is the file `identity`,
+    // up to `limit`: `length` when the segment ending there still carries
+    // `checksum`, else 0.
+    int64_t holdsFor(kel::osdep::File& f, const kel::osdep::File::Identity& identity,
+                     int64_t limit) const;
+    // The first `length` bytes of `f`, whose segments verified.
+    static VerifiedPrefix of(kel::osdep::File& f, const kel::osdep::File::Identity& identity,
+                             int64_t length);
+    // The same for a segment ending at `length` whose trailer is at hand.
+    static VerifiedPrefix of(const kel::osdep::File::Identity& identity, int64_t length,
+                             const unsigned char* trailerEnd);
+};
+
 // The end of the segment that starts at `start`, when it is whole: it ends
 // within `limit`, its trailer names its start and repeats its index
 // position, its mark is in place and its checksum matches. 0 otherwise.
@@ -104,10 +130,18 @@ class StoreIndex {
 
     void clear();
     // Replaces the index with the one of the file's first `committedLength`
-    // bytes; on failure the index is left empty and the exception goes on.
-    void load(kel::osdep::File& file, int64_t committedLength);
+    // bytes. Every segment that ends above `verifiedBelow` has its checksum
+    // checked first. The walk stops at the newest segment that fails, or
+    // whose positions do not fit: that segment and everything older are
+    // damaged, and a bucket the newer segments do not settle cannot be
+    // known (find throws DeserializationError) - an older record might be
+    // one the damaged segment replaced. Other failures (a read error) leave
+    // the index empty and the exception goes on.
+    void load(kel::osdep::File& file, int64_t committedLength, int64_t verifiedBelow);
     // Null when the bucket does not exist. Resumes an unfinished walk first.
     const Location* find(kel::osdep::File& file, const DigestKey& digest);
+    // Where the newest damaged segment ends, or 0 when none is.
+    int64_t damagedEnd() const { return damagedEnd_; }
 
     // A commit's changes to the index with every allocation already made.
     class Staged {
@@ -150,6 +184,7 @@ class StoreIndex {
     std::vector<SegmentDescriptor> segments_;
     uint32_t segmentCount_ = 0;
     int64_t walkPosition_ = 0;
+    int64_t damagedEnd_ = 0;
 };
 
 }  // namespace orvane
