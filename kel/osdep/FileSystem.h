@@ -52,11 +52,10 @@ class FileSystem {
     FileSystem& operator=(const FileSystem&) = delete;
     virtual ~FileSystem() = default;
 
-    // The POSIX implementation, and the one the library uses unless a test
-    // installed another (null restores POSIX; returns the one replaced).
+    // The POSIX implementation. There is no process-wide choice: whoever
+    // touches files is handed the one to use, so a test can give one manager
+    // a simulated disk without the rest of the process seeing it.
     static FileSystem& posix();
-    static FileSystem& processDefault();
-    static FileSystem* replaceProcessDefault(FileSystem* replacement);
 
     // Primitives.
     virtual std::unique_ptr<File> open(const WString& path, uint32_t flags,
