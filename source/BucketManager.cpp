@@ -413,6 +413,9 @@ void BucketManager::purgeStore() {
         }
         fs_.removeFile(path, kel::osdep::FileSystem::kRemoveMustExist);
     }
+    // A purge that returns stays done, even when the reopen below fails and
+    // never syncs the directory itself.
+    fs_.syncDirectory(dataDirectory_);
     local.clear();
     store_->open(storeOpenWord_, local);
 }
