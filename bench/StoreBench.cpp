@@ -91,7 +91,7 @@ BENCHMARK(BM_ThreeFdatasyncsAfterSmallAppends)->Unit(benchmark::kMicrosecond);
 
 void BM_CommitSettings(benchmark::State& state) {
     BenchDir dir;
-    SingleFileBucketStore store(dir.wide(), nullptr);
+    SingleFileBucketStore store(dir.wide(), nullptr, zq::kel::osdep::FileSystem::posix());
     StatusChain status = ok();
     store.open(0, status);
     // The buckets are made once: what is measured is the store's work.
@@ -107,7 +107,7 @@ BENCHMARK(BM_CommitSettings)->Arg(1)->Arg(100)->Unit(benchmark::kMicrosecond);
 
 // A single-segment store of `count` settings.
 void fillStore(const BenchDir& dir, int count) {
-    SingleFileBucketStore store(dir.wide(), nullptr);
+    SingleFileBucketStore store(dir.wide(), nullptr, zq::kel::osdep::FileSystem::posix());
     StatusChain status = ok();
     store.open(0, status);
     commitSettings(store, 0, count, 1);
@@ -117,7 +117,7 @@ void BM_OpenSingleSegmentStore(benchmark::State& state) {
     BenchDir dir;
     fillStore(dir, static_cast<int>(state.range(0)));
     for (auto _ : state) {
-        SingleFileBucketStore store(dir.wide(), nullptr);
+        SingleFileBucketStore store(dir.wide(), nullptr, zq::kel::osdep::FileSystem::posix());
         StatusChain status = ok();
         store.open(0, status);
         benchmark::DoNotOptimize(store.isOpen());
@@ -134,7 +134,7 @@ void BM_CompactFiftySegments(benchmark::State& state) {
         state.PauseTiming();
         dir = std::make_unique<BenchDir>();
         {
-            SingleFileBucketStore store(dir->wide(), nullptr);
+            SingleFileBucketStore store(dir->wide(), nullptr, zq::kel::osdep::FileSystem::posix());
             StatusChain status = ok();
             store.open(0, status);
             for (int s = 0; s < kSegments; ++s) {
@@ -142,7 +142,7 @@ void BM_CompactFiftySegments(benchmark::State& state) {
             }
         }
         state.ResumeTiming();
-        SingleFileBucketStore store(dir->wide(), nullptr);
+        SingleFileBucketStore store(dir->wide(), nullptr, zq::kel::osdep::FileSystem::posix());
         StatusChain status = ok();
         store.open(0, status);
         if (store.facts().segments != 1) {
@@ -156,7 +156,7 @@ void BM_ReadByDigest(benchmark::State& state) {
     BenchDir dir;
     constexpr int kCount = 10000;
     fillStore(dir, kCount);
-    SingleFileBucketStore store(dir.wide(), nullptr);
+    SingleFileBucketStore store(dir.wide(), nullptr, zq::kel::osdep::FileSystem::posix());
     StatusChain status = ok();
     store.open(0, status);
     std::vector<zq::orvane::Digest> digests;

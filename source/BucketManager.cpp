@@ -77,7 +77,9 @@ struct BucketManager::Callbacks {
 
 BucketManager::BucketManager(const WString& dataDirectory, const WString& optionsFile,
                              StatusChain& status)
-    : dataDirectory_(dataDirectory), callbacks_(std::make_unique<Callbacks>()) {
+    : fs_(managerFileSystem()),
+      dataDirectory_(dataDirectory),
+      callbacks_(std::make_unique<Callbacks>()) {
     guarded(status, kManagerCodes, [&] { construct(optionsFile, status); });
 }
 
@@ -116,11 +118,10 @@ void BucketManager::settleDataDirectory(StatusChain& status) {
         status.setCode(status::kNotAbsolutePath);
         return;
     }
-    kel::osdep::FileSystem& fs = kel::osdep::FileSystem::processDefault();
-    if (!fs.isDirectory(dataDirectory_)) {
-        fs.createDirectories(dataDirectory_);
+    if (!fs_.isDirectory(dataDirectory_)) {
+        fs_.createDirectories(dataDirectory_);
     }
-    if (!fs.isDirectory(dataDirectory_)) {
+    if (!fs_.isDirectory(dataDirectory_)) {
         status.setCode(status::kNotAbsolutePath);
     }
 }
@@ -153,8 +154,8 @@ void BucketManager::openStore(StatusChain& status) {
     ProcessLockHold hold(*processLock_);
     {
         kel::osdep::SharedCounter::Change change(changeCounter());
-        removeTemporaryFiles(kel::osdep::FileSystem::processDefault(), dataDirectory_);
-        store_ = std::make_unique<SingleFileBucketStore>(dataDirectory_, options_.get());
+        removeTemporaryFiles(fs_, dataDirectory_);
+        store_ = std::make_unique<SingleFileBucketStore>(dataDirectory_, options_.get(), fs_);
         store_->open(storeOpenWord_, status);
     }
     if (status.isFatal()) {
@@ -170,7 +171,7 @@ void BucketManager::runDebugComparison() {
     }
     StatusChain local;
     local.clear();
-    DebugComparison comparison(*this, dataDirectory_,
+    DebugComparison comparison(*this, fs_, dataDirectory_,
                                options_->text(Options::kDebugCompareRegAtStartFile),
                                options_.get());
     if (mode == 2) {
@@ -418,16 +419,18 @@ void BucketManager::purgeStore() {
     ProcessLockHold hold(*processLock_);
     kel::osdep::SharedCounter::Change change(changeCounter());
     store_->close(local);
-    kel::osdep::FileSystem& fs = kel::osdep::FileSystem::processDefault();
     const WString reference =
         DebugComparison::referenceName(options_->text(Options::kDebugCompareRegAtStartFile));
-    for (const WString& path : fs.findFiles(kel::osdep::join(dataDirectory_, WString(L"*.*")))) {
+    for (const WString& path : fs_.findFiles(kel::osdep::join(dataDirectory_, WString(L"*.*")))) {
         const WString name = kel::osdep::baseName(path);
-        if (fs.isDirectory(path) || name == WString(L"debugRunCounter.txt") || name == reference) {
+        if (fs_.isDirectory(path) || name == WString(L"debugRunCounter.txt") || name == reference) {
             continue;
         }
-        fs.removeFile(path, kel::osdep::FileSystem::kRemoveMustExist);
+        fs_.removeFile(path, kel::osdep::FileSystem::kRemoveMustExist);
     }
+    // A purge that returns stays done, even when the reopen below fails and
+    // never syncs the directory itself.
+    fs_.syncDirectory(dataDirectory_);
     local.clear();
     store_->open(storeOpenWord_, local);
 }

@@ -82,10 +82,9 @@ std::vector<std::pair<int64_t, WString>> CommitMarks::list(bool skipStrangers) {
         if (!name.startsWith(WString(kMarkPrefix))) {
             continue;
         }
+        // Whatever holds a mark's name is one: a directory or a FIFO there
+        // fails the open rather than letting an older mark win.
         const WString path = kel::osdep::join(directory_, name);
-        if (fs_.isDirectory(path)) {
-            continue;
-        }
         // The number is what follows the last dot, so "commitmark.5.17.tmp"
         // is refused rather than read as generation 5.
         const WString number = name.substr(name.rfind(L'.') + 1);
@@ -127,12 +126,13 @@ CommitMarks::Mark CommitMarks::findNewest() {
     if (newest.generation < 1) {
         return Mark();
     }
-    removeListedBut(marks, newest.generation);
     try {
         newest.committedLength = readLength(pathOf(newest.generation));
     } catch (const kel::exception::UnableToConvert&) {
         newest.readable = false;
     }
+    // After the read: a newest mark that cannot be opened leaves every file as it was.
+    removeListedBut(marks, newest.generation);
     return newest;
 }
 

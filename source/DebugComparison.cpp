@@ -54,9 +54,11 @@ bool readWhole(FileSystem& fs, const WString& path, std::string& out) {
 
 }  // namespace
 
-DebugComparison::DebugComparison(IBucketManager& manager, const WString& dataDirectory,
-                                 const WString& referenceOption, const Options* options)
+DebugComparison::DebugComparison(IBucketManager& manager, FileSystem& fs,
+                                 const WString& dataDirectory, const WString& referenceOption,
+                                 const Options* options)
     : manager_(manager),
+      fs_(fs),
       directory_(dataDirectory),
       reference_(referenceName(referenceOption)),
       options_(options) {}
@@ -95,8 +97,7 @@ std::string DebugComparison::dump(StatusChain& status) {
 }
 
 void DebugComparison::write(const WString& name, const std::string& content) {
-    writeFileAtomically(FileSystem::processDefault(), kel::osdep::join(directory_, name), content,
-                        options_);
+    writeFileAtomically(fs_, kel::osdep::join(directory_, name), content, options_);
 }
 
 void DebugComparison::writeReference(StatusChain& status) {
@@ -129,9 +130,8 @@ void DebugComparison::compare(StatusChain& status) {
         if (status.isFatal()) return;
         write(freshName, fresh);
         std::string reference;
-        FileSystem& fs = FileSystem::processDefault();
         // Without a reference there is nothing to pass: that counts as failed.
-        const bool passed = readWhole(fs, kel::osdep::join(directory_, reference_), reference) &&
+        const bool passed = readWhole(fs_, kel::osdep::join(directory_, reference_), reference) &&
                             sameDump(reference, fresh);
         write(WString(L"debugResults.txt"),
               passed ? "file compare passed\r\n" : "file compare failed\r\n");

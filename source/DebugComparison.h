@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "kel/osdep/FileSystem.h"
 #include "zq/kel/StatusChain.h"
 #include "zq/kel/StringBase.h"
 #include "zq/orvane/IBucketManager.h"
@@ -17,8 +18,9 @@ class Options;
 // stay in the status given and never stop the manager.
 class DebugComparison {
   public:
-    DebugComparison(IBucketManager& manager, const kel::WString& dataDirectory,
-                    const kel::WString& referenceOption, const Options* options);
+    DebugComparison(IBucketManager& manager, kel::osdep::FileSystem& fs,
+                    const kel::WString& dataDirectory, const kel::WString& referenceOption,
+                    const Options* options);
 
     // The reference dump's name: the option's text, "comparator.txt" when empty.
     static kel::WString referenceName(const kel::WString& option);
@@ -36,6 +38,7 @@ class DebugComparison {
     void write(const kel::WString& name, const std::string& content);
 
     IBucketManager& manager_;
+    kel::osdep::FileSystem& fs_;
     kel::WString directory_;
     kel::WString reference_;
     const Options* options_;

@@ -9,6 +9,7 @@ namespace {
 
 std::mutex overrideMutex;
 std::unique_ptr<Options::Values> overrideValues;
+kel::osdep::FileSystem* overrideFileSystem = nullptr;
 
 }  // namespace
 
@@ -20,6 +21,18 @@ void overrideManagerOptions(const Options::Values& values) {
 void clearManagerOptionsOverride() {
     std::lock_guard<std::mutex> hold(overrideMutex);
     overrideValues.reset();
+}
+
+void overrideManagerFileSystem(kel::osdep::FileSystem* fs) {
+    std::lock_guard<std::mutex> hold(overrideMutex);
+    overrideFileSystem = fs;
+}
+
+void clearManagerFileSystemOverride() { overrideManagerFileSystem(nullptr); }
+
+kel::osdep::FileSystem& managerFileSystem() {
+    std::lock_guard<std::mutex> hold(overrideMutex);
+    return overrideFileSystem != nullptr ? *overrideFileSystem : kel::osdep::FileSystem::posix();
 }
 
 std::unique_ptr<Options> loadManagerOptions(const kel::WString& optionsFile,

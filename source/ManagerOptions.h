@@ -3,6 +3,7 @@
 
 #include <memory>
 
+#include "kel/osdep/FileSystem.h"
 #include "source/Options.h"
 
 namespace zq {
@@ -13,6 +14,15 @@ namespace orvane {
 // Affects managers constructed afterwards, until cleared.
 void overrideManagerOptions(const Options::Values& values);
 void clearManagerOptionsOverride();
+
+// The way tests give a bucket manager a file layer of its own (a simulated
+// disk) instead of the POSIX one. Not owned: it must outlive the managers
+// constructed afterwards, until cleared.
+void overrideManagerFileSystem(kel::osdep::FileSystem* fs);
+void clearManagerFileSystemOverride();
+
+// The file layer a manager constructed now uses: the override when one is set.
+kel::osdep::FileSystem& managerFileSystem();
 
 // The options a manager uses: the override when one is set, else the file.
 std::unique_ptr<Options> loadManagerOptions(const kel::WString& optionsFile,

@@ -244,7 +244,8 @@ void SingleFileBucketStore::rollBackCompaction() {
 
 void SingleFileBucketStore::openDataFile() {
     int64_t size = 0;
-    if (!fs_.fileExists(livePath_)) {
+    // Anything else under the name is opened, and refused, not replaced.
+    if (!fs_.stat(livePath_).exists) {
         // Nothing is left to describe: whatever a mark says, the store
         // starts empty.
         repairedOnOpen_ = true;

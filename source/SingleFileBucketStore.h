@@ -33,7 +33,7 @@ class SingleFileBucketStore : public IBucketStore {
   public:
     // `options` is not owned and may be null (no size limit, no ownership).
     SingleFileBucketStore(const kel::WString& directory, const Options* options,
-                          kel::osdep::FileSystem& fs = kel::osdep::FileSystem::processDefault());
+                          kel::osdep::FileSystem& fs);
     ~SingleFileBucketStore() override;
 
     void open(uint32_t value, kel::StatusChain& status) override;

@@ -38,9 +38,9 @@ void addCompactCommand(CLI::App& app, const Globals& globals) {
                                         WString(absolutePath(globals.optionsFile).c_str())),
                                     status);
         checkStatus(status, "reading the options");
-        zq::orvane::removeTemporaryFiles(zq::kel::osdep::FileSystem::processDefault(),
-                                         wideDirectory);
-        zq::orvane::SingleFileBucketStore store(wideDirectory, &options);
+        zq::kel::osdep::FileSystem& fs = zq::kel::osdep::FileSystem::posix();
+        zq::orvane::removeTemporaryFiles(fs, wideDirectory);
+        zq::orvane::SingleFileBucketStore store(wideDirectory, &options, fs);
         store.open(0, status);
         checkStatus(status, "opening the store");
         store.compactNow(status);

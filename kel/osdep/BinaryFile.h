@@ -27,7 +27,7 @@ class BinaryFile {
     };
     static constexpr int64_t kLimit = INT32_MAX;  // one past the last byte allowed
 
-    explicit BinaryFile(FileSystem& fileSystem = FileSystem::processDefault());
+    explicit BinaryFile(FileSystem& fileSystem);
     ~BinaryFile();
     BinaryFile(const BinaryFile&) = delete;
     BinaryFile& operator=(const BinaryFile&) = delete;

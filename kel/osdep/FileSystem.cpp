@@ -2,7 +2,6 @@
 
 #include <fnmatch.h>
 
-#include <atomic>
 #include <cerrno>
 #include <string>
 
@@ -16,8 +15,6 @@ namespace kel {
 namespace osdep {
 
 namespace {
-
-std::atomic<FileSystem*> replacement{nullptr};
 
 bool hasWildcard(const WString& text) {
     for (wchar_t c : text) {
@@ -33,15 +30,6 @@ bool hasWildcard(const WString& text) {
 FileSystem& FileSystem::posix() {
     static PosixFileSystem* const instance = new PosixFileSystem;  // never destroyed
     return *instance;
-}
-
-FileSystem& FileSystem::processDefault() {
-    FileSystem* installed = replacement.load(std::memory_order_acquire);
-    return installed != nullptr ? *installed : posix();
-}
-
-FileSystem* FileSystem::replaceProcessDefault(FileSystem* fileSystem) {
-    return replacement.exchange(fileSystem, std::memory_order_acq_rel);
 }
 
 void FileSystem::syncBoth(File& first, File& second) {

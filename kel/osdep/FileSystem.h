@@ -29,6 +29,9 @@ class FileSystem {
         kCreate = 4,
         kTruncate = 8,
         kExclusive = 16,
+        // A device or FIFO is opened too (never waited on): for tests that
+        // need a disk that fails. Without it only regular files open.
+        kAnyFileType = 32,
     };
     enum RemoveMode : int {
         kRemoveMustExist = 0,  // a missing file is an error (ENOENT)
@@ -52,13 +55,14 @@ class FileSystem {
     FileSystem& operator=(const FileSystem&) = delete;
     virtual ~FileSystem() = default;
 
-    // The POSIX implementation, and the one the library uses unless a test
-    // installed another (null restores POSIX; returns the one replaced).
+    // The POSIX implementation. There is no process-wide choice: whoever
+    // touches files is handed the one to use, so a test can give one manager
+    // a simulated disk without the rest of the process seeing it.
     static FileSystem& posix();
-    static FileSystem& processDefault();
-    static FileSystem* replaceProcessDefault(FileSystem* replacement);
 
     // Primitives.
+    // Never waits on what is behind the name: a directory is refused with
+    // EISDIR, and a FIFO or a device with ENXIO unless kAnyFileType.
     virtual std::unique_ptr<File> open(const WString& path, uint32_t flags,
                                        uint32_t permissions = 0666) = 0;
     // A missing path (ENOENT, ENOTDIR) gives exists == false; other errors throw.

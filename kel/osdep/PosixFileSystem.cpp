@@ -11,6 +11,7 @@
 #include <functional>
 #include <limits>
 #include <memory>
+#include <string>
 
 #include "kel/Utf8.h"
 #include "kel/osdep/SyncWorker.h"
@@ -195,12 +196,35 @@ int openFlags(uint32_t flags) {
 std::unique_ptr<File> PosixFileSystem::open(const WString& path, uint32_t flags,
                                             uint32_t permissions) {
     const NativePath name(path);
-    const int fd = retryInterrupted(
-        [&] { return ::open(name.c_str(), openFlags(flags), static_cast<mode_t>(permissions)); });
+    // Without O_NONBLOCK a FIFO with no writer, or a device, holds the open
+    // forever; what is not a regular file is refused right after.
+    const int fd = retryInterrupted([&] {
+        return ::open(name.c_str(), openFlags(flags) | O_NONBLOCK | O_NOCTTY,
+                      static_cast<mode_t>(permissions));
+    });
     if (fd < 0) {
-        fail("open", __LINE__);
+        const int error = errno;
+        std::string what("open ");
+        what += name.c_str();
+        fail(what.c_str(), __LINE__, error);
     }
-    return std::unique_ptr<File>(new PosixFile(fd));
+    std::unique_ptr<File> file(new PosixFile(fd));
+    struct stat info;
+    if (::fstat(fd, &info) != 0) {
+        fail("fstat", __LINE__);
+    }
+    const bool accepted =
+        S_ISREG(info.st_mode) || ((flags & kAnyFileType) != 0 && !S_ISDIR(info.st_mode));
+    if (!accepted) {
+        std::string what("not a regular file: ");
+        what += name.c_str();
+        throw PosixError(S_ISDIR(info.st_mode) ? EISDIR : ENXIO, what.c_str(), __LINE__, __FILE__);
+    }
+    const int status = ::fcntl(fd, F_GETFL);
+    if (status == -1 || ::fcntl(fd, F_SETFL, status & ~O_NONBLOCK) == -1) {
+        fail("fcntl", __LINE__);
+    }
+    return file;
 }
 
 FileSystem::Status PosixFileSystem::stat(const WString& path) {

@@ -21,7 +21,7 @@ class TextFile {
     // The modes of fopen, by index: "r", "r+", "w", "w+", "a", "a+".
     enum Mode : int { kRead, kReadUpdate, kWrite, kWriteUpdate, kAppend, kAppendUpdate };
 
-    explicit TextFile(FileSystem& fileSystem = FileSystem::processDefault());
+    explicit TextFile(FileSystem& fileSystem);
     ~TextFile();
     TextFile(const TextFile&) = delete;
     TextFile& operator=(const TextFile&) = delete;

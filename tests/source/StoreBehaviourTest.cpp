@@ -388,7 +388,7 @@ TEST_F(StoreBehaviourTest, EveryCorruptByteIsReportedOrHarmless) {
 // behind a damaged segment is served: "/a" might be one it replaced.
 TEST(StoreLengthTest, ARecordPastFourGigabytesIsDamage) {
     TempDir dir;
-    commitInTurn(dir.wide(), {{{L"/a", 1}}});
+    commitInTurn(dir.wide(), {{{L"/a", 1}}}, kel::osdep::FileSystem::posix());
     // A second segment after the first: one record "/b" of 4 GiB + 64 bytes.
     const auto start = static_cast<int64_t>(dir.read("registry.bin").size());
     const int64_t record = start + 16;
@@ -420,7 +420,7 @@ TEST(StoreLengthTest, ARecordPastFourGigabytesIsDamage) {
     }
     dir.write("commitmark.9", std::to_string(end));
 
-    SingleFileBucketStore store(dir.wide(), nullptr);
+    SingleFileBucketStore store(dir.wide(), nullptr, kel::osdep::FileSystem::posix());
     StatusChain status = okStatus();
     store.open(0, status);  // its compaction fails, which the open passes over
     EXPECT_EQ(status.getCode(), 0);

@@ -117,7 +117,7 @@ class StoreByteIdentityTest : public testing::Test {
 
 TEST_F(StoreByteIdentityTest, CommitsDeletionAndCompactionWriteTheGoldenBytes) {
     {
-        SingleFileBucketStore store(dir_.wide(), nullptr);
+        SingleFileBucketStore store(dir_.wide(), nullptr, kel::osdep::FileSystem::posix());
         StatusChain status = okStatus();
         store.open(0, status);
         ASSERT_EQ(status.getCode(), 0);
@@ -129,7 +129,7 @@ TEST_F(StoreByteIdentityTest, CommitsDeletionAndCompactionWriteTheGoldenBytes) {
     expectGolden("registry.bin", "segments.bin");
     expectGolden("commitmark.3", "segments.commitmark.3");
 
-    SingleFileBucketStore store(dir_.wide(), nullptr);
+    SingleFileBucketStore store(dir_.wide(), nullptr, kel::osdep::FileSystem::posix());
     StatusChain status = okStatus();
     store.open(0, status);  // compacts
     ASSERT_EQ(status.getCode(), 0);

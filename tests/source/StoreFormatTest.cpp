@@ -67,7 +67,8 @@ class Image {
 class StoreFormatTest : public testing::Test {
   protected:
     void SetUp() override {
-        commitInTurn(dir_.wide(), {{{L"/", -1}, {L"/a", -1}}, {{L"/b", -1}, {L"/a", -2}}});
+        commitInTurn(dir_.wide(), {{{L"/", -1}, {L"/a", -1}}, {{L"/b", -1}, {L"/a", -2}}},
+                     kel::osdep::FileSystem::posix());
     }
 
     TempDir dir_;
@@ -100,7 +101,7 @@ TEST_F(StoreFormatTest, TwoCommitsOneWithADeletion) {
 }
 
 TEST_F(StoreFormatTest, CompactionWritesOneSegmentInDigestOrder) {
-    SingleFileBucketStore store(dir_.wide(), nullptr);
+    SingleFileBucketStore store(dir_.wide(), nullptr, kel::osdep::FileSystem::posix());
     StatusChain status = okStatus();
     store.open(0, status);  // compacts
     ASSERT_EQ(status.getCode(), 0);

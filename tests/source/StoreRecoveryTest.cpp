@@ -23,7 +23,8 @@ class StoreRecoveryTest : public testing::Test {
   protected:
     // Two commits, so that the file has two segments.
     void writeTwoSegments() {
-        commitInTurn(dir_.wide(), {kOld, {{L"/a", 10}, {L"/b", -2}, {L"/c", 3}}});
+        commitInTurn(dir_.wide(), {kOld, {{L"/a", 10}, {L"/b", -2}, {L"/c", 3}}},
+                     kel::osdep::FileSystem::posix());
     }
 
     // The files of a compaction of `dir_`: its new "registry.bin" and mark.
@@ -31,7 +32,7 @@ class StoreRecoveryTest : public testing::Test {
         TempDir copy;
         copy.write("registry.bin", dir_.read("registry.bin"));
         copy.write("commitmark.2", dir_.read("commitmark.2"));
-        SingleFileBucketStore store(copy.wide(), nullptr);
+        SingleFileBucketStore store(copy.wide(), nullptr, kel::osdep::FileSystem::posix());
         StatusChain status = okStatus();
         store.open(0, status);
         ASSERT_EQ(status.getCode(), 0);
@@ -41,7 +42,7 @@ class StoreRecoveryTest : public testing::Test {
     }
 
     State openAndRead(int32_t* code = nullptr) {
-        SingleFileBucketStore store(dir_.wide(), nullptr);
+        SingleFileBucketStore store(dir_.wide(), nullptr, kel::osdep::FileSystem::posix());
         StatusChain status = okStatus();
         store.open(0, status);
         if (code != nullptr) {
@@ -148,7 +149,7 @@ TEST_F(StoreRecoveryTest, AStrayNewFileAloneStartsAnEmptyStore) {
 
 // A commit of one bucket with a blob of `blobSize` bytes; returns the file size.
 size_t commitBlob(const TempDir& dir, size_t blobSize) {
-    SingleFileBucketStore store(dir.wide(), nullptr);
+    SingleFileBucketStore store(dir.wide(), nullptr, kel::osdep::FileSystem::posix());
     StatusChain status = okStatus();
     store.open(0, status);
     AutoRef<IBucket> bucket = makeBucket(L"/big");
@@ -166,7 +167,7 @@ TEST_F(StoreRecoveryTest, ThousandByteFileWithNineHundredCommitted) {
     ASSERT_EQ(commitBlob(dir_, 900 - overhead), 900u);
     dir_.write("registry.bin", dir_.read("registry.bin") + std::string(100, 'x'));
 
-    SingleFileBucketStore store(dir_.wide(), nullptr);
+    SingleFileBucketStore store(dir_.wide(), nullptr, kel::osdep::FileSystem::posix());
     StatusChain status = okStatus();
     store.open(0, status);
     ASSERT_EQ(status.getCode(), 0);
@@ -236,7 +237,7 @@ TEST_F(StoreRecoveryTest, LeftoverTemporaryMarkFailsTheOpenUntilCleanedUp) {
     EXPECT_EQ(code, orvane::status::kStoreFailed);
     EXPECT_EQ(dir_.read("commitmark.2").empty(), false);
 
-    orvane::removeTemporaryFiles(kel::osdep::FileSystem::processDefault(), dir_.wide());
+    orvane::removeTemporaryFiles(kel::osdep::FileSystem::posix(), dir_.wide());
     EXPECT_FALSE(dir_.exists("commitmark.5.17.tmp"));
     EXPECT_EQ(openAndRead(), kAfterSecondCommit);
 }

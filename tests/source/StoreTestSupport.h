@@ -86,7 +86,7 @@ inline State readState(IBucketStore& store, const std::set<std::wstring>& names)
 // Opens a store on `dir` and commits each of `commits` in turn; the store is
 // closed again on return. Fails the test on any error.
 inline void commitInTurn(const WString& dir, std::initializer_list<State> commits,
-                         kel::osdep::FileSystem& fs = kel::osdep::FileSystem::processDefault()) {
+                         kel::osdep::FileSystem& fs) {
     orvane::SingleFileBucketStore store(dir, nullptr, fs);
     StatusChain status = okStatus();
     store.open(0, status);

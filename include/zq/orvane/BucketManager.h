@@ -15,6 +15,7 @@
 namespace zq {
 namespace kel {
 namespace osdep {
+class FileSystem;
 class Mutex;
 class SharedCounter;
 class SharedLibrary;
@@ -150,6 +151,9 @@ class ZQ_EXPORT BucketManager
     void commitPending(kel::StatusChain& status);
     kel::osdep::SharedCounter& changeCounter();
 
+    // Every file step of this manager and its store goes through this one;
+    // set at construction (the POSIX layer unless a test gave another).
+    kel::osdep::FileSystem& fs_;
     kel::WString dataDirectory_;
     std::unique_ptr<IBucketStore> store_;
     kel::AutoRef<BucketCache> readCache_;

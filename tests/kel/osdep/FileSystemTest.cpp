@@ -2,14 +2,17 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <functional>
+#include <string>
 
 #include "kel/osdep/BinaryFile.h"
 #include "kel/osdep/Path.h"
 #include "kel/osdep/SimulatedFileSystem.h"
 #include "kel/osdep/TextFile.h"
+#include "support/Child.h"
 #include "support/TempDir.h"
 #include "zq/kel/Exception.h"
 #include "zq/kel/OSException.h"
@@ -156,7 +159,8 @@ TEST_F(PosixFileSystemTest, BinaryFileRefusesToPassTwoGibibytes) {
 }
 
 TEST_F(PosixFileSystemTest, FullDeviceReportsNoSpace) {
-    std::unique_ptr<File> full = fs_.open(WString(L"/dev/full"), FileSystem::kWrite);
+    std::unique_ptr<File> full =
+        fs_.open(WString(L"/dev/full"), FileSystem::kWrite | FileSystem::kAnyFileType);
     EXPECT_EQ(errnoOf([&] { full->writeAt(0, "x", 1); }), ENOSPC);
 }
 
@@ -165,11 +169,58 @@ TEST_F(PosixFileSystemTest, FullDeviceReportsNoSpace) {
 TEST_F(PosixFileSystemTest, SyncBothReportsEitherFailure) {
     std::unique_ptr<File> data =
         fs_.open(path("data"), FileSystem::kReadWrite | FileSystem::kCreate);
-    std::unique_ptr<File> device = fs_.open(WString(L"/dev/null"), FileSystem::kWrite);
+    std::unique_ptr<File> device =
+        fs_.open(WString(L"/dev/null"), FileSystem::kWrite | FileSystem::kAnyFileType);
     data->writeAt(0, "x", 1);
     EXPECT_EQ(errnoOf([&] { fs_.syncBoth(*data, *data); }), 0);
     EXPECT_EQ(errnoOf([&] { fs_.syncBoth(*data, *device); }), EINVAL);
     EXPECT_EQ(errnoOf([&] { fs_.syncBoth(*device, *data); }), EINVAL);
+}
+
+// What is not a regular file is refused at once, in a child so that an open
+// that waits fails the test by the alarm instead of hanging it; the message
+// names the path.
+TEST_F(PosixFileSystemTest, OnlyRegularFilesOpenAndNothingWaits) {
+    ASSERT_EQ(mkfifo(dir_.file("fifo").c_str(), 0600), 0);
+    ASSERT_EQ(mkdir(dir_.file("dir").c_str(), 0700), 0);
+    ASSERT_EQ(symlink("/dev/zero", dir_.file("zero").c_str()), 0);
+    dir_.write("file", "x");
+    constexpr uint32_t kNew = FileSystem::kReadWrite | FileSystem::kCreate | FileSystem::kTruncate;
+    const struct {
+        const char* name;
+        uint32_t flags;
+        int error;
+    } cases[] = {
+        {"fifo", FileSystem::kRead, ENXIO},
+        {"fifo", FileSystem::kWrite, ENXIO},
+        {"fifo", FileSystem::kReadWrite, ENXIO},
+        {"fifo", kNew, ENXIO},
+        {"dir", FileSystem::kRead, EISDIR},
+        {"dir", FileSystem::kReadWrite, EISDIR},
+        {"dir", FileSystem::kRead | FileSystem::kAnyFileType, EISDIR},
+        {"zero", FileSystem::kRead, ENXIO},
+        {"zero", kNew, ENXIO},
+        {"fifo", FileSystem::kReadWrite | FileSystem::kAnyFileType, 0},
+        {"zero", FileSystem::kRead | FileSystem::kAnyFileType, 0},
+        {"file", FileSystem::kReadWrite, 0},
+    };
+    for (const auto& c : cases) {
+        const WString target = path(c.name);
+        const int code = test::inChild([&] {
+            ::alarm(10);
+            try {
+                fs_.open(target, c.flags);
+            } catch (const PosixError& error) {
+                const bool named =
+                    std::string(error.what()).find(dir_.file(c.name)) != std::string::npos;
+                return error.osErrorCode() == c.error && !named ? 100 : error.osErrorCode();
+            }
+            return 0;
+        });
+        EXPECT_EQ(code, c.error) << c.name << " flags " << c.flags;
+    }
+    EXPECT_EQ(dir_.read("file"), "x");
+    EXPECT_TRUE(fs_.isDirectory(path("dir")));
 }
 
 TEST_F(PosixFileSystemTest, TextFileLinesAndModes) {
