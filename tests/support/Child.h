@@ -1,9 +1,11 @@
 #ifndef ZQ_TESTS_SUPPORT_CHILD_H
 #define ZQ_TESTS_SUPPORT_CHILD_H
 
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <functional>
 
 namespace zq {
@@ -13,6 +15,25 @@ namespace test {
 inline int exitCodeOf(pid_t pid) {
     int result = 0;
     ::waitpid(pid, &result, 0);
+    return WIFEXITED(result) ? WEXITSTATUS(result) : 128 + WTERMSIG(result);
+}
+
+// As exitCodeOf, but a child still running after `seconds` is killed (and
+// reported as 128 + SIGKILL): a hung child fails its test instead of hanging it.
+inline int exitCodeWithin(pid_t pid, int seconds) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    int result = 0;
+    for (;;) {
+        const pid_t done = ::waitpid(pid, &result, WNOHANG);
+        if (done < 0) return -1;
+        if (done == pid) break;
+        if (std::chrono::steady_clock::now() >= deadline) {
+            ::kill(pid, SIGKILL);
+            ::waitpid(pid, &result, 0);
+            break;
+        }
+        ::usleep(10000);
+    }
     return WIFEXITED(result) ? WEXITSTATUS(result) : 128 + WTERMSIG(result);
 }
 
