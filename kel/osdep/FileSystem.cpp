@@ -44,11 +44,6 @@ FileSystem* FileSystem::replaceProcessDefault(FileSystem* fileSystem) {
     return replacement.exchange(fileSystem, std::memory_order_acq_rel);
 }
 
-void FileSystem::syncBoth(File& first, File& second) {
-    first.sync();
-    second.sync();
-}
-
 bool FileSystem::fileExists(const WString& path) {
     requireAbsolute(path);
     const Status status = stat(path);

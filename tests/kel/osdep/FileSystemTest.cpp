@@ -160,18 +160,6 @@ TEST_F(PosixFileSystemTest, FullDeviceReportsNoSpace) {
     EXPECT_EQ(errnoOf([&] { full->writeAt(0, "x", 1); }), ENOSPC);
 }
 
-// A character device cannot be synced (EINVAL): the failure is reported
-// whichever of the two syncs, run at once, meets it.
-TEST_F(PosixFileSystemTest, SyncBothReportsEitherFailure) {
-    std::unique_ptr<File> data =
-        fs_.open(path("data"), FileSystem::kReadWrite | FileSystem::kCreate);
-    std::unique_ptr<File> device = fs_.open(WString(L"/dev/null"), FileSystem::kWrite);
-    data->writeAt(0, "x", 1);
-    EXPECT_EQ(errnoOf([&] { fs_.syncBoth(*data, *data); }), 0);
-    EXPECT_EQ(errnoOf([&] { fs_.syncBoth(*data, *device); }), EINVAL);
-    EXPECT_EQ(errnoOf([&] { fs_.syncBoth(*device, *data); }), EINVAL);
-}
-
 TEST_F(PosixFileSystemTest, TextFileLinesAndModes) {
     TextFile text(fs_);
     EXPECT_FALSE(text.open(path("mark"), TextFile::kRead, true));
