@@ -168,26 +168,22 @@ void CommitMarks::removeListedBut(const std::vector<std::pair<int64_t, WString>>
     }
 }
 
-std::unique_ptr<CommitMarks::Pending> CommitMarks::stage(int64_t generation,
-                                                         int64_t committedLength) {
-    return std::make_unique<Pending>(fs_, pathOf(generation), generation, committedLength, options_,
-                                     spareMarkPath());
-}
-
-void CommitMarks::publish(Pending& pending) {
-    pending.writer.publish();
-    if (pending.generation > 1) {
+void CommitMarks::write(int64_t generation, int64_t committedLength, Durability durability) {
+    AtomicFileWriter writer(fs_, pathOf(generation), contentFor(committedLength), options_,
+                            spareMarkPath());
+    if (durability == kDurable) {
+        writer.publish();
+    } else {
+        writer.publishVisible();
+    }
+    if (generation > 1) {
         try {
-            fs_.rename(pathOf(pending.generation - 1), spareMarkPath());
+            fs_.removeFile(pathOf(generation - 1), FileSystem::kRemoveIfPresent);
         } catch (const kel::exception::Exception&) {
-            // Gone already, or it stays: the new mark is durable, and an old
-            // one only costs the next open a removal.
+            // It stays: the new mark is in place, and an old one only costs
+            // the next open a removal.
         }
     }
-}
-
-void CommitMarks::write(int64_t generation, int64_t committedLength) {
-    publish(*stage(generation, committedLength));
 }
 
 }  // namespace orvane

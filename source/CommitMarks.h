@@ -2,10 +2,11 @@
 #define ZQ_ORVANE_COMMITMARKS_H
 
 #include <cstdint>
-#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "kel/osdep/FileSystem.h"
-#include "source/TouchFile.h"
 #include "zq/kel/StringBase.h"
 
 namespace zq {
@@ -15,7 +16,8 @@ class Options;
 
 // The commit marks of a store directory: "commitmark.N" holds, as decimal
 // digits, how many bytes of "registry.bin" generation N committed. The mark
-// with the largest N is the truth; bytes past its length are never trusted.
+// with the largest N is the newest; an open trusts bytes past its length
+// only as far as they hold whole segments whose checksums verify.
 class CommitMarks {
   public:
     struct Mark {
@@ -30,7 +32,7 @@ class CommitMarks {
     kel::WString pathOf(int64_t generation) const;
     kel::WString newMarkPath() const;  // "newCommitmark"
     kel::WString oldMarkPath() const;  // "oldCommitmark"
-    // A retired mark kept to be written again as the next one.
+    // Where the next mark is written before it gets its name.
     kel::WString spareMarkPath() const;
 
     // Finds the newest mark and removes every older one, so that a stale mark
@@ -46,17 +48,13 @@ class CommitMarks {
     // Removes every "commitmark.N" but `keep` (0 keeps none).
     void removeAllBut(int64_t keep);
 
-    // Writes the mark of `generation` for `committedLength` durably, then
-    // retires the mark of `generation - 1` if there is one; a mark left
-    // behind is harmless, as the next open removes it. The retired file
-    // becomes the spare that the next mark is written into.
-    void write(int64_t generation, int64_t committedLength);
-    // The same in two steps: the mark's bytes are written at once under a
-    // temporary name, and named by publish() when the data it describes is
-    // durable. Staging it first lets one journal commit carry both files.
-    class Pending;
-    std::unique_ptr<Pending> stage(int64_t generation, int64_t committedLength);
-    void publish(Pending& pending);
+    // Writes the mark of `generation` for `committedLength` under its name,
+    // then removes the mark of `generation - 1`; a mark left behind is
+    // harmless, as the next open removes it. A durable mark is synced with
+    // its directory. A visible one is not: the data it describes is durable
+    // already, and an open that finds it lost rolls forward over that data.
+    enum Durability { kDurable, kVisible };
+    void write(int64_t generation, int64_t committedLength, Durability durability);
     // The content of a mark file as the store writes it.
     static std::string contentFor(int64_t committedLength);
 
@@ -69,16 +67,6 @@ class CommitMarks {
     kel::osdep::FileSystem& fs_;
     kel::WString directory_;
     const Options* options_;
-};
-
-// A staged mark: written under a temporary name, not yet named.
-class CommitMarks::Pending {
-  public:
-    Pending(kel::osdep::FileSystem& fs, const kel::WString& path, int64_t generation,
-            int64_t committedLength, const Options* options, const kel::WString& spare)
-        : writer(fs, path, contentFor(committedLength), options, spare), generation(generation) {}
-    AtomicFileWriter writer;
-    int64_t generation;
 };
 
 // Base-10 signed 64-bit text, whole; UnableToConvert otherwise.

@@ -215,7 +215,7 @@ void SingleFileBucketStore::salvage() {
     }
     committedLength_ = longestWholePrefix(*file, size);
     repairedOnOpen_ = true;
-    marks_.write(generation_ + 1, committedLength_);
+    marks_.write(generation_ + 1, committedLength_, CommitMarks::kDurable);
     ++generation_;
     markTrusted_ = true;
 }
@@ -261,11 +261,7 @@ void SingleFileBucketStore::openDataFile() {
     fileWritable_ = true;
     sizeOnOpen_ = size;
     if (size > committedLength_) {
-        // A torn append: the bytes past the mark were never committed.
-        repairedOnOpen_ = true;
-        file_->truncate(committedLength_);
-        file_->sync();
-        size = committedLength_;
+        size = rollForward(size);
     } else if (size < committedLength_) {
         // The mark names bytes that are not there. Extending the file would
         // turn zeros into segments, so the file is left as it is.
@@ -273,9 +269,29 @@ void SingleFileBucketStore::openDataFile() {
         ZQ_THROW(DeserializationError);
     }
     if (size == 0) {
-        marks_.write(generation_ + 1, 0);
+        marks_.write(generation_ + 1, 0, CommitMarks::kDurable);
     }
 }
+
+// A commit is made once its segment is synced, and its mark may be lost after
+// that: every whole segment past the mark whose checksum verifies was
+// committed. What follows the last of them is a torn append and is cut. The
+// repair is durable before anything is served from it.
+int64_t SingleFileBucketStore::rollForward(int64_t size) {
+    const int64_t end = wholeSegmentsEnd(*file_, committedLength_, size);
+    repairedOnOpen_ = true;
+    if (end < size) {
+        file_->truncate(end);
+    }
+    file_->sync();
+    if (end != 0) {
+        marks_.write(generation_ + 1, end, CommitMarks::kDurable);
+        ++generation_;
+    }
+    committedLength_ = end;
+    return end;
+}
+
 
 void SingleFileBucketStore::loadIndex() {
     const File::Identity identity = file_->identity();
@@ -427,8 +443,8 @@ void SingleFileBucketStore::commit(const UpdatedBuckets& updated, const DeletedN
         }
         StoreIndex::Staged staged = index_.stage(descriptor, updates, deletions);
         appendSegment(segment, end);
-        // Memory follows the disk only once the mark is written, and nothing
-        // from here on can fail: the commit is made.
+        // Memory follows the disk only once the segment is synced and its
+        // mark written, and nothing from here on can fail: the commit is made.
         index_.apply(staged);
         ++generation_;
         if (verified_.length == committedLength_) {
@@ -504,40 +520,47 @@ std::vector<unsigned char> SingleFileBucketStore::buildSegment(
     return segment;
 }
 
-// One write and one sync for the segment, then the mark (synced before and
-// after its rename): three syncs whatever the size of the commit. The mark's
-// bytes wait under their temporary name, which no open reads, so they are
-// synced at the same time as the segment; both are durable before the
-// rename gives the mark its name.
+// One write and one data sync for the segment, whatever its size: the sync
+// is the commit point. The mark follows unsynced, for other processes to
+// see at once; a crash that loses it loses nothing, as the next open rolls
+// forward over the segment.
 void SingleFileBucketStore::appendSegment(const std::vector<unsigned char>& segment, int64_t end) {
     const int64_t start = committedLength_;
     try {
         file_->writeAt(start, segment.data(), segment.size());
-        const std::unique_ptr<CommitMarks::Pending> mark = marks_.stage(generation_ + 1, end);
-        mark->writer.syncAlongside(*file_);
-        marks_.publish(*mark);
+        file_->sync();
     } catch (...) {
-        rollBackAppend(start);
+        rollBackAppend(start, false);
+        throw;
+    }
+    try {
+        marks_.write(generation_ + 1, end, CommitMarks::kVisible);
+    } catch (...) {
+        // Other processes would never see this commit: it must not stand.
+        rollBackAppend(start, true);
         throw;
     }
 }
 
-// Cuts the file back to its committed length after a failed commit. If the
-// new mark might have got its name, it must go first: a mark may never name
-// bytes that are not there. When it cannot be removed the bytes stay, and
-// the commit counts as made for whoever opens the file next.
-void SingleFileBucketStore::rollBackAppend(int64_t start) {
-    try {
-        removeIfPresent(marks_.pathOf(generation_ + 1));
-        fs_.syncDirectory(directory_);
-    } catch (...) {
-        return;
+// Cuts the file back to its committed length after a failed commit, durably,
+// so that no open rolls forward over a commit that reported failure. A mark
+// that might have got its name must go first: a mark may never name bytes
+// that are not there. When it cannot be removed the bytes stay, and the
+// commit counts as made for whoever opens the file next.
+void SingleFileBucketStore::rollBackAppend(int64_t start, bool markMayExist) {
+    if (markMayExist) {
+        try {
+            removeIfPresent(marks_.pathOf(generation_ + 1));
+        } catch (...) {
+            return;
+        }
     }
     try {
         file_->truncate(start);
         file_->sync();
     } catch (...) {
-        // The next open cuts whatever lies past the mark.
+        // The next commit writes over the bytes; a crash before it leaves a
+        // commit wholly present or wholly absent, as the open verifies it.
     }
 }
 

@@ -21,8 +21,9 @@ class Options;
 
 // All persistent buckets in one append-only file, "registry.bin", whose
 // committed length the newest commit mark records. A commit appends one
-// segment with one write and one sync, then writes the next mark; a crash at
-// any instant leaves the old state or the new one. The file is compacted into
+// segment with one write and one data sync, then writes the next mark
+// unsynced; an open rolls forward over whole, verified segments past the
+// mark, so a crash at any instant leaves the old state or the new one. The file is compacted into
 // a single segment on open and when it outgrows its limit.
 //
 // Thread-safe: the store lock (recursive, so a commit can compact) guards
@@ -80,6 +81,8 @@ class SingleFileBucketStore : public IBucketStore {
     void rollForwardCompaction();
     void rollBackCompaction();
     void openDataFile();
+    // The file's new size.
+    int64_t rollForward(int64_t size);
     void loadIndex();
     void rename(const kel::WString& from, const kel::WString& to);
     void removeIfPresent(const kel::WString& path);
@@ -90,7 +93,7 @@ class SingleFileBucketStore : public IBucketStore {
                                             std::vector<DigestKey>& deletions,
                                             SegmentDescriptor& descriptor);
     void appendSegment(const std::vector<unsigned char>& segment, int64_t end);
-    void rollBackAppend(int64_t start);
+    void rollBackAppend(int64_t start, bool markMayExist);
 
     // True when it wrote a new file and swapped it in.
     bool compact(kel::StatusChain& status);

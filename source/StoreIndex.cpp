@@ -370,8 +370,8 @@ int64_t wholeSegmentEnd(File& file, int64_t start, int64_t limit) {
     return end;
 }
 
-int64_t longestWholePrefix(File& file, int64_t limit) {
-    int64_t end = 0;
+int64_t wholeSegmentsEnd(File& file, int64_t start, int64_t limit) {
+    int64_t end = start;
     for (int64_t next; (next = wholeSegmentEnd(file, end, limit)) != 0;) {
         end = next;
     }

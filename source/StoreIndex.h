@@ -104,9 +104,15 @@ struct VerifiedPrefix {
 // position, its mark is in place and its checksum matches. 0 otherwise.
 int64_t wholeSegmentEnd(kel::osdep::File& file, int64_t start, int64_t limit);
 
-// The length of the longest run of whole segments from offset 0: what a
-// file can be trusted for when no commit mark says how much was committed.
-int64_t longestWholePrefix(kel::osdep::File& file, int64_t limit);
+// The end of the longest run of whole segments from `start` (`start` when
+// there is none): how far a file can be trusted past a point known good.
+int64_t wholeSegmentsEnd(kel::osdep::File& file, int64_t start, int64_t limit);
+
+// The same from offset 0: what a file can be trusted for when no commit mark
+// says how much was committed.
+inline int64_t longestWholePrefix(kel::osdep::File& file, int64_t limit) {
+    return wholeSegmentsEnd(file, 0, limit);
+}
 
 // Where the newest record of each bucket lies in "registry.bin", which buckets
 // a newer segment deleted, and the segments themselves. Built by walking the

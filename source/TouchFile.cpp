@@ -90,15 +90,16 @@ AtomicFileWriter::AtomicFileWriter(FileSystem& fs, const WString& path, const st
 }
 
 AtomicFileWriter::AtomicFileWriter(FileSystem& fs, const WString& path, const std::string& bytes,
-                                   const Options* options, const WString& spare)
-    : fs_(fs), path_(path), temporary_(spare) {
+                                   const Options* options, const WString& temporary)
+    : fs_(fs), path_(path), temporary_(temporary) {
     try {
-        file_ = fs.open(spare, FileSystem::kReadWrite);
+        file_ = createTemporary(fs, temporary, options);
     } catch (const kel::osdep::PosixError& e) {
-        if (e.osErrorCode() != ENOENT) {
+        if (e.osErrorCode() != EEXIST) {
             throw;
         }
-        file_ = createTemporary(fs, spare, options);
+        fs.removeFile(temporary, FileSystem::kRemoveIfPresent);
+        file_ = createTemporary(fs, temporary, options);
     }
     write(bytes);
 }
@@ -125,20 +126,18 @@ AtomicFileWriter::~AtomicFileWriter() {
     }
 }
 
-void AtomicFileWriter::syncAlongside(File& other) {
-    fs_.syncBoth(other, *file_);
-    synced_ = true;
+void AtomicFileWriter::publish() {
+    file_->sync();
+    rename();
+    fs_.syncDirectory(kel::osdep::parentOf(path_));
 }
 
-void AtomicFileWriter::publish() {
-    if (!synced_) {
-        file_->sync();
-        synced_ = true;
-    }
+void AtomicFileWriter::publishVisible() { rename(); }
+
+void AtomicFileWriter::rename() {
     file_->close();
     fs_.rename(temporary_, path_);
     published_ = true;
-    fs_.syncDirectory(kel::osdep::parentOf(path_));
 }
 
 void removeTemporaryFiles(FileSystem& fs, const WString& directory) {

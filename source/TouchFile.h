@@ -27,27 +27,27 @@ class AtomicFileWriter {
   public:
     AtomicFileWriter(kel::osdep::FileSystem& fs, const kel::WString& path, const std::string& bytes,
                      const Options* options);
-    // The same, reusing the file at `spare` as the temporary one when it
-    // exists: rewriting a block costs a sync far less than a new file does.
+    // The same under the fixed name `temporary`, created afresh: a file a
+    // crash left there is replaced, never rewritten in place.
     AtomicFileWriter(kel::osdep::FileSystem& fs, const kel::WString& path, const std::string& bytes,
-                     const Options* options, const kel::WString& spare);
+                     const Options* options, const kel::WString& temporary);
     ~AtomicFileWriter();
     AtomicFileWriter(const AtomicFileWriter&) = delete;
     AtomicFileWriter& operator=(const AtomicFileWriter&) = delete;
 
-    // Makes the bytes durable along with the data of `other`, whose failure
-    // is the one reported; publish() then has no sync left to make.
-    void syncAlongside(kel::osdep::File& other);
     void publish();
+    // Renames without a sync: other processes see the whole file at once,
+    // but a crash may lose it, or leave it empty under its final name.
+    void publishVisible();
 
   private:
     void write(const std::string& bytes);
+    void rename();
 
     kel::osdep::FileSystem& fs_;
     kel::WString path_;
     kel::WString temporary_;
     std::unique_ptr<kel::osdep::File> file_;
-    bool synced_ = false;
     bool published_ = false;
 };
 

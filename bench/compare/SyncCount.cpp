@@ -18,7 +18,7 @@
 
 namespace {
 
-// Atomic: Orvane syncs its data and its commit mark on two threads at once.
+// Atomic: a store under comparison may sync on a thread of its own.
 std::atomic<uint64_t> syncs{0};
 std::atomic<uint64_t> syncWrites{0};
 // Descriptors opened for synchronous writes (LMDB writes its meta page so).

@@ -32,11 +32,6 @@ FileSystem& FileSystem::posix() {
     return *instance;
 }
 
-void FileSystem::syncBoth(File& first, File& second) {
-    first.sync();
-    second.sync();
-}
-
 bool FileSystem::fileExists(const WString& path) {
     requireAbsolute(path);
     const Status status = stat(path);

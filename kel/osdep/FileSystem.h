@@ -75,9 +75,6 @@ class FileSystem {
     virtual std::vector<WString> listDirectory(const WString& path) = 0;
     // Makes the directory's entries (creations, renames, removals) durable.
     virtual void syncDirectory(const WString& path) = 0;
-    // Makes the data of both files durable, `first`'s failure the one
-    // reported. Here one after the other; an implementation may overlap them.
-    virtual void syncBoth(File& first, File& second);
 
     // Composite operations.
     bool fileExists(const WString& path);  // regular files only; absolute path

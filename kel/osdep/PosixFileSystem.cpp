@@ -7,14 +7,11 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <exception>
-#include <functional>
 #include <limits>
 #include <memory>
 #include <string>
 
 #include "kel/Utf8.h"
-#include "kel/osdep/SyncWorker.h"
 #include "zq/kel/OSException.h"
 
 namespace zq {
@@ -321,39 +318,6 @@ void PosixFileSystem::syncDirectory(const WString& path) {
     ::close(fd);
     if (result != 0) {
         fail("fsync directory", __LINE__, error);
-    }
-}
-
-namespace {
-
-// A failure is kept to be reported once both syncs are over.
-std::exception_ptr syncKeepingFailure(File& file) {
-    try {
-        file.sync();
-    } catch (...) {
-        return std::current_exception();
-    }
-    return nullptr;
-}
-
-}  // namespace
-
-// The worker syncs the second file while this thread syncs the first; with
-// no worker to be had, one after the other.
-void PosixFileSystem::syncBoth(File& first, File& second) {
-    std::exception_ptr firstFailure;
-    std::exception_ptr secondFailure;
-    const std::function<void()> syncFirst = [&] { firstFailure = syncKeepingFailure(first); };
-    const std::function<void()> syncSecond = [&] { secondFailure = syncKeepingFailure(second); };
-    if (!SyncWorker::runAlongside(syncSecond, syncFirst)) {
-        syncFirst();
-        syncSecond();
-    }
-    if (firstFailure) {
-        std::rethrow_exception(firstFailure);
-    }
-    if (secondFailure) {
-        std::rethrow_exception(secondFailure);
     }
 }
 

@@ -19,9 +19,6 @@ class PosixFileSystem : public FileSystem {
     void makeDirectory(const WString& path, uint32_t permissions) override;
     std::vector<WString> listDirectory(const WString& path) override;
     void syncDirectory(const WString& path) override;
-    // The two syncs at once, the second on a thread of its own: a disk that
-    // flushes its cache for each can then serve both with fewer trips.
-    void syncBoth(File& first, File& second) override;
 };
 
 }  // namespace osdep

@@ -79,7 +79,6 @@ class DyingFileSystem : public FileSystem {
         step();
         posix().syncDirectory(path);
     }
-    void syncBoth(File& first, File& second) override { posix().syncBoth(first, second); }
 
   private:
     void step() {

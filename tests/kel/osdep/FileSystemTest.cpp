@@ -164,19 +164,6 @@ TEST_F(PosixFileSystemTest, FullDeviceReportsNoSpace) {
     EXPECT_EQ(errnoOf([&] { full->writeAt(0, "x", 1); }), ENOSPC);
 }
 
-// A character device cannot be synced (EINVAL): the failure is reported
-// whichever of the two syncs, run at once, meets it.
-TEST_F(PosixFileSystemTest, SyncBothReportsEitherFailure) {
-    std::unique_ptr<File> data =
-        fs_.open(path("data"), FileSystem::kReadWrite | FileSystem::kCreate);
-    std::unique_ptr<File> device =
-        fs_.open(WString(L"/dev/null"), FileSystem::kWrite | FileSystem::kAnyFileType);
-    data->writeAt(0, "x", 1);
-    EXPECT_EQ(errnoOf([&] { fs_.syncBoth(*data, *data); }), 0);
-    EXPECT_EQ(errnoOf([&] { fs_.syncBoth(*data, *device); }), EINVAL);
-    EXPECT_EQ(errnoOf([&] { fs_.syncBoth(*device, *data); }), EINVAL);
-}
-
 // What is not a regular file is refused at once, in a child so that an open
 // that waits fails the test by the alarm instead of hanging it; the message
 // names the path.
