@@ -157,6 +157,14 @@ CommitMarks::Mark CommitMarks::peekNewest() {
     }
 }
 
+int64_t CommitMarks::lengthIn(const WString& path) {
+    try {
+        return readLength(path);
+    } catch (const kel::exception::UnableToConvert&) {
+        return -1;
+    }
+}
+
 void CommitMarks::removeAllBut(int64_t keep) { removeListedBut(list(), keep); }
 
 void CommitMarks::removeListedBut(const std::vector<std::pair<int64_t, WString>>& marks,

@@ -45,6 +45,8 @@ class CommitMarks {
     // files) are passed over, and a mark that vanishes while read is
     // looked for again.
     Mark peekNewest();
+    // The length a mark file at `path` holds, or -1 when it holds none.
+    int64_t lengthIn(const kel::WString& path);
     // Removes every "commitmark.N" but `keep` (0 keeps none).
     void removeAllBut(int64_t keep);
 

@@ -125,6 +125,8 @@ void SingleFileBucketStore::open(uint32_t value, StatusChain& status) {
     }
     openValue_ = value;
     repairedOnOpen_ = false;
+    copyKept_ = WString();
+    lostCommitted_ = false;
     storeOperation(status, [&] { openFiles(); });
     if (status.isFatal()) {
         file_.reset();
@@ -140,6 +142,10 @@ void SingleFileBucketStore::open(uint32_t value, StatusChain& status) {
     }
     storeOperation(status, [&] {
         loadIndex();
+        if (index_.damagedEnd() != 0 && index_.damagedEnd() == committedLength_ &&
+            dropDamagedNewest()) {
+            loadIndex();
+        }
         rememberSignature();
         open_ = true;
         opened_ = true;
@@ -148,76 +154,108 @@ void SingleFileBucketStore::open(uint32_t value, StatusChain& status) {
     if (status.isFatal()) {
         file_.reset();
         index_.clear();
+        return;
+    }
+    reportRepairs(status);
+}
+
+// What the open found is said in its status: a warning, since the store
+// serves what it can prove.
+void SingleFileBucketStore::reportRepairs(StatusChain& status) {
+    if (index_.damagedEnd() != 0) {
+        status.setCode(status::kStoreDamaged);
+        WString message(L"the segment of \"registry.bin\" that ends at offset ");
+        message += WString::fromInt(index_.damagedEnd());
+        message += L" and every older one are damaged; the file is left as it is";
+        status.setMessage(message);
+    } else if (lostCommitted_) {
+        status.setCode(status::kStoreRepaired);
+        status.setMessage(WString(
+            L"\"registry.bin\" is shorter than its commit mark says: the store holds what is left"));
+    } else if (!copyKept_.empty()) {
+        status.setCode(status::kStoreRepaired);
+        WString message(L"\"registry.bin\" was damaged and repaired; what was dropped is kept in ");
+        message += copyKept_;
+        status.setMessage(message);
     }
 }
 
 void SingleFileBucketStore::openFiles() {
     adoptMark(marks_.findNewest());
     recoverFiles();
-    if (!markTrusted_) {
-        salvage();
-    }
     openDataFile();
+    settleCommittedLength();
 }
 
 // Repairs what a crash in the middle of a compaction's swap left. Every
-// sequence ends with the newest complete file live and described by its mark;
-// nothing committed is dropped.
+// sequence ends with the newest complete file live and its mark found
+// again; a copy is deleted only once the file that replaces it is known
+// whole, so a stale "newCommitmark" never costs the only intact copy.
 void SingleFileBucketStore::recoverFiles() {
     const bool live = fs_.fileExists(livePath_);
     const bool fresh = fs_.fileExists(newPath_);
     const bool previous = fs_.fileExists(previousPath_);
     const bool newMark = fs_.fileExists(marks_.newMarkPath());
-    if (live && fresh) {
-        // The compaction never reached its swap.
-        fs_.removeFile(newPath_, FileSystem::kRemoveMustExist);
-        removeIfPresent(marks_.newMarkPath());
-    } else if (live && previous) {
-        // The new file is live; only its mark may still wait for its name.
-        if (newMark) {
-            marks_.removeAllBut(0);
-            rename(marks_.newMarkPath(), marks_.pathOf(1));
+    const bool oldMark = fs_.fileExists(marks_.oldMarkPath());
+    if (live) {
+        if (fresh) {
+            // A compaction that never reached its swap.
+            fs_.removeFile(newPath_, FileSystem::kRemoveMustExist);
         }
-        fs_.removeFile(previousPath_, FileSystem::kRemoveMustExist);
-        removeIfPresent(marks_.oldMarkPath());
-    } else if (live) {
-        // No mark moved: the one found before still stands.
-        removeIfPresent(marks_.oldMarkPath());
-        return;
-    } else if (fresh && newMark) {
+        if (previous) {
+            finishSwap(!fresh && newMark);
+        } else if (newMark || oldMark) {
+            removeIfPresent(marks_.newMarkPath());
+            removeIfPresent(marks_.oldMarkPath());
+        } else {
+            return;  // the usual case: the mark found before still stands
+        }
+    } else if (fresh && newMark && (!previous || holdsWholeFile(newPath_, marks_.newMarkPath()))) {
         rollForwardCompaction();
     } else if (previous) {
         rollBackCompaction();
     } else {
         return;  // a new empty store is created next
     }
+    fs_.syncDirectory(directory_);
     adoptMark(marks_.findNewest());
+}
+
+// "registry.bin" is the new file and "registry.bin.2" the old one: the swap
+// ended but for its last steps. With `markWaiting`, the new file's mark
+// still waits under "newCommitmark".
+void SingleFileBucketStore::finishSwap(bool markWaiting) {
+    const WString mark = markWaiting ? marks_.newMarkPath() : marks_.pathOf(generation_);
+    if (holdsWholeFile(livePath_, mark)) {
+        if (markWaiting) {
+            marks_.removeAllBut(0);
+            rename(marks_.newMarkPath(), marks_.pathOf(1));
+        }
+        fs_.removeFile(previousPath_, FileSystem::kRemoveMustExist);
+    } else {
+        // The live file is not what its mark says: the old one is kept.
+        repairedOnOpen_ = true;
+        keepCopy(previousPath_, true);
+        removeIfPresent(marks_.newMarkPath());
+    }
+    removeIfPresent(marks_.oldMarkPath());
+}
+
+// Whether the file at `path` is one whole, verified segment of the length
+// the mark at `markPath` holds: what a compaction writes before its swap.
+bool SingleFileBucketStore::holdsWholeFile(const WString& path, const WString& markPath) {
+    if (!fs_.fileExists(markPath)) {
+        return false;
+    }
+    const int64_t length = marks_.lengthIn(markPath);
+    std::unique_ptr<File> file = fs_.open(path, FileSystem::kRead);
+    return length > 0 && file->size() >= length && wholeSegmentEnd(*file, 0, length) == length;
 }
 
 void SingleFileBucketStore::adoptMark(const CommitMarks::Mark& mark) {
     generation_ = mark.generation;
     committedLength_ = mark.readable ? mark.committedLength : 0;
     markTrusted_ = mark.readable && mark.generation > 0;
-}
-
-// No mark says how much of the file was committed: it was lost, or is empty
-// or unreadable (writers that never synced their marks leave that after a
-// power cut). Cutting the file to nothing would lose every setting, so the
-// run of whole segments from the start is kept, and a fresh mark names it.
-void SingleFileBucketStore::salvage() {
-    if (!fs_.fileExists(livePath_)) {
-        return;
-    }
-    std::unique_ptr<File> file = fs_.open(livePath_, FileSystem::kRead);
-    const int64_t size = file->size();
-    if (size == 0) {
-        return;
-    }
-    committedLength_ = longestWholePrefix(*file, size);
-    repairedOnOpen_ = true;
-    marks_.write(generation_ + 1, committedLength_, CommitMarks::kDurable);
-    ++generation_;
-    markTrusted_ = true;
 }
 
 // The new file and its mark are complete (the mark is written only after the
@@ -243,7 +281,6 @@ void SingleFileBucketStore::rollBackCompaction() {
 }
 
 void SingleFileBucketStore::openDataFile() {
-    int64_t size = 0;
     // Anything else under the name is opened, and refused, not replaced.
     if (!fs_.stat(livePath_).exists) {
         // Nothing is left to describe: whatever a mark says, the store
@@ -256,42 +293,157 @@ void SingleFileBucketStore::openDataFile() {
         fs_.syncDirectory(directory_);
     } else {
         file_ = fs_.open(livePath_, FileSystem::kReadWrite);
-        size = file_->size();
     }
     fileWritable_ = true;
-    sizeOnOpen_ = size;
-    if (size > committedLength_) {
-        size = rollForward(size);
-    } else if (size < committedLength_) {
-        // The mark names bytes that are not there. Extending the file would
-        // turn zeros into segments, so the file is left as it is.
-        repairedOnOpen_ = true;
-        ZQ_THROW(DeserializationError);
-    }
-    if (size == 0) {
-        marks_.write(generation_ + 1, 0, CommitMarks::kDurable);
-    }
+    sizeOnOpen_ = file_->size();
 }
 
-// A commit is made once its segment is synced, and its mark may be lost after
-// that: every whole segment past the mark whose checksum verifies was
-// committed. What follows the last of them is a torn append and is cut. The
-// repair is durable before anything is served from it.
-int64_t SingleFileBucketStore::rollForward(int64_t size) {
-    const int64_t end = wholeSegmentsEnd(*file_, committedLength_, size);
+// How much of the file was committed. The data file is the truth and the
+// mark a hint: the mark is trusted where a segment ends, and from there every
+// further whole segment whose checksum verifies was committed (a commit is
+// made once its segment is synced; its mark may be lost after that). A mark
+// that is missing, unreadable or ends no segment counts for nothing: the run
+// of whole, verified segments from the start is kept. What follows is cut.
+// A cut that drops what the mark names as committed, or a whole segment,
+// first keeps a copy of the file. The repair is durable before the store
+// is served.
+void SingleFileBucketStore::settleCommittedLength() {
+    const int64_t size = sizeOnOpen_;
+    const int64_t claimed = markTrusted_ ? committedLength_ : 0;
+    const bool markEndsSegment = markTrusted_ && committedLength_ <= size &&
+                                 committedLength_ <= segment::kMaxFileSize &&
+                                 segmentEndsAt(*file_, committedLength_);
+    const int64_t end = wholeSegmentsEnd(*file_, markEndsSegment ? committedLength_ : 0, size);
+    if (markEndsSegment && end == committedLength_ && end == size) {
+        if (size == 0) {
+            marks_.write(generation_ + 1, 0, CommitMarks::kDurable);
+        }
+        return;
+    }
     repairedOnOpen_ = true;
-    if (end < size) {
+    if (end < size && (end < claimed || segmentShapeAt(*file_, end, size) != 0)) {
+        keepCopy(livePath_, false);
+    } else if (end < claimed) {
+        lostCommitted_ = true;  // the bytes are gone already: nothing to copy
+    }
+    cutAndMark(end);
+}
+
+// Makes `end` the committed length on disk: the file cut there and synced,
+// a fresh mark naming it, its directory synced.
+void SingleFileBucketStore::cutAndMark(int64_t end) {
+    if (file_->size() > end) {
         file_->truncate(end);
     }
     file_->sync();
+    marks_.write(generation_ + 1, end, CommitMarks::kDurable);
     if (end != 0) {
-        marks_.write(generation_ + 1, end, CommitMarks::kDurable);
         ++generation_;
     }
     committedLength_ = end;
-    return end;
 }
 
+// A newest segment whose checksum fails, in front of a file that verifies,
+// is cut like a torn append, after a copy: otherwise every bucket would be
+// behind damage. Damage further back is left for an administrator.
+bool SingleFileBucketStore::dropDamagedNewest() {
+    unsigned char start[8];
+    if (file_->readAt(committedLength_ - segment::kStartFromEnd, start, sizeof start) !=
+        sizeof start) {
+        return false;
+    }
+    const auto newest = static_cast<int64_t>(kel::getU64(start));
+    if (newest < 0 || newest >= committedLength_) {
+        return false;
+    }
+    StoreIndex older;
+    older.load(*file_, newest, verified_.holdsFor(*file_, fileIdentity_, newest));
+    if (older.damagedEnd() != 0) {
+        return false;
+    }
+    repairedOnOpen_ = true;
+    keepCopy(livePath_, false);
+    cutAndMark(newest);
+    return true;
+}
+
+namespace {
+
+const wchar_t kCopyPrefix[] = L"registry.bin.damaged-";
+// Copies of damaged files kept beside the store; the oldest goes first.
+constexpr int64_t kKeptCopies = 3;
+
+}  // namespace
+
+// Keeps the file at `path` beside the store as "registry.bin.damaged-N",
+// moved there when `move`, else copied; the newest few are kept.
+void SingleFileBucketStore::keepCopy(const WString& path, bool move) {
+    std::vector<int64_t> numbers;
+    for (const WString& name : fs_.listDirectory(directory_)) {
+        if (name.startsWith(WString(kCopyPrefix))) {
+            try {
+                numbers.push_back(parseInt64(name.substr(WString(kCopyPrefix).length())));
+            } catch (const kel::exception::UnableToConvert&) {
+                // Not one of ours.
+            }
+        }
+    }
+    std::sort(numbers.begin(), numbers.end());
+    const auto copyPath = [&](int64_t n) {
+        WString name(kCopyPrefix);
+        name += WString::fromInt(n);
+        return kel::osdep::join(directory_, name);
+    };
+    const WString target = copyPath(numbers.empty() ? 1 : numbers.back() + 1);
+    if (move) {
+        fs_.rename(path, target);
+    } else {
+        copyFile(path, target);
+    }
+    fs_.syncDirectory(directory_);
+    copyKept_ = target;
+    for (size_t k = 0; k + kKeptCopies <= numbers.size(); ++k) {
+        fs_.removeFile(copyPath(numbers[k]), FileSystem::kRemoveIfPresent);
+    }
+}
+
+// A durable copy under a temporary name first: a crash leaves no half copy
+// under the final one. No store holds more than kMaxFileSize bytes, and
+// runs of zeros stay holes, so a damaged sparse file costs no disk.
+void SingleFileBucketStore::copyFile(const WString& from, const WString& to) {
+    WString temporary = to;
+    temporary += L".tmp";
+    std::unique_ptr<File> source = fs_.open(from, FileSystem::kRead);
+    const int64_t size = std::min(source->size(), segment::kMaxFileSize);
+    try {
+        std::unique_ptr<File> copy = fs_.open(
+            temporary, FileSystem::kReadWrite | FileSystem::kCreate | FileSystem::kTruncate, 0600);
+        copy->truncate(size);
+        std::vector<unsigned char> chunk(64 * 1024);
+        for (int64_t at = 0; at < size;) {
+            const size_t want = static_cast<size_t>(std::min<int64_t>(size - at, chunk.size()));
+            const size_t got = source->readAt(at, chunk.data(), want);
+            if (got == 0) {
+                break;
+            }
+            const bool zeros = std::all_of(chunk.begin(), chunk.begin() + static_cast<long>(got),
+                                           [](unsigned char byte) { return byte == 0; });
+            if (!zeros) {
+                copy->writeAt(at, chunk.data(), got);
+            }
+            at += static_cast<int64_t>(got);
+        }
+        copy->sync();
+        copy->close();
+        fs_.rename(temporary, to);
+    } catch (...) {
+        try {
+            fs_.removeFile(temporary, FileSystem::kRemoveIfPresent);
+        } catch (...) {
+        }
+        throw;
+    }
+}
 
 void SingleFileBucketStore::loadIndex() {
     const File::Identity identity = file_->identity();

@@ -76,13 +76,19 @@ class SingleFileBucketStore : public IBucketStore {
     // nothing of another process's interrupted compaction is left.
     bool filesAsLeft();
     void adoptMark(const CommitMarks::Mark& mark);
-    void salvage();
     void recoverFiles();
+    void finishSwap(bool markWaiting);
+    bool holdsWholeFile(const kel::WString& path, const kel::WString& markPath);
+    void settleCommittedLength();
+    void cutAndMark(int64_t end);
+    bool dropDamagedNewest();
+    void keepCopy(const kel::WString& path, bool move);
+    void copyFile(const kel::WString& from, const kel::WString& to);
+    void reportRepairs(kel::StatusChain& status);
     void rollForwardCompaction();
     void rollBackCompaction();
     void openDataFile();
     // The file's new size.
-    int64_t rollForward(int64_t size);
     void loadIndex();
     void rename(const kel::WString& from, const kel::WString& to);
     void removeIfPresent(const kel::WString& path);
@@ -132,6 +138,8 @@ class SingleFileBucketStore : public IBucketStore {
     bool repairedOnOpen_ = false;
     bool overSize_ = false;
     bool markTrusted_ = false;
+    kel::WString copyKept_;       // of what the last open dropped, if anything
+    bool lostCommitted_ = false;  // the last open found committed bytes missing
     bool opened_ = false;        // open() succeeded once: catchUp() may reopen
     bool fileWritable_ = false;  // file_ was opened for writing
     std::unique_ptr<Signature> signature_;  // null: look at the marks next time

@@ -17,6 +17,8 @@ constexpr Description kDescriptions[] = {
     {kBucketNotFound, "the bucket does not exist"},
     {kValueReplaced, "a different value was replaced"},
     {kCursorInvalidated, "the enumeration was invalidated by a change"},
+    {kStoreRepaired, "the store was repaired on open; what it dropped is kept beside it"},
+    {kStoreDamaged, "part of the store is damaged and cannot be read"},
     {kWrongType, "the value does not hold that type"},
     {kNoData, "the value holds no data"},
     {kBufferTooSmall, "the buffer is too small for the value"},

@@ -342,29 +342,55 @@ VerifiedPrefix VerifiedPrefix::of(const File::Identity& identity, int64_t length
     return prefix;
 }
 
-int64_t wholeSegmentEnd(File& file, int64_t start, int64_t limit) {
+int64_t segmentShapeAt(File& file, int64_t start, int64_t limit) {
     using namespace segment;
     constexpr int64_t kSmallest = kHeaderSize + kIndexHeaderSize + kTrailerSize;
     unsigned char header[kHeaderSize];
-    if (limit - start < kSmallest || file.readAt(start, header, sizeof header) != sizeof header) {
+    if (start < 0 || limit - start < kSmallest ||
+        file.readAt(start, header, sizeof header) != sizeof header) {
         return 0;
     }
-    const int64_t end = getI64(header) + kStartFromEnd;
-    if (end < start + kSmallest || end > limit) {
+    const int64_t trailerPosition = getI64(header);
+    if (trailerPosition < start + kSmallest - kStartFromEnd ||
+        trailerPosition > limit - kStartFromEnd) {
         return 0;
     }
+    const int64_t end = trailerPosition + kStartFromEnd;
     unsigned char trailer[kTrailerSize];
     if (file.readAt(end - kTrailerSize, trailer, sizeof trailer) != sizeof trailer ||
         getI64(trailer) != getI64(header + 8) || getI64(trailer + 40) != start ||
         std::memcmp(trailer + 48, kMark, kMarkSize) != 0) {
         return 0;
     }
+    return end;
+}
+
+bool segmentEndsAt(File& file, int64_t end) {
+    using namespace segment;
+    if (end == 0) {
+        return true;
+    }
+    unsigned char trailer[kTrailerSize];
+    if (end < kTrailerSize ||
+        file.readAt(end - kTrailerSize, trailer, sizeof trailer) != sizeof trailer) {
+        return false;
+    }
+    return segmentShapeAt(file, getI64(trailer + 40), end) == end;
+}
+
+int64_t wholeSegmentEnd(File& file, int64_t start, int64_t limit) {
+    const int64_t end = segmentShapeAt(file, start, limit);
+    if (end == 0) {
+        return 0;
+    }
     if (!segmentVerifies(file, start, end)) {
         return 0;
     }
+    // Only damage makes a segment not whole: a failing disk is reported, or
+    // an open would cut committed data for a read error.
     try {
         scanSegment(file, end, 0);
-    } catch (const kel::exception::Exception&) {
+    } catch (const kel::exception::DeserializationError&) {
         return 0;
     }
     return end;

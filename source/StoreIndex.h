@@ -99,6 +99,14 @@ struct VerifiedPrefix {
                              const unsigned char* trailerEnd);
 };
 
+// Whether a segment ends at `end`: its trailer's mark is in place and its
+// start word names a segment whose header names this trailer. Checks no
+// checksum; an end of 0 ends the empty prefix.
+bool segmentEndsAt(kel::osdep::File& file, int64_t end);
+// The end of the segment at `start` as its header and trailer tell it,
+// within `limit`, without its checksum; 0 when they do not agree.
+int64_t segmentShapeAt(kel::osdep::File& file, int64_t start, int64_t limit);
+
 // The end of the segment that starts at `start`, when it is whole: it ends
 // within `limit`, its trailer names its start and repeats its index
 // position, its mark is in place and its checksum matches. 0 otherwise.

@@ -1,10 +1,16 @@
 // What an open makes of every set of files a crash can leave, built from the
 // files real commits and compactions write.
+#include <dirent.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <map>
+#include <set>
 #include <string>
 
 #include "kel/osdep/FileSystem.h"
+#include "kel/osdep/SimulatedFileSystem.h"
 #include "source/SingleFileBucketStore.h"
 #include "source/StoreTestSupport.h"
 #include "source/TouchFile.h"
@@ -52,6 +58,22 @@ class StoreRecoveryTest : public testing::Test {
         }
         repaired_ = store.wasRepairedOnOpen();
         return status.isFatal() ? State() : readState(store, namesOf({kOld, kAfterSecondCommit}));
+    }
+
+    // Every file of the directory with its bytes.
+    std::map<std::string, std::string> files() const {
+        std::map<std::string, std::string> all;
+        DIR* listing = ::opendir(dir_.path().c_str());
+        for (dirent* entry; listing != nullptr && (entry = ::readdir(listing)) != nullptr;) {
+            const std::string name = entry->d_name;
+            if (name != "." && name != "..") {
+                all[name] = ::access(dir_.file(name).c_str(), R_OK) == 0 ? dir_.read(name) : "?";
+            }
+        }
+        if (listing != nullptr) {
+            ::closedir(listing);
+        }
+        return all;
     }
 
     TempDir dir_;
@@ -214,19 +236,191 @@ TEST_F(StoreRecoveryTest, ALostOrEmptyMarkKeepsEveryWholeSegment) {
     }
 }
 
-TEST_F(StoreRecoveryTest, SalvageStopsAtTheFirstSegmentThatDoesNotVerify) {
-    writeTwoSegments();
-    std::string file = dir_.read("registry.bin");
-    const size_t firstEnd =
-        static_cast<size_t>(static_cast<unsigned char>(file[file.size() - 24]) |
-                            (static_cast<unsigned char>(file[file.size() - 23]) << 8));
-    file[firstEnd + 20] = static_cast<char>(file[firstEnd + 20] ^ 0x40);  // in the second's records
-    dir_.write("registry.bin", file);
-    dir_.remove("commitmark.2");
-    int32_t code = -1;
-    EXPECT_EQ(openAndRead(&code), kOld);
-    EXPECT_EQ(code, 0);
-    EXPECT_EQ(dir_.read("registry.bin").size(), firstEnd);
+// Damaged files, one table. The open serves exactly what it can prove:
+// the newest state, or the state of the last commit before what it had to
+// drop (with a copy of the file as it was), or - for damage behind newer
+// segments, left for an administrator - the newer segments' buckets, the
+// others reported as damage and every file left as it was.
+TEST_F(StoreRecoveryTest, DamagedFilesServeOnlyWhatTheyProve) {
+    enum Outcome { kNewest, kOlder, kNewerOnly };
+    struct Files {
+        std::string file;       // the two segments
+        size_t firstEnd;        // where the first ends
+        std::string compacted;  // a compaction's file and mark of the same state
+        std::string compactedMark;
+    };
+    struct Case {
+        const char* what;
+        void (*arrange)(const TempDir& dir, const Files& files);
+        Outcome outcome;
+        int32_t code;
+        bool copy;  // of "registry.bin" as it was, beside the store
+    };
+    using D = const TempDir&;
+    using F = const Files&;
+    const auto flip = [](D dir, size_t at) {
+        std::string bytes = dir.read("registry.bin");
+        bytes[at] = static_cast<char>(bytes[at] ^ 0x10);
+        dir.write("registry.bin", bytes);
+    };
+    static decltype(flip) flipAt = flip;
+    const Case cases[] = {
+        {"mark at the first segment's end", [](D d, F f) { d.write("commitmark.2", std::to_string(f.firstEnd)); },
+         kNewest, 0, false},
+        {"mark inside a segment", [](D d, F) { d.write("commitmark.2", "17"); }, kNewest, 0, false},
+        {"mark past the end", [](D d, F f) { d.write("commitmark.2", std::to_string(f.file.size() + 100)); },
+         kNewest, orvane::status::kStoreRepaired, false},
+        {"mark of 0", [](D d, F) { d.write("commitmark.2", "0"); }, kNewest, 0, false},
+        {"mark not a number", [](D d, F) { d.write("commitmark.2", "12ab"); }, kNewest, 0, false},
+        {"mark empty", [](D d, F) { d.write("commitmark.2", ""); }, kNewest, 0, false},
+        {"file cut at a segment end", [](D d, F f) { d.write("registry.bin", f.file.substr(0, f.firstEnd)); },
+         kOlder, orvane::status::kStoreRepaired, false},  // nothing there to copy
+        {"file cut inside the newest segment",
+         [](D d, F f) { d.write("registry.bin", f.file.substr(0, f.file.size() - 30)); }, kOlder,
+         orvane::status::kStoreRepaired, true},
+        {"flipped byte in the newest segment's records", [](D d, F f) { flipAt(d, f.firstEnd + 30); },
+         kOlder, orvane::status::kStoreRepaired, true},
+        {"flipped byte in the newest segment's index",
+         [](D d, F f) { flipAt(d, f.file.size() - 64 - 10); }, kOlder, orvane::status::kStoreRepaired,
+         true},
+        {"flipped byte in the newest segment's checksum",
+         [](D d, F f) { flipAt(d, f.file.size() - 40); }, kOlder, orvane::status::kStoreRepaired, true},
+        {"flipped byte in the newest segment's start word",
+         [](D d, F f) { flipAt(d, f.file.size() - 24); }, kOlder, orvane::status::kStoreRepaired, true},
+        {"flipped byte in the newest segment's header",
+         [](D d, F f) { flipAt(d, f.firstEnd + 9); }, kOlder, orvane::status::kStoreRepaired, true},
+        {"flipped byte in the older segment's records", [](D d, F) { flipAt(d, 30); }, kNewerOnly,
+         orvane::status::kStoreDamaged, false},
+        {"flipped byte in the older segment's trailer", [](D d, F f) { flipAt(d, f.firstEnd - 30); },
+         kNewerOnly, orvane::status::kStoreDamaged, false},
+        {"stale newCommitmark", [](D d, F) { d.write("newCommitmark", "123"); }, kNewest, 0, false},
+        {"stale oldCommitmark", [](D d, F) { d.write("oldCommitmark", "5"); }, kNewest, 0, false},
+        {"stale registry.bin.1 and newCommitmark",
+         [](D d, F f) {
+             d.write("registry.bin.1", f.compacted);
+             d.write("newCommitmark", f.compactedMark);
+         },
+         kNewest, 0, false},
+        {"registry.bin.2 beside a live file its mark does not describe",
+         [](D d, F f) { d.write("registry.bin.2", f.file); }, kNewest, orvane::status::kStoreRepaired,
+         true},
+        {"no live file, a stale newCommitmark beside the two copies",
+         [](D d, F f) {
+             d.write("registry.bin.2", f.file);
+             d.remove("registry.bin");
+             d.write("registry.bin.1", f.compacted.substr(0, f.compacted.size() / 2));
+             d.write("newCommitmark", f.compactedMark);
+         },
+         kNewest, 0, false},
+    };
+    const State older = kOld;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        for (const auto& entry : files()) {
+            dir_.remove(entry.first);
+        }
+        writeTwoSegments();
+        Files made;
+        made.file = dir_.read("registry.bin");
+        made.firstEnd = static_cast<size_t>(static_cast<unsigned char>(made.file[made.file.size() - 24]) |
+                                            (static_cast<unsigned char>(made.file[made.file.size() - 23]) << 8));
+        compactedCopy(&made.compacted, &made.compactedMark);
+        c.arrange(dir_, made);
+        const std::map<std::string, std::string> before = files();
+
+        SingleFileBucketStore store(dir_.wide(), nullptr, kel::osdep::FileSystem::posix());
+        StatusChain status = okStatus();
+        store.open(0, status);
+        EXPECT_EQ(status.getCode(), c.code);
+        State seen;
+        std::set<std::wstring> damaged;
+        for (const std::wstring& name : namesOf({kOld, kAfterSecondCommit})) {
+            StatusChain read = okStatus();
+            AutoRef<IBucket> bucket = store.readBucket(WString(name.c_str()), read);
+            if (read.getCode() == orvane::status::kOutsideFile) {
+                damaged.insert(name);
+            } else if (bucket) {
+                seen[name] = readState(store, {name})[name];
+            }
+        }
+        if (c.outcome == kNewest) {
+            EXPECT_EQ(seen, kAfterSecondCommit);
+        } else if (c.outcome == kOlder) {
+            EXPECT_EQ(seen, older);
+        } else {
+            // What the newest segment settles ("/b" it deleted); the rest is damage.
+            EXPECT_EQ(seen, (State{{L"/a", 10}, {L"/c", 3}}));
+            EXPECT_EQ(damaged, (std::set<std::wstring>{L"/"}));
+            EXPECT_EQ(files(), before);
+        }
+        if (c.outcome != kNewerOnly) {
+            EXPECT_TRUE(damaged.empty());
+            EXPECT_TRUE(store.wasRepairedOnOpen() || c.code == 0);
+        }
+        EXPECT_EQ(dir_.exists("registry.bin.damaged-1"), c.copy);
+        if (c.copy && c.outcome == kOlder) {
+            EXPECT_EQ(dir_.read("registry.bin.damaged-1"), before.at("registry.bin"));
+        }
+        // Whatever was repaired is repaired for good.
+        if (status.getCode() != orvane::status::kStoreDamaged) {
+            SingleFileBucketStore again(dir_.wide(), nullptr, kel::osdep::FileSystem::posix());
+            StatusChain reopen = okStatus();
+            again.open(0, reopen);
+            EXPECT_EQ(reopen.getCode(), 0);
+            EXPECT_FALSE(again.wasRepairedOnOpen());
+        }
+    }
+}
+
+// A refused open changes no file: a read that fails while the open is still
+// deciding what to repair, at every read in turn.
+TEST(StoreRefusedOpenTest, ChangesNoFile) {
+    const auto world = [] {
+        auto fs = std::make_unique<SimulatedFileSystem>();
+        fs->makeDirectory(WString(L"/reg"), 0777);
+        commitInTurn(WString(L"/reg"), {kOld, {{L"/a", 10}}}, *fs);
+        fs->putFile("/reg/commitmark.2", "17");  // to be salvaged
+        return fs;
+    };
+    const auto snapshot = [](SimulatedFileSystem& fs) {
+        std::map<std::string, std::string> all;
+        for (const WString& name : fs.listDirectory(WString(L"/reg"))) {
+            const std::string path = "/reg/" + std::string(kel::NString(name).c_str());
+            all[path] = fs.contents(path);
+        }
+        return all;
+    };
+    // How many reads come before the first change.
+    uint64_t reads = 0;
+    {
+        auto fs = world();
+        fs->clearJournal();
+        SingleFileBucketStore store(WString(L"/reg"), nullptr, *fs);
+        StatusChain status = okStatus();
+        store.open(0, status);
+        ASSERT_EQ(status.getCode(), 0);
+        ASSERT_TRUE(store.wasRepairedOnOpen());
+        for (const std::string& call : fs->journal()) {
+            if (call.rfind("read ", 0) == 0) {
+                ++reads;
+            } else if (call.rfind("stat", 0) != 0 && call.rfind("list", 0) != 0 &&
+                       call.rfind("open", 0) != 0 && call.rfind("size", 0) != 0 &&
+                       call.rfind("identity", 0) != 0 && call.rfind("close", 0) != 0) {
+                break;
+            }
+        }
+        ASSERT_GT(reads, 3u);
+    }
+    for (uint64_t k = 1; k <= reads; ++k) {
+        auto fs = world();
+        const auto before = snapshot(*fs);
+        fs->failCall(SimulatedFileSystem::kReadCall, k, EIO);
+        SingleFileBucketStore store(WString(L"/reg"), nullptr, *fs);
+        StatusChain status = okStatus();
+        store.open(0, status);
+        EXPECT_EQ(status.getCode(), orvane::status::kFileSystem) << "read " << k;
+        EXPECT_EQ(snapshot(*fs), before) << "read " << k;
+    }
 }
 
 TEST_F(StoreRecoveryTest, LeftoverTemporaryMarkFailsTheOpenUntilCleanedUp) {
@@ -240,34 +434,6 @@ TEST_F(StoreRecoveryTest, LeftoverTemporaryMarkFailsTheOpenUntilCleanedUp) {
     orvane::removeTemporaryFiles(kel::osdep::FileSystem::posix(), dir_.wide());
     EXPECT_FALSE(dir_.exists("commitmark.5.17.tmp"));
     EXPECT_EQ(openAndRead(), kAfterSecondCommit);
-}
-
-TEST_F(StoreRecoveryTest, DamagedPositionsFailTheOpenAndTouchNothing) {
-    writeTwoSegments();
-    const std::string good = dir_.read("registry.bin");
-    const size_t end = good.size();
-    // The newest segment's start moved past its own end.
-    std::string moved = good;
-    for (size_t i = 0; i < 8; ++i) {
-        moved[end - 24 + i] = static_cast<char>(0x7F);
-    }
-    dir_.write("registry.bin", moved);
-    int32_t code = 0;
-    openAndRead(&code);
-    EXPECT_EQ(code, orvane::status::kOutsideFile);
-    EXPECT_EQ(dir_.read("registry.bin"), moved);
-
-    // The header's index position beyond the segment.
-    std::string bad = good;
-    const size_t secondStart =
-        static_cast<size_t>(static_cast<unsigned char>(good[end - 24]) |
-                            (static_cast<unsigned char>(good[end - 23]) << 8));
-    bad[secondStart + 8] = static_cast<char>(0xFF);
-    bad[secondStart + 9] = static_cast<char>(0xFF);
-    dir_.write("registry.bin", bad);
-    openAndRead(&code);
-    EXPECT_EQ(code, orvane::status::kOutsideFile);
-    EXPECT_EQ(dir_.read("registry.bin"), bad);
 }
 
 }  // namespace

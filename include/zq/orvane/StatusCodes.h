@@ -17,6 +17,12 @@ constexpr int32_t kSuccess = 0;
 constexpr int32_t kBucketNotFound = 314501;
 constexpr int32_t kValueReplaced = 314503;
 constexpr int32_t kCursorInvalidated = 314504;
+// The store was opened after a repair that dropped data; a copy of the file
+// as it was is kept beside it ("registry.bin.damaged-N").
+constexpr int32_t kStoreRepaired = 314505;
+// Part of the store is damaged and left as it is: buckets in or behind the
+// damaged segment report kOutsideFile.
+constexpr int32_t kStoreDamaged = 314506;
 
 // Errors of the registry.
 constexpr int32_t kWrongType = -314500;
