@@ -419,16 +419,16 @@ void SingleFileBucketStore::copyFile(const WString& from, const WString& to) {
         std::unique_ptr<File> copy = fs_.open(
             temporary, FileSystem::kReadWrite | FileSystem::kCreate | FileSystem::kTruncate, 0600);
         copy->truncate(size);
-        std::vector<unsigned char> chunk(64 * 1024);
+        constexpr size_t kChunk = 1024 * 1024;
+        std::vector<unsigned char> chunk(kChunk);
+        const std::vector<unsigned char> zeros(kChunk);
         for (int64_t at = 0; at < size;) {
             const size_t want = static_cast<size_t>(std::min<int64_t>(size - at, chunk.size()));
             const size_t got = source->readAt(at, chunk.data(), want);
             if (got == 0) {
                 break;
             }
-            const bool zeros = std::all_of(chunk.begin(), chunk.begin() + static_cast<long>(got),
-                                           [](unsigned char byte) { return byte == 0; });
-            if (!zeros) {
+            if (std::memcmp(chunk.data(), zeros.data(), got) != 0) {
                 copy->writeAt(at, chunk.data(), got);
             }
             at += static_cast<int64_t>(got);
