@@ -155,7 +155,9 @@ void BucketManager::openStore(StatusChain& status) {
     {
         kel::osdep::SharedCounter::Change change(changeCounter());
         removeTemporaryFiles(fs_, dataDirectory_);
-        store_ = std::make_unique<SingleFileBucketStore>(dataDirectory_, options_.get(), fs_);
+        auto store = std::make_unique<SingleFileBucketStore>(dataDirectory_, options_.get(), fs_);
+        store->shareNotes(changes_.load(std::memory_order_acquire));
+        store_ = std::move(store);
         store_->open(storeOpenWord_, status);
     }
     if (status.isFatal()) {

@@ -357,7 +357,7 @@ bool SingleFileBucketStore::dropDamagedNewest() {
         return false;
     }
     StoreIndex older;
-    older.load(*file_, newest, verified_.holdsFor(*file_, fileIdentity_, newest));
+    older.load(*file_, newest, verifiedBelow(*file_, fileIdentity_, newest));
     if (older.damagedEnd() != 0) {
         return false;
     }
@@ -445,12 +445,40 @@ void SingleFileBucketStore::copyFile(const WString& from, const WString& to) {
     }
 }
 
+int64_t SingleFileBucketStore::verifiedBelow(File& file, const File::Identity& identity,
+                                             int64_t limit) const {
+    int64_t below = verified_.holdsFor(file, identity, limit);
+    kel::osdep::SharedCounter::FileNote note;
+    if (notes_ != nullptr && notes_->findNote(identity.device, identity.inode, note) &&
+        note.length > below) {
+        VerifiedPrefix noted;
+        noted.file = identity;
+        noted.length = note.length;
+        std::memcpy(noted.checksum.data(), note.digest, noted.checksum.size());
+        below = std::max(below, noted.holdsFor(file, identity, limit));
+    }
+    return below;
+}
+
+void SingleFileBucketStore::noteVerified() noexcept {
+    if (notes_ == nullptr || verified_.length == 0) {
+        return;
+    }
+    kel::osdep::SharedCounter::FileNote note;
+    note.device = verified_.file.device;
+    note.inode = verified_.file.inode;
+    note.length = verified_.length;
+    std::memcpy(note.digest, verified_.checksum.data(), sizeof note.digest);
+    notes_->putNote(note);
+}
+
 void SingleFileBucketStore::loadIndex() {
     const File::Identity identity = file_->identity();
-    index_.load(*file_, committedLength_, verified_.holdsFor(*file_, identity, committedLength_));
+    index_.load(*file_, committedLength_, verifiedBelow(*file_, identity, committedLength_));
     fileIdentity_ = identity;
     verified_ = index_.damagedEnd() == 0 ? VerifiedPrefix::of(*file_, identity, committedLength_)
                                          : VerifiedPrefix();
+    noteVerified();
 }
 
 void SingleFileBucketStore::rename(const WString& from, const WString& to) {
@@ -602,6 +630,7 @@ void SingleFileBucketStore::commit(const UpdatedBuckets& updated, const DeletedN
         if (verified_.length == committedLength_) {
             // Written here, from memory.
             verified_ = VerifiedPrefix::of(fileIdentity_, end, segment.data() + segment.size());
+            noteVerified();
         }
         committedLength_ = end;
         rememberSignature();
@@ -784,10 +813,10 @@ bool SingleFileBucketStore::compactLocked() {
     if (index_.damagedEnd() != 0) {
         ZQ_THROW(DeserializationError);
     }
-    const int64_t verifiedBelow = verified_.holdsFor(*file_, fileIdentity_, committedLength_);
+    const int64_t verified = verifiedBelow(*file_, fileIdentity_, committedLength_);
     for (int64_t end = committedLength_; end > 0;) {
         const SegmentScan scan = scanSegment(*file_, end, 0);
-        if (end > verifiedBelow && !segmentVerifies(*file_, scan.descriptor.start, end)) {
+        if (end > verified && !segmentVerifies(*file_, scan.descriptor.start, end)) {
             ZQ_THROW(DeserializationError);
         }
         settled.insert(scan.deletions.begin(), scan.deletions.end());
@@ -844,6 +873,7 @@ bool SingleFileBucketStore::compactLocked() {
     index_ = std::move(compacted);
     committedLength_ = end;
     verified_ = VerifiedPrefix::of(file_->identity(), end, image.data() + image.size());
+    noteVerified();
     generation_ = 1;
     overSize_ = overSize(end);
     viewChanged();
@@ -973,7 +1003,7 @@ SingleFileBucketStore::Refresh SingleFileBucketStore::tryRefresh(
         return Refresh::kUnsettled;  // the mark names bytes that are not there
     }
     StoreIndex fresh;
-    fresh.load(file, mark.committedLength, verified_.holdsFor(file, identity, mark.committedLength));
+    fresh.load(file, mark.committedLength, verifiedBelow(file, identity, mark.committedLength));
     if (reopened) {
         file_ = std::move(reopened);
         fileIdentity_ = identity;

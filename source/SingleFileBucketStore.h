@@ -10,6 +10,7 @@
 #include "kel/osdep/File.h"
 #include "kel/osdep/FileSystem.h"
 #include "kel/osdep/RecursiveMutex.h"
+#include "kel/osdep/SharedCounter.h"
 #include "source/CommitMarks.h"
 #include "source/IBucketStore.h"
 #include "source/StoreIndex.h"
@@ -51,6 +52,11 @@ class SingleFileBucketStore : public IBucketStore {
     Refresh refresh(kel::StatusChain& status) override;
     bool catchUp(kel::StatusChain& status) override;
     uint64_t viewVersion() const override { return view_.load(std::memory_order_acquire); }
+
+    // Where the prefixes of data files whose checksums were verified are
+    // noted for other processes, and looked up; null (the default): none.
+    // Notes are written only by a store whose caller holds the process lock.
+    void shareNotes(kel::osdep::SharedCounter* notes) { notes_ = notes; }
 
     // For the offline tools: compacts now, whatever the size.
     void compactNow(kel::StatusChain& status);
@@ -117,6 +123,11 @@ class SingleFileBucketStore : public IBucketStore {
     void settle(const kel::osdep::FileSystem::Status& now);
     Refresh tryRefresh(const kel::osdep::FileSystem::Status& before);
     void viewChanged() { view_.fetch_add(1, std::memory_order_acq_rel); }
+    // How much of `file`, the file `identity`, needs no new check: what this
+    // process verified or wrote, or another one noted since the last restart.
+    int64_t verifiedBelow(kel::osdep::File& file, const kel::osdep::File::Identity& identity,
+                          int64_t limit) const;
+    void noteVerified() noexcept;
 
     kel::osdep::FileSystem& fs_;
     const Options* options_;
@@ -146,6 +157,7 @@ class SingleFileBucketStore : public IBucketStore {
     kel::osdep::File::Identity fileIdentity_;
     // The segments of file_ whose bytes may be served without a new check.
     VerifiedPrefix verified_;
+    kel::osdep::SharedCounter* notes_ = nullptr;
     std::atomic<uint64_t> view_{0};
 };
 

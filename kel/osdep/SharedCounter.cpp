@@ -1,10 +1,13 @@
 #include "kel/osdep/SharedCounter.h"
 
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
+#include <cstring>
 
 #include "kel/osdep/Path.h"
 #include "kel/osdep/SharedFiles.h"
@@ -14,7 +17,50 @@ namespace zq {
 namespace kel {
 namespace osdep {
 
+// A note and the restart it belongs to, behind a sequence word that is odd
+// while the note is written.
+struct SharedCounter::Slot {
+    uint32_t sequence;
+    uint32_t unused;
+    unsigned char boot[16];
+    FileNote note;
+};
+
 namespace {
+
+// The count stays the file's first word, where every process looks for it;
+// the notes follow in the same page.
+constexpr size_t kNotesAt = 64;
+constexpr size_t kSlots = 32;
+constexpr size_t kMappedSize = 4096;
+
+// What tells this run of the machine from the last: its boot id, or zeros
+// where the system has none (notes then outlive a restart only if the
+// shared directory does).
+const unsigned char* bootId() {
+    static const auto id = [] {
+        std::array<unsigned char, 16> bytes{};
+        const int fd = ::open("/proc/sys/kernel/random/boot_id", O_RDONLY | O_CLOEXEC);
+        char text[64] = {};
+        if (fd >= 0) {
+            const ssize_t got = ::read(fd, text, sizeof text - 1);
+            ::close(fd);
+            size_t n = 0;
+            for (ssize_t i = 0; i < got && n < 2 * bytes.size(); ++i) {
+                const char c = text[i];
+                const int digit = c >= '0' && c <= '9'   ? c - '0'
+                                  : c >= 'a' && c <= 'f' ? c - 'a' + 10
+                                                         : -1;
+                if (digit >= 0) {
+                    bytes[n / 2] = static_cast<unsigned char>(bytes[n / 2] << 4 | digit);
+                    ++n;
+                }
+            }
+        }
+        return bytes;
+    }();
+    return id.data();
+}
 
 // A 4-byte aligned word is lock-free on every target, 32-bit ARM included.
 static_assert(__atomic_always_lock_free(sizeof(uint32_t), 0), "the counter needs lock-free words");
@@ -26,8 +72,7 @@ void ensureSize(int fd) {
     if (::fstat(fd, &facts) != 0) {
         throw PosixError(errno, "fstat shared counter", __LINE__, __FILE__);
     }
-    if (facts.st_size < static_cast<off_t>(sizeof(uint32_t)) &&
-        ::ftruncate(fd, sizeof(uint32_t)) != 0) {
+    if (facts.st_size < static_cast<off_t>(kMappedSize) && ::ftruncate(fd, kMappedSize) != 0) {
         throw PosixError(errno, "ftruncate shared counter", __LINE__, __FILE__);
     }
 }
@@ -40,7 +85,7 @@ SharedCounter::SharedCounter(const WString& name) : word_(nullptr) {
     int error = 0;
     try {
         ensureSize(fd);
-        mapped = ::mmap(nullptr, sizeof(uint32_t), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        mapped = ::mmap(nullptr, kMappedSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
         error = errno;
     } catch (...) {
         ::close(fd);
@@ -53,7 +98,7 @@ SharedCounter::SharedCounter(const WString& name) : word_(nullptr) {
     word_ = static_cast<uint32_t*>(mapped);
 }
 
-SharedCounter::~SharedCounter() { ::munmap(word_, sizeof(uint32_t)); }
+SharedCounter::~SharedCounter() { ::munmap(word_, kMappedSize); }
 
 uint32_t SharedCounter::load() const { return __atomic_load_n(word_, __ATOMIC_ACQUIRE); }
 
@@ -68,6 +113,37 @@ bool SharedCounter::beginChange() {
 }
 
 uint32_t SharedCounter::endChange() { return __atomic_add_fetch(word_, 1u, __ATOMIC_SEQ_CST); }
+
+SharedCounter::Slot* SharedCounter::slotFor(uint64_t device, uint64_t inode) const {
+    static_assert(kNotesAt + kSlots * sizeof(Slot) <= kMappedSize, "the notes fit the page");
+    auto* slots = reinterpret_cast<Slot*>(reinterpret_cast<unsigned char*>(word_) + kNotesAt);
+    return &slots[(inode * 31 + device) % kSlots];
+}
+
+void SharedCounter::putNote(const FileNote& note) {
+    Slot* slot = slotFor(note.device, note.inode);
+    const uint32_t sequence = __atomic_load_n(&slot->sequence, __ATOMIC_RELAXED) | 1u;
+    __atomic_store_n(&slot->sequence, sequence, __ATOMIC_RELAXED);
+    __atomic_thread_fence(__ATOMIC_RELEASE);
+    std::memcpy(slot->boot, bootId(), sizeof slot->boot);
+    std::memcpy(&slot->note, &note, sizeof note);
+    __atomic_store_n(&slot->sequence, sequence + 1, __ATOMIC_RELEASE);
+}
+
+bool SharedCounter::findNote(uint64_t device, uint64_t inode, FileNote& note) const {
+    const Slot* slot = slotFor(device, inode);
+    const uint32_t before = __atomic_load_n(&slot->sequence, __ATOMIC_ACQUIRE);
+    if (!isSettled(before)) {
+        return false;
+    }
+    unsigned char boot[sizeof slot->boot];
+    std::memcpy(boot, slot->boot, sizeof boot);
+    std::memcpy(&note, &slot->note, sizeof note);
+    __atomic_thread_fence(__ATOMIC_ACQUIRE);
+    return __atomic_load_n(&slot->sequence, __ATOMIC_RELAXED) == before &&
+           std::memcmp(boot, bootId(), sizeof boot) == 0 && note.device == device &&
+           note.inode == inode;
+}
 
 }  // namespace osdep
 }  // namespace kel

@@ -35,6 +35,20 @@ class SharedCounter {
 
     static bool isSettled(uint32_t value) { return (value & 1u) == 0; }
 
+    // Small records beside the count, one per file, kept until the machine
+    // restarts: here, how much of a data file had its checksums verified,
+    // so that the next process to open it need not read it all again.
+    // putNote() comes from whoever may move the count; findNote() from any
+    // thread of any process, which never sees a note half written.
+    struct FileNote {
+        uint64_t device = 0;
+        uint64_t inode = 0;
+        int64_t length = 0;
+        unsigned char digest[32] = {};
+    };
+    void putNote(const FileNote& note);
+    bool findNote(uint64_t device, uint64_t inode, FileNote& note) const;
+
     // One change, from construction to destruction; it ends even when the
     // change fails, since the files then stay as the failure left them.
     class Change {
@@ -49,7 +63,11 @@ class SharedCounter {
     };
 
   private:
-    uint32_t* word_;  // in the shared mapping
+    struct Slot;
+
+    Slot* slotFor(uint64_t device, uint64_t inode) const;
+
+    uint32_t* word_;  // in the shared mapping, at its start
 };
 
 }  // namespace osdep

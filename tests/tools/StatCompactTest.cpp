@@ -50,7 +50,7 @@ std::string field(const std::string& stat, const std::string& name) {
 uint32_t changeCount(const ToolRunner& tool) {
     const std::string bytes = tool.dir().read("counter/__zq_orvane_BucketManager_lock__");
     uint32_t count = 0;
-    if (bytes.size() == sizeof count) std::memcpy(&count, bytes.data(), sizeof count);
+    if (bytes.size() >= sizeof count) std::memcpy(&count, bytes.data(), sizeof count);
     return count;
 }
 

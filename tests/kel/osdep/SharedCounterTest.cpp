@@ -22,7 +22,7 @@ TEST(SharedCounterTest, ProcessesShareOneCountThatStaysOddAfterADeadWriter) {
     SharedCounter counter(kName);
     struct stat facts;
     ASSERT_EQ(::stat(dir.file("counter/__zq_orvane_BucketManager_lock__").c_str(), &facts), 0);
-    EXPECT_EQ(facts.st_size, 4);
+    EXPECT_EQ(facts.st_size, 4096);  // the count, then the notes
     EXPECT_EQ(counter.load(), 0u);
 
     {
@@ -44,6 +44,41 @@ TEST(SharedCounterTest, ProcessesShareOneCountThatStaysOddAfterADeadWriter) {
     EXPECT_FALSE(counter.beginChange());
     EXPECT_EQ(counter.load(), 3u);
     EXPECT_EQ(counter.endChange(), 4u);
+    unsetenv("ZQKELTMPSHAREDFILEDIR");
+}
+
+// A note put by one process is found by another, for its file only. A file
+// of the four bytes an older library made grows to hold notes and keeps its
+// count.
+TEST(SharedCounterTest, NotesAreSharedPerFile) {
+    test::TempDir dir;
+    setenv("ZQKELTMPSHAREDFILEDIR", dir.path().c_str(), 1);
+    ASSERT_EQ(::mkdir(dir.file("counter").c_str(), 0777), 0);
+    const uint32_t count = 6;
+    dir.write("counter/__zq_orvane_BucketManager_lock__",
+              std::string(reinterpret_cast<const char*>(&count), sizeof count));
+    SharedCounter counter(kName);
+    EXPECT_EQ(counter.load(), 6u);
+
+    SharedCounter::FileNote note;
+    EXPECT_FALSE(counter.findNote(8, 77, note));
+    ASSERT_EQ(test::inChild([] {
+                  SharedCounter own(kName);
+                  SharedCounter::FileNote put;
+                  put.device = 8;
+                  put.inode = 77;
+                  put.length = 4321;
+                  put.digest[31] = 0xAB;
+                  own.putNote(put);
+                  return 0;
+              }),
+              0);
+    ASSERT_TRUE(counter.findNote(8, 77, note));
+    EXPECT_EQ(note.length, 4321);
+    EXPECT_EQ(note.digest[31], 0xAB);
+    EXPECT_FALSE(counter.findNote(9, 77, note));
+    EXPECT_FALSE(counter.findNote(8, 77 + 32, note));  // the same slot, another file
+    EXPECT_EQ(counter.load(), 6u);
     unsetenv("ZQKELTMPSHAREDFILEDIR");
 }
 
