@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <chrono>
+#include <cstring>
 #include <mutex>
-#include <thread>
 #include <new>
+#include <thread>
 #include <unordered_set>
 
 #include "kel/Endian.h"
@@ -170,8 +170,9 @@ void SingleFileBucketStore::reportRepairs(StatusChain& status) {
         status.setMessage(message);
     } else if (lostCommitted_) {
         status.setCode(status::kStoreRepaired);
-        status.setMessage(WString(
-            L"\"registry.bin\" is shorter than its commit mark says: the store holds what is left"));
+        status.setMessage(
+            WString(L"\"registry.bin\" is shorter than its commit mark says: the store holds what "
+                    L"is left"));
     } else if (!copyKept_.empty()) {
         status.setCode(status::kStoreRepaired);
         WString message(L"\"registry.bin\" was damaged and repaired; what was dropped is kept in ");
@@ -976,8 +977,7 @@ SingleFileBucketStore::Refresh SingleFileBucketStore::refresh(StatusChain& statu
 // the mark is read between two looks at the name, and the look is thrown
 // away when they differ. Comparing marks alone is not enough: a new file
 // may reach the same generation and length as the old one had.
-SingleFileBucketStore::Refresh SingleFileBucketStore::tryRefresh(
-    const FileSystem::Status& before) {
+SingleFileBucketStore::Refresh SingleFileBucketStore::tryRefresh(const FileSystem::Status& before) {
     if (!before.exists) {
         return Refresh::kUnsettled;  // between two renames of a swap
     }

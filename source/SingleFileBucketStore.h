@@ -149,10 +149,10 @@ class SingleFileBucketStore : public IBucketStore {
     bool repairedOnOpen_ = false;
     bool overSize_ = false;
     bool markTrusted_ = false;
-    kel::WString copyKept_;       // of what the last open dropped, if anything
-    bool lostCommitted_ = false;  // the last open found committed bytes missing
-    bool opened_ = false;        // open() succeeded once: catchUp() may reopen
-    bool fileWritable_ = false;  // file_ was opened for writing
+    kel::WString copyKept_;                 // of what the last open dropped, if anything
+    bool lostCommitted_ = false;            // the last open found committed bytes missing
+    bool opened_ = false;                   // open() succeeded once: catchUp() may reopen
+    bool fileWritable_ = false;             // file_ was opened for writing
     std::unique_ptr<Signature> signature_;  // null: look at the marks next time
     kel::osdep::File::Identity fileIdentity_;
     // The segments of file_ whose bytes may be served without a new check.

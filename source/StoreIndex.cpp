@@ -296,7 +296,8 @@ bool segmentVerifies(File& file, int64_t start, int64_t end) {
         return false;
     }
     Sha256 sha;
-    std::vector<unsigned char> chunk(static_cast<size_t>(std::min<int64_t>(x + 7 - start, 64 * 1024)));
+    std::vector<unsigned char> chunk(
+        static_cast<size_t>(std::min<int64_t>(x + 7 - start, 64 * 1024)));
     for (int64_t at = start, stop = x + 7; at < stop;) {
         const size_t want = static_cast<size_t>(std::min<int64_t>(stop - at, chunk.size()));
         if (file.readAt(at, chunk.data(), want) != want) {

@@ -236,6 +236,12 @@ TEST_F(StoreRecoveryTest, ALostOrEmptyMarkKeepsEveryWholeSegment) {
     }
 }
 
+void flipAt(const TempDir& dir, size_t at) {
+    std::string bytes = dir.read("registry.bin");
+    bytes[at] = static_cast<char>(bytes[at] ^ 0x10);
+    dir.write("registry.bin", bytes);
+}
+
 // Damaged files, one table. The open serves exactly what it can prove:
 // the newest state, or the state of the last commit before what it had to
 // drop (with a copy of the file as it was), or - for damage behind newer
@@ -258,41 +264,41 @@ TEST_F(StoreRecoveryTest, DamagedFilesServeOnlyWhatTheyProve) {
     };
     using D = const TempDir&;
     using F = const Files&;
-    const auto flip = [](D dir, size_t at) {
-        std::string bytes = dir.read("registry.bin");
-        bytes[at] = static_cast<char>(bytes[at] ^ 0x10);
-        dir.write("registry.bin", bytes);
-    };
-    static decltype(flip) flipAt = flip;
     const Case cases[] = {
-        {"mark at the first segment's end", [](D d, F f) { d.write("commitmark.2", std::to_string(f.firstEnd)); },
-         kNewest, 0, false},
+        {"mark at the first segment's end",
+         [](D d, F f) { d.write("commitmark.2", std::to_string(f.firstEnd)); }, kNewest, 0, false},
         {"mark inside a segment", [](D d, F) { d.write("commitmark.2", "17"); }, kNewest, 0, false},
-        {"mark past the end", [](D d, F f) { d.write("commitmark.2", std::to_string(f.file.size() + 100)); },
-         kNewest, orvane::status::kStoreRepaired, false},
+        {"mark past the end",
+         [](D d, F f) { d.write("commitmark.2", std::to_string(f.file.size() + 100)); }, kNewest,
+         orvane::status::kStoreRepaired, false},
         {"mark of 0", [](D d, F) { d.write("commitmark.2", "0"); }, kNewest, 0, false},
         {"mark not a number", [](D d, F) { d.write("commitmark.2", "12ab"); }, kNewest, 0, false},
         {"mark empty", [](D d, F) { d.write("commitmark.2", ""); }, kNewest, 0, false},
-        {"file cut at a segment end", [](D d, F f) { d.write("registry.bin", f.file.substr(0, f.firstEnd)); },
-         kOlder, orvane::status::kStoreRepaired, false},  // nothing there to copy
+        {"file cut at a segment end",
+         [](D d, F f) { d.write("registry.bin", f.file.substr(0, f.firstEnd)); }, kOlder,
+         orvane::status::kStoreRepaired, false},  // nothing there to copy
         {"file cut inside the newest segment",
          [](D d, F f) { d.write("registry.bin", f.file.substr(0, f.file.size() - 30)); }, kOlder,
          orvane::status::kStoreRepaired, true},
-        {"flipped byte in the newest segment's records", [](D d, F f) { flipAt(d, f.firstEnd + 30); },
-         kOlder, orvane::status::kStoreRepaired, true},
-        {"flipped byte in the newest segment's index",
-         [](D d, F f) { flipAt(d, f.file.size() - 64 - 10); }, kOlder, orvane::status::kStoreRepaired,
+        {"flipped byte in the newest segment's records",
+         [](D d, F f) { flipAt(d, f.firstEnd + 30); }, kOlder, orvane::status::kStoreRepaired,
          true},
+        {"flipped byte in the newest segment's index",
+         [](D d, F f) { flipAt(d, f.file.size() - 64 - 10); }, kOlder,
+         orvane::status::kStoreRepaired, true},
         {"flipped byte in the newest segment's checksum",
-         [](D d, F f) { flipAt(d, f.file.size() - 40); }, kOlder, orvane::status::kStoreRepaired, true},
+         [](D d, F f) { flipAt(d, f.file.size() - 40); }, kOlder, orvane::status::kStoreRepaired,
+         true},
         {"flipped byte in the newest segment's start word",
-         [](D d, F f) { flipAt(d, f.file.size() - 24); }, kOlder, orvane::status::kStoreRepaired, true},
-        {"flipped byte in the newest segment's header",
-         [](D d, F f) { flipAt(d, f.firstEnd + 9); }, kOlder, orvane::status::kStoreRepaired, true},
+         [](D d, F f) { flipAt(d, f.file.size() - 24); }, kOlder, orvane::status::kStoreRepaired,
+         true},
+        {"flipped byte in the newest segment's header", [](D d, F f) { flipAt(d, f.firstEnd + 9); },
+         kOlder, orvane::status::kStoreRepaired, true},
         {"flipped byte in the older segment's records", [](D d, F) { flipAt(d, 30); }, kNewerOnly,
          orvane::status::kStoreDamaged, false},
-        {"flipped byte in the older segment's trailer", [](D d, F f) { flipAt(d, f.firstEnd - 30); },
-         kNewerOnly, orvane::status::kStoreDamaged, false},
+        {"flipped byte in the older segment's trailer",
+         [](D d, F f) { flipAt(d, f.firstEnd - 30); }, kNewerOnly, orvane::status::kStoreDamaged,
+         false},
         {"stale newCommitmark", [](D d, F) { d.write("newCommitmark", "123"); }, kNewest, 0, false},
         {"stale oldCommitmark", [](D d, F) { d.write("oldCommitmark", "5"); }, kNewest, 0, false},
         {"stale registry.bin.1 and newCommitmark",
@@ -302,8 +308,8 @@ TEST_F(StoreRecoveryTest, DamagedFilesServeOnlyWhatTheyProve) {
          },
          kNewest, 0, false},
         {"registry.bin.2 beside a live file its mark does not describe",
-         [](D d, F f) { d.write("registry.bin.2", f.file); }, kNewest, orvane::status::kStoreRepaired,
-         true},
+         [](D d, F f) { d.write("registry.bin.2", f.file); }, kNewest,
+         orvane::status::kStoreRepaired, true},
         {"no live file, a stale newCommitmark beside the two copies",
          [](D d, F f) {
              d.write("registry.bin.2", f.file);
@@ -322,8 +328,9 @@ TEST_F(StoreRecoveryTest, DamagedFilesServeOnlyWhatTheyProve) {
         writeTwoSegments();
         Files made;
         made.file = dir_.read("registry.bin");
-        made.firstEnd = static_cast<size_t>(static_cast<unsigned char>(made.file[made.file.size() - 24]) |
-                                            (static_cast<unsigned char>(made.file[made.file.size() - 23]) << 8));
+        made.firstEnd = static_cast<size_t>(
+            static_cast<unsigned char>(made.file[made.file.size() - 24]) |
+            (static_cast<unsigned char>(made.file[made.file.size() - 23]) << 8));
         compactedCopy(&made.compacted, &made.compactedMark);
         c.arrange(dir_, made);
         const std::map<std::string, std::string> before = files();

@@ -28,8 +28,7 @@ class HookedFileSystem : public FileSystem {
     HookedFileSystem(FileSystem& inner, uint64_t at, std::function<void()> hook)
         : inner_(inner), at_(at), hook_(std::move(hook)) {}
 
-    std::unique_ptr<File> open(const WString& path, uint32_t flags,
-                               uint32_t permissions) override {
+    std::unique_ptr<File> open(const WString& path, uint32_t flags, uint32_t permissions) override {
         step();
         return inner_.open(path, flags, permissions);
     }
