@@ -32,6 +32,9 @@ constexpr int32_t kIndexOutOfRange = -314503;
 constexpr int32_t kNullArgument = -314504;
 constexpr int32_t kAlreadyPresent = -314505;
 constexpr int32_t kValueDiffers = -314506;
+// A full name is "/" or "/" followed by non-empty components separated by
+// single "/", with no "/" at the end.
+constexpr int32_t kBadBucketName = -314507;
 constexpr int32_t kFileSystem = -314509;
 constexpr int32_t kUnexpected = -314510;
 constexpr int32_t kManagerExists = -314510;  // shares the code of kUnexpected
@@ -57,6 +60,8 @@ constexpr int32_t kStoreUnexpected = -314530;
 constexpr int32_t kStoreInternal = -314531;
 constexpr int32_t kOutsideFile = -314532;
 constexpr int32_t kCallbackLibrary = -314533;
+// The registry was opened for reading only: no transaction.
+constexpr int32_t kReadOnly = -314534;
 
 // Codes shared with the support library.
 constexpr int32_t kNotCompleted = static_cast<int32_t>(0x80004005u);
