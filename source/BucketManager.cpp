@@ -2,6 +2,7 @@
 #include "zq/orvane/BucketManager.h"
 
 #include <cmath>
+#include <exception>
 #include <cstdlib>
 #include <ctime>
 #include <limits>
@@ -84,7 +85,13 @@ BucketManager::BucketManager(const WString& dataDirectory, const WString& option
 }
 
 void BucketManager::construct(const WString& optionsFile, StatusChain& status) {
-    processLock_ = std::make_unique<kel::osdep::Mutex>(WString(kProcessLockName));
+    // A reader may have no right to make the lock file; it needs none.
+    std::exception_ptr lockFailure;
+    try {
+        processLock_ = std::make_unique<kel::osdep::Mutex>(WString(kProcessLockName));
+    } catch (...) {
+        lockFailure = std::current_exception();
+    }
     try {
         changeCounter();  // no other thread sees the manager yet
     } catch (...) {
@@ -98,9 +105,13 @@ void BucketManager::construct(const WString& optionsFile, StatusChain& status) {
     readCache_ = AutoRef<BucketCache>(new BucketCache(readCacheLimit(*options_)));
     updateCache_ = AutoRef<BucketUpdateCache>(new BucketUpdateCache(updateCacheLimit(*options_)));
     settleDataDirectory(status);
+    decideReadOnly(status);
+    if (!readOnly_ && lockFailure) {
+        std::rethrow_exception(lockFailure);
+    }
     loadCallbacks(status);
     openStore(status);
-    if (status.isNotFatal()) {
+    if (status.isNotFatal() && !readOnly_) {
         runDebugComparison();
     }
 }
@@ -118,12 +129,24 @@ void BucketManager::settleDataDirectory(StatusChain& status) {
         status.setCode(status::kNotAbsolutePath);
         return;
     }
-    if (!fs_.isDirectory(dataDirectory_)) {
+    // A reader by choice makes nothing, not even the directory.
+    if (!fs_.isDirectory(dataDirectory_) && !options_->flag(Options::kReadOnly)) {
         fs_.createDirectories(dataDirectory_);
     }
     if (!fs_.isDirectory(dataDirectory_)) {
         status.setCode(status::kNotAbsolutePath);
     }
+}
+
+// Asked for, or forced: a process that may not write the directory or the
+// data file reads, and changes nothing.
+void BucketManager::decideReadOnly(const StatusChain& status) {
+    if (status.isFatal()) {
+        return;
+    }
+    const WString live = kel::osdep::join(dataDirectory_, WString(L"registry.bin"));
+    readOnly_ = options_->flag(Options::kReadOnly) || !fs_.mayWrite(dataDirectory_) ||
+                (fs_.stat(live).exists && !fs_.mayWrite(live));
 }
 
 void BucketManager::loadCallbacks(StatusChain& status) {
@@ -146,9 +169,18 @@ void BucketManager::loadCallbacks(StatusChain& status) {
 }
 
 // Recovery, compaction and the root's creation change files: they run under
-// the process lock, so no other process sees them half done.
+// the process lock, so no other process sees them half done. A reader takes
+// no lock and changes nothing.
 void BucketManager::openStore(StatusChain& status) {
     if (status.isFatal()) {
+        return;
+    }
+    if (readOnly_) {
+        auto store = std::make_unique<SingleFileBucketStore>(dataDirectory_, options_.get(), fs_);
+        store->shareNotes(changes_.load(std::memory_order_acquire));
+        store->openForReading(status);
+        store_ = std::move(store);
+        reloadCaches(status.getCode(), status);
         return;
     }
     ProcessLockHold hold(*processLock_);
@@ -211,6 +243,10 @@ bool BucketManager::beginTransaction(bool wait, Guid& id, StatusChain& status) {
     return guarded(status, kManagerCodes, [&] {
         {
             std::lock_guard<std::recursive_mutex> hold(transactionMutex_);
+            if (store_ && readOnly_) {
+                status.setCode(status::kReadOnly);
+                return false;
+            }
             if (!store_ || !transactionId_.isNull() || beginning_) {
                 return false;
             }
@@ -402,6 +438,9 @@ void BucketManager::reloadCaches(int32_t code, StatusChain& status) {
             readCache_->insertBucket(held, &replace, status);
             return;
         }
+        if (readOnly_) {
+            return;  // a writer makes the root
+        }
         // A new store always holds its root.
         ProcessLockHold lock(*processLock_);
         std::lock_guard<std::recursive_mutex> hold(transactionMutex_);
@@ -415,7 +454,7 @@ void BucketManager::reloadCaches(int32_t code, StatusChain& status) {
 void BucketManager::purgeStore() {
     StatusChain local;
     local.clear();
-    if (!store_) {
+    if (!store_ || readOnly_) {
         return;
     }
     ProcessLockHold hold(*processLock_);

@@ -36,6 +36,7 @@ const Definition kDefinitions[Options::kEntryCount] = {
     {"DBOwner", Options::kUserName, ""},
     {"DBGroup", Options::kGroupName, ""},
     {"DBMode", Options::kPermissionMode, "-1"},
+    {"ReadOnly", Options::kBoolean, "false"},
 };
 
 const char kSection[] = "Orvane";

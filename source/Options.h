@@ -11,7 +11,7 @@
 namespace zq {
 namespace orvane {
 
-// The thirteen settings of a bucket manager, read once from its ini file
+// The settings of a bucket manager, read once from its ini file
 // (section "Orvane") when the manager is built, and constant afterwards, so
 // any thread may read them. A missing file, section, key or an unusable value
 // never fails: the entry's default applies, or it keeps its initial state
@@ -32,6 +32,8 @@ class Options {
         kDBOwner,
         kDBGroup,
         kDBMode,
+        // Opens the registry for reading only, as when it cannot be written.
+        kReadOnly,
         kEntryCount
     };
     enum Kind : int32_t { kText, kInteger, kBoolean, kUserName, kGroupName, kPermissionMode };

@@ -529,6 +529,9 @@ AutoRef<IBucket> SingleFileBucketStore::readBucketAt(const Digest& digest, const
             status.setCode(status::kStoreNotOpen);
             return AutoRef<IBucket>();
         }
+        if (!file_) {
+            return AutoRef<IBucket>();  // read-only, and no store made yet
+        }
         const StoreIndex::Location* location = index_.find(*file_, keyOf(digest));
         return location == nullptr ? AutoRef<IBucket>()
                                    : readRecord(location->offset, name, &digest);
@@ -581,7 +584,7 @@ bool SingleFileBucketStore::exists(const WString& name, StatusChain& status) {
             status.setCode(status::kStoreNotOpen);
             return false;
         }
-        return index_.find(*file_, keyOf(Digest(name))) != nullptr;
+        return file_ && index_.find(*file_, keyOf(Digest(name))) != nullptr;
     });
 }
 
@@ -994,7 +997,9 @@ SingleFileBucketStore::Refresh SingleFileBucketStore::tryRefresh(const FileSyste
         mark.generation == 0) {
         return Refresh::kUnsettled;
     }
-    if (!reopened && mark.generation == generation_ && mark.committedLength == committedLength_) {
+    // A view that rolled forward past the mark (see openForReading) keeps
+    // what it has until a newer mark passes it.
+    if (!reopened && mark.committedLength <= committedLength_) {
         settle(after);
         return Refresh::kUnchanged;
     }
@@ -1017,6 +1022,102 @@ SingleFileBucketStore::Refresh SingleFileBucketStore::tryRefresh(const FileSyste
     settle(after);
     viewChanged();
     return Refresh::kChanged;
+}
+
+// ---------------------------------------------------------------- reading only
+
+// Reads the newest committed state it can prove and changes nothing: no
+// recovery, no compaction, no mark, no lock. The data file is found as a
+// look of another process's changes finds it; a reader that meets a
+// compaction's swap waits for it a little, and one that a dead compactor
+// left without "registry.bin" reads the file a writer's recovery would
+// make live. Past the mark it accepts whole, verified segments only when no
+// writer was in the middle of a change meanwhile (the shared count stayed
+// settled): such a segment may be a commit about to be cut back.
+void SingleFileBucketStore::openForReading(StatusChain& status) {
+    if (status.isFatal()) {
+        return;
+    }
+    Lock lock(mutex_);
+    if (open_) {
+        return;
+    }
+    openValue_ = 0;
+    storeOperation(status, [&] {
+        for (int attempt = 0; attempt < kRefreshAttempts; ++attempt) {
+            pauseBeforeAttempt(attempt);
+            if (openLiveForReading()) {
+                break;
+            }
+            if (attempt + 1 == kRefreshAttempts) {
+                openLeftoverForReading();
+            }
+        }
+        open_ = true;
+        viewChanged();
+    });
+}
+
+// False when the name changed under the look: look again.
+bool SingleFileBucketStore::openLiveForReading() {
+    const uint32_t count = notes_ != nullptr ? notes_->load() : 1;
+    const FileSystem::Status before = fs_.stat(livePath_);
+    if (!before.exists) {
+        return false;
+    }
+    std::unique_ptr<File> file = fs_.open(livePath_, FileSystem::kRead);
+    const File::Identity identity = file->identity();
+    const CommitMarks::Mark mark = marks_.peekNewest();
+    const FileSystem::Status after = fs_.stat(livePath_);
+    if (!after.exists || after.device != identity.device || after.inode != identity.inode) {
+        return false;
+    }
+    const int64_t size = file->size();
+    const bool markEndsSegment = mark.generation > 0 && mark.readable &&
+                                 mark.committedLength <= size &&
+                                 segmentEndsAt(*file, mark.committedLength);
+    int64_t length = markEndsSegment ? mark.committedLength : wholeSegmentsEnd(*file, 0, size);
+    if (markEndsSegment) {
+        const int64_t rolled = wholeSegmentsEnd(*file, length, size);
+        if (rolled != length && kel::osdep::SharedCounter::isSettled(count) &&
+            notes_->load() == count) {
+            length = rolled;
+        }
+    }
+    adoptForReading(std::move(file), identity, mark.generation, length);
+    settle(after);
+    return true;
+}
+
+// The new file of a compaction whose mark waits under "newCommitmark", if
+// it is whole; else the old one set aside; else nothing: an empty store.
+void SingleFileBucketStore::openLeftoverForReading() {
+    if (fs_.fileExists(newPath_) && holdsWholeFile(newPath_, marks_.newMarkPath())) {
+        std::unique_ptr<File> file = fs_.open(newPath_, FileSystem::kRead);
+        const int64_t length = marks_.lengthIn(marks_.newMarkPath());
+        adoptForReading(std::move(file), File::Identity(), 1, length);
+    } else if (fs_.fileExists(previousPath_)) {
+        std::unique_ptr<File> file = fs_.open(previousPath_, FileSystem::kRead);
+        const int64_t length = wholeSegmentsEnd(*file, 0, file->size());
+        adoptForReading(std::move(file), File::Identity(), 0, length);
+    }
+}
+
+void SingleFileBucketStore::adoptForReading(std::unique_ptr<File> file,
+                                            const File::Identity& identity, int64_t generation,
+                                            int64_t length) {
+    StoreIndex fresh;
+    fresh.load(*file, length, verifiedBelow(*file, file->identity(), length));
+    verified_ = fresh.damagedEnd() == 0 ? VerifiedPrefix::of(*file, file->identity(), length)
+                                        : VerifiedPrefix();
+    index_ = std::move(fresh);
+    file_ = std::move(file);
+    // A leftover's identity is not that of "registry.bin": the next look
+    // at the name loads the live file once it is there.
+    fileIdentity_ = identity;
+    fileWritable_ = false;
+    generation_ = generation;
+    committedLength_ = length;
 }
 
 bool SingleFileBucketStore::catchUp(StatusChain& status) {

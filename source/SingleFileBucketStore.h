@@ -39,6 +39,9 @@ class SingleFileBucketStore : public IBucketStore {
     ~SingleFileBucketStore() override;
 
     void open(uint32_t value, kel::StatusChain& status) override;
+    // Opens for a process that only reads, and may have no right to write:
+    // nothing is changed, nothing waits for another process's transaction.
+    void openForReading(kel::StatusChain& status);
     void close(kel::StatusChain& status) override;
     kel::AutoRef<IBucket> readBucket(const kel::WString& name, kel::StatusChain& status) override;
     kel::AutoRef<IBucket> readBucketByDigest(const Digest& digest,
@@ -91,6 +94,11 @@ class SingleFileBucketStore : public IBucketStore {
     void keepCopy(const kel::WString& path, bool move);
     void copyFile(const kel::WString& from, const kel::WString& to);
     void reportRepairs(kel::StatusChain& status);
+    bool openLiveForReading();
+    void openLeftoverForReading();
+    void adoptForReading(std::unique_ptr<kel::osdep::File> file,
+                         const kel::osdep::File::Identity& identity, int64_t generation,
+                         int64_t length);
     void rollForwardCompaction();
     void rollBackCompaction();
     void openDataFile();

@@ -75,6 +75,11 @@ class FileSystem {
     virtual std::vector<WString> listDirectory(const WString& path) = 0;
     // Makes the directory's entries (creations, renames, removals) durable.
     virtual void syncDirectory(const WString& path) = 0;
+    // Whether this process may change what is at `path` (a file's bytes, a
+    // directory's entries): permissions, and a file system mounted for
+    // reading only. One that cannot tell says yes, and the first write
+    // then fails.
+    virtual bool mayWrite(const WString& path);
 
     // Composite operations.
     bool fileExists(const WString& path);  // regular files only; absolute path

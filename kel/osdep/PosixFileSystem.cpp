@@ -246,6 +246,13 @@ FileSystem::Status PosixFileSystem::stat(const WString& path) {
     return status;
 }
 
+// With the effective ids, as an open for writing checks them; a read-only
+// mount says EROFS.
+bool PosixFileSystem::mayWrite(const WString& path) {
+    const NativePath name(path);
+    return ::faccessat(AT_FDCWD, name.c_str(), W_OK, AT_EACCESS) == 0;
+}
+
 void PosixFileSystem::rename(const WString& from, const WString& to) {
     const NativePath source(from);
     const NativePath target(to);

@@ -19,6 +19,7 @@ class PosixFileSystem : public FileSystem {
     void makeDirectory(const WString& path, uint32_t permissions) override;
     std::vector<WString> listDirectory(const WString& path) override;
     void syncDirectory(const WString& path) override;
+    bool mayWrite(const WString& path) override;
 };
 
 }  // namespace osdep

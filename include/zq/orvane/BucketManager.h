@@ -120,6 +120,10 @@ class ZQ_EXPORT BucketManager
     // empty store. Only file-layer exceptions reach the caller.
     ZQ_EXPORT void purgeStore();
 
+    // Whether the registry was opened for reading only (asked for, or no
+    // right to write): transactions are refused with status::kReadOnly.
+    bool isReadOnly() const { return readOnly_; }
+
     // The store, for the offline tools; null when construction stopped early.
     IBucketStore* store() const { return store_.get(); }
 
@@ -129,6 +133,7 @@ class ZQ_EXPORT BucketManager
 
     void construct(const kel::WString& optionsFile, kel::StatusChain& status);
     void settleDataDirectory(kel::StatusChain& status);
+    void decideReadOnly(const kel::StatusChain& status);
     void loadCallbacks(kel::StatusChain& status);
     void openStore(kel::StatusChain& status);
     void runDebugComparison();
@@ -166,6 +171,7 @@ class ZQ_EXPORT BucketManager
     kel::Guid transactionId_;
     mutable std::recursive_mutex transactionMutex_;
     bool updateMode_ = false;
+    bool readOnly_ = false;  // set once at construction
     bool beginning_ = false;  // a thread is waiting for the process lock
     std::unique_ptr<Options> options_;
     uint32_t storeOpenWord_ = 0;

@@ -316,6 +316,11 @@ FileSystem::Status SimulatedFileSystem::stat(const WString& path) {
     return status;
 }
 
+bool SimulatedFileSystem::mayWrite(const WString& path) {
+    const Status status = stat(path);
+    return status.exists && (status.permissions & 0222) != 0;
+}
+
 void SimulatedFileSystem::rename(const WString& from, const WString& to) {
     const std::string source = narrow(from);
     const std::string target = narrow(to);

@@ -81,6 +81,8 @@ class SimulatedFileSystem : public kel::osdep::FileSystem {
     void makeDirectory(const kel::WString& path, uint32_t permissions) override;
     std::vector<kel::WString> listDirectory(const kel::WString& path) override;
     void syncDirectory(const kel::WString& path) override;
+    // A file whose permissions grant no write bit may not be written.
+    bool mayWrite(const kel::WString& path) override;
 
     struct Node {
         std::string data;
