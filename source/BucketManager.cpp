@@ -2,9 +2,9 @@
 #include "zq/orvane/BucketManager.h"
 
 #include <cmath>
-#include <exception>
 #include <cstdlib>
 #include <ctime>
+#include <exception>
 #include <limits>
 
 #include "kel/osdep/FileSystem.h"
@@ -130,7 +130,8 @@ void BucketManager::settleDataDirectory(StatusChain& status) {
         return;
     }
     // A reader by choice makes nothing, not even the directory.
-    if (!fs_.isDirectory(dataDirectory_) && !options_->flag(Options::kReadOnly)) {
+    if (!fs_.isDirectory(dataDirectory_) && !options_->flag(Options::kReadOnly) &&
+        !managersOpenForReading()) {
         fs_.createDirectories(dataDirectory_);
     }
     if (!fs_.isDirectory(dataDirectory_)) {
@@ -145,8 +146,8 @@ void BucketManager::decideReadOnly(const StatusChain& status) {
         return;
     }
     const WString live = kel::osdep::join(dataDirectory_, WString(L"registry.bin"));
-    readOnly_ = options_->flag(Options::kReadOnly) || !fs_.mayWrite(dataDirectory_) ||
-                (fs_.stat(live).exists && !fs_.mayWrite(live));
+    readOnly_ = options_->flag(Options::kReadOnly) || managersOpenForReading() ||
+                !fs_.mayWrite(dataDirectory_) || (fs_.stat(live).exists && !fs_.mayWrite(live));
 }
 
 void BucketManager::loadCallbacks(StatusChain& status) {

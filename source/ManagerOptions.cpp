@@ -10,6 +10,7 @@ namespace {
 std::mutex overrideMutex;
 std::unique_ptr<Options::Values> overrideValues;
 kel::osdep::FileSystem* overrideFileSystem = nullptr;
+bool forReading = false;
 
 }  // namespace
 
@@ -33,6 +34,16 @@ void clearManagerFileSystemOverride() { overrideManagerFileSystem(nullptr); }
 kel::osdep::FileSystem& managerFileSystem() {
     std::lock_guard<std::mutex> hold(overrideMutex);
     return overrideFileSystem != nullptr ? *overrideFileSystem : kel::osdep::FileSystem::posix();
+}
+
+void openManagersForReading(bool readOnly) {
+    std::lock_guard<std::mutex> hold(overrideMutex);
+    forReading = readOnly;
+}
+
+bool managersOpenForReading() {
+    std::lock_guard<std::mutex> hold(overrideMutex);
+    return forReading;
 }
 
 std::unique_ptr<Options> loadManagerOptions(const kel::WString& optionsFile,

@@ -24,6 +24,11 @@ void clearManagerFileSystemOverride();
 // The file layer a manager constructed now uses: the override when one is set.
 kel::osdep::FileSystem& managerFileSystem();
 
+// The way the tool's read commands open for reading only, whatever the
+// options file says. Affects managers constructed afterwards.
+void openManagersForReading(bool readOnly);
+bool managersOpenForReading();
+
 // The options a manager uses: the override when one is set, else the file.
 std::unique_ptr<Options> loadManagerOptions(const kel::WString& optionsFile,
                                             kel::StatusChain& status);

@@ -61,7 +61,7 @@ void addRmCommand(CLI::App& app, const Globals& globals) {
             if (!stored) throw ToolError(kExitNotFound, "no bucket " + *path);
             refuse(*stored, removeValue ? name.get() : nullptr, *recursive);
         }
-        Session session(globals, Session::kReadOnly);
+        Session session(globals, Session::kExisting);
         Transaction transaction(session.manager());
         AutoRef<IBucket> bucket = session.get(bucketName);
         refuse(*bucket, removeValue ? name.get() : nullptr, *recursive);

@@ -5,6 +5,7 @@
 
 #include "StoreFiles.h"
 #include "Text.h"
+#include "source/ManagerOptions.h"
 
 namespace orvane_tool {
 
@@ -33,7 +34,7 @@ std::string dataDirectory(const Globals& globals) {
 }
 
 Session::Session(const Globals& globals, Mode mode) {
-    if (mode == kReadOnly) {
+    if (mode != kMayCreate) {
         const std::string registry = dataDirectory(globals) + "/registry.bin";
         struct stat info;
         if (::stat(registry.c_str(), &info) != 0) {
@@ -45,6 +46,7 @@ Session::Session(const Globals& globals, Mode mode) {
     zq::orvane::publicInterface::IOrvane2* registry =
         zq::orvane::publicInterface::GetInterface(2, status);
     checkStatus(status, "getting the registry object");
+    zq::orvane::openManagersForReading(mode == kReadOnly);
     manager_ =
         registry->createBucketManager(WString(absolutePath(globals.dataDir).c_str()),
                                       WString(absolutePath(globals.optionsFile).c_str()), status);

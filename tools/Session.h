@@ -21,9 +21,10 @@ std::string dataDirectory(const Globals& globals);
 // The process's bucket manager, opened on the registry the options name.
 class Session {
   public:
-    enum Mode { kReadOnly, kMayCreate };
-    // kReadOnly refuses (not found) a directory that holds no registry yet
-    // instead of creating one.
+    enum Mode { kReadOnly, kExisting, kMayCreate };
+    // kReadOnly and kExisting refuse (not found) a directory that holds no
+    // registry yet instead of creating one; kReadOnly opens it for reading
+    // only: it changes no file and waits for no other process's transaction.
     Session(const Globals& globals, Mode mode);
     zq::orvane::IBucketManager& manager() { return *manager_; }
 

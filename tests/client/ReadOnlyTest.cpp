@@ -228,8 +228,8 @@ TEST_F(ReadOnlyTest, AReadOnlyMountIsRead) {
         if (::unshare(CLONE_NEWNS) != 0 || ::mkdir(mounted.c_str(), 0755) != 0 ||
             ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
             ::mount(dir_.file("reg").c_str(), mounted.c_str(), nullptr, MS_BIND, nullptr) != 0 ||
-            ::mount(nullptr, mounted.c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY,
-                    nullptr) != 0) {
+            ::mount(nullptr, mounted.c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) !=
+                0) {
             return 77;
         }
         StatusChain s = fresh();

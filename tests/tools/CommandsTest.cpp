@@ -1,8 +1,14 @@
 // The everyday commands as a user runs them: what they print, what they
 // change and the exit code of each kind of failure.
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
 
 #include "tools/ToolRunner.h"
+#include "zq/orvane/Orvane.h"
 
 namespace zq {
 namespace test {
@@ -143,6 +149,45 @@ TEST_F(ToolCommandsTest, ReadingCommandsDoNotCreateARegistry) {
         EXPECT_NE(r.err.find("no registry"), std::string::npos) << command << r.err;
     }
     EXPECT_FALSE(tool.dir().exists("reg"));
+}
+
+// While another process holds a transaction, and with a torn append only a
+// writer may cut, the reading commands answer at once and change no byte.
+TEST_F(ToolCommandsTest, ReadingCommandsNeitherWaitNorWrite) {
+    populate();
+    int held[2];
+    ASSERT_EQ(::pipe(held), 0);
+    const pid_t writer = ::fork();
+    if (writer == 0) {
+        setenv("ZQPUBAPPDATADIR", tool.dir().path().c_str(), 1);
+        setenv("ZQKELTMPSHAREDFILEDIR", tool.dir().path().c_str(), 1);
+        kel::StatusChain s;
+        s.clear();
+        kel::AutoRef<orvane::IBucketManager> m =
+            orvane::publicInterface::GetInterface(2, s)->createBucketManager(
+                kel::WString(tool.registry().c_str()), kel::WString(), s);
+        kel::Guid id;
+        const bool began = m && m->beginTransaction(id, s);
+        const char said = began ? 'b' : 'x';
+        if (::write(held[1], &said, 1) != 1) ::_exit(1);
+        ::sleep(15);  // longer than the commands may take
+        ::_exit(0);
+    }
+    char said = 0;
+    ASSERT_EQ(::read(held[0], &said, 1), 1);
+    ASSERT_EQ(said, 'b');
+    const std::string file = tool.dir().read("reg/registry.bin") + "torn";
+    tool.dir().write("reg/registry.bin", file);
+    const auto start = std::chrono::steady_clock::now();
+    for (const std::vector<std::string>& command : std::vector<std::vector<std::string>>{
+             {"ls", "-r"}, {"get", "/net"}, {"dump"}, {"export"}}) {
+        const ToolResult r = tool.run(command);
+        EXPECT_EQ(r.exitCode, 0) << command[0] << r.err;
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+    EXPECT_EQ(tool.dir().read("reg/registry.bin"), file);
+    ::kill(writer, SIGKILL);
+    ::waitpid(writer, nullptr, 0);
 }
 
 TEST_F(ToolCommandsTest, DefaultsToTheLibrarysDataDirectory) {
