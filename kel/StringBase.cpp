@@ -2,9 +2,9 @@
 
 #include <cstdint>
 #include <cstring>
-#include <cwctype>
 #include <type_traits>
 
+#include "kel/CaseFold.h"
 #include "kel/Endian.h"
 #include "kel/Memory.h"
 #include "kel/Throw.h"
@@ -441,8 +441,8 @@ bool codeUnitsBefore(const wchar_t* a, size_t aLength, const wchar_t* b, size_t 
 
 int compareNoCase(const wchar_t* a, const wchar_t* b) {
     for (;; ++a, ++b) {
-        const auto x = static_cast<wchar_t>(std::towupper(static_cast<wint_t>(*a)));
-        const auto y = static_cast<wchar_t>(std::towupper(static_cast<wint_t>(*b)));
+        const wchar_t x = foldUpper(*a);
+        const wchar_t y = foldUpper(*b);
         if (x != y) {
             return x < y ? -1 : 1;
         }

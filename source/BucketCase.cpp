@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <cwctype>
 #include <new>
 #include <type_traits>
 

@@ -28,7 +28,7 @@ class BucketNames;
 // Bucket::getMemUsage when they go in. The base of the manager's two caches
 // and the case that createBucketCase hands to clients.
 //
-// Names are keyed by their fold (each character through towlower, exactly as
+// Names are keyed by their fold (each character through kel::foldLower, exactly as
 // the digest folds them), so "/Net" and "/net" are one entry, as they are one
 // bucket in the store; the held bucket keeps its own spelling. Enumeration and
 // the serialised form follow the code-unit order of the folded names.

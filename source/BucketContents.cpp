@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <cstring>
-#include <cwctype>
 #include <iterator>
 #include <utility>
 
+#include "kel/CaseFold.h"
 #include "kel/Memory.h"
 
 namespace zq {
@@ -19,7 +19,7 @@ FoldedName::FoldedName(const WString& name) : text_(inline_), length_(name.lengt
     }
     const wchar_t* in = name.c_str();
     for (size_t i = 0; i < length_; ++i) {
-        text_[i] = static_cast<wchar_t>(std::towupper(static_cast<wint_t>(in[i])));
+        text_[i] = kel::foldUpper(in[i]);
     }
 }
 

@@ -15,10 +15,10 @@
 namespace zq {
 namespace orvane {
 
-// A value name with every character passed through towupper: Speed and SPEED
-// fold to the same text, and folded texts in code-unit order are the
+// A value name with every character passed through kel::foldUpper: Speed and
+// SPEED fold to the same text, and folded texts in code-unit order are the
 // case-insensitive order of the names. Each name is folded once, so no
-// comparison calls towupper; the map keys are these, and typical names fit
+// comparison folds again; the map keys are these, and typical names fit
 // the inline buffer, so a key costs no allocation of its own.
 class FoldedName {
   public:

@@ -24,7 +24,7 @@ class BucketNames {
     const kel::WString& full() const { return full_; }
     const kel::WString& shortName() const { return shortName_; }
     const Digest& digest() const { return digest_; }
-    // As the cases key it (each character through towlower), and its hash.
+    // As the cases key it (each character through kel::foldLower), and its hash.
     const kel::WString& folded() const { return folded_; }
     uint64_t foldedHash() const { return foldedHash_; }
 

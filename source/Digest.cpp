@@ -1,8 +1,8 @@
 #include "zq/orvane/Digest.h"
 
 #include <cstring>
-#include <cwctype>
 
+#include "kel/CaseFold.h"
 #include "kel/Endian.h"
 #include "kel/Throw.h"
 #include "source/Sha256.h"
@@ -41,7 +41,9 @@ Digest::Digest(const unsigned char*& cursor, const unsigned char* end) : count_(
 Digest::~Digest() = default;
 
 // Each character is lower-cased and hashed as a little-endian 32-bit unit: the
-// stored digests depend on exactly this, not on any text encoding.
+// stored digests depend on exactly this, not on any text encoding, and the
+// fold is the built-in one so that every process, whatever its locale, finds
+// the same bucket.
 void Digest::hashName(const kel::WString& name) {
     constexpr size_t kChunk = 64;
     unsigned char units[kChunk * 4];
@@ -50,9 +52,7 @@ void Digest::hashName(const kel::WString& name) {
     for (size_t done = 0; done < name.length();) {
         const size_t n = name.length() - done < kChunk ? name.length() - done : kChunk;
         for (size_t i = 0; i < n; ++i) {
-            const auto lower =
-                static_cast<uint32_t>(std::towlower(static_cast<wint_t>(text[done + i])));
-            kel::putU32(units + 4 * i, lower);
+            kel::putU32(units + 4 * i, static_cast<uint32_t>(kel::foldLower(text[done + i])));
         }
         sha.update(units, 4 * n);
         done += n;

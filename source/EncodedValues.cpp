@@ -1,8 +1,8 @@
 #include "source/EncodedValues.h"
 
 #include <cstring>
-#include <cwctype>
 
+#include "kel/CaseFold.h"
 #include "kel/Endian.h"
 #include "kel/Throw.h"
 #include "kel/Utf8.h"
@@ -25,7 +25,7 @@ constexpr uint32_t kValueMemory = 32;
 constexpr uint32_t kDigestMemory = 40;
 constexpr uint32_t kValueFormatVersion = 1;
 
-wchar_t fold(wchar_t ch) { return static_cast<wchar_t>(std::towupper(static_cast<wint_t>(ch))); }
+wchar_t fold(wchar_t ch) { return kel::foldUpper(ch); }
 
 // The characters of a name as a record stores them (UTF-8, already checked).
 class StoredName {

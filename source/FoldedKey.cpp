@@ -1,6 +1,6 @@
 #include "source/FoldedKey.h"
 
-#include <cwctype>
+#include "kel/CaseFold.h"
 
 namespace zq {
 namespace orvane {
@@ -16,7 +16,7 @@ FoldedKey::FoldedKey(const WString& fullName) : text_(inline_), length_(fullName
     }
     const wchar_t* in = fullName.c_str();
     for (size_t i = 0; i < length_; ++i) {
-        out[i] = static_cast<wchar_t>(std::towlower(static_cast<wint_t>(in[i])));
+        out[i] = kel::foldLower(in[i]);
     }
     hash_ = hashOf(text_, length_);
 }

@@ -10,7 +10,7 @@
 namespace zq {
 namespace orvane {
 
-// A full name folded as the cases key it (each character through towlower),
+// A full name folded as the cases key it (each character through kel::foldLower),
 // for a lookup: names of usual length need no block of their own.
 class FoldedKey {
   public:

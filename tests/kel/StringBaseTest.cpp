@@ -239,10 +239,14 @@ TEST(StringBaseTest, FindAndPrefix) {
     EXPECT_FALSE(path.startsWith(WString(L"/net/eth00")));
 }
 
-TEST(StringBaseTest, CaseInsensitiveComparisonFoldsWithTowupper) {
+TEST(StringBaseTest, CaseInsensitiveComparisonFoldsToSimpleUpperCase) {
     EXPECT_TRUE(equalsNoCase(L"TRUE", L"true"));
     EXPECT_TRUE(equalsNoCase(L"True", L"tRUE"));
     EXPECT_FALSE(equalsNoCase(L"true", L"true "));
+    EXPECT_TRUE(equalsNoCase(L"\u00C4rger", L"\u00E4RGER"));
+    EXPECT_TRUE(equalsNoCase(L"\u01C5", L"\u01C6"));   // titlecase and lower case
+    EXPECT_TRUE(equalsNoCase(L"\u03C2", L"\u03C3"));   // both sigmas are one capital
+    EXPECT_FALSE(equalsNoCase(L"\u00DF", L"SS"));      // sharp s has no simple capital
     EXPECT_LT(compareNoCase(L"speed", L"SPEEDS"), 0);  // a prefix sorts first
     EXPECT_GT(compareNoCase(L"b", L"A"), 0);
     EXPECT_EQ(compareNoCase(L"", L""), 0);

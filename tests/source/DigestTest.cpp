@@ -1,10 +1,14 @@
 #include "zq/orvane/Digest.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <clocale>
 #include <cstring>
+#include <string>
 #include <vector>
 
+#include "support/Child.h"
 #include "zq/kel/Exception.h"
 
 namespace zq {
@@ -108,6 +112,67 @@ TEST(DigestTest, CopiesStartUncountedAndAssignmentKeepsTheCount) {
     Digest copy(*shared);
     EXPECT_EQ(copy.addRef(), 1);
     EXPECT_EQ(shared->release(), 0);
+}
+
+// SHA-256 of the lower-cased code points as little-endian 32-bit units, by
+// an independent implementation.
+constexpr const char* kArger = "e840d73823ce883c44203b6cffb2c18eb5f2f9b142d4bb5a155338eeb6566bf5";
+constexpr const char* kDzCaron = "4cfb77ea0d4b53d0294f1fe903f957fdbbd8e105a54e9980cc4a9750587886e5";
+constexpr const char* kSigma = "33b802e9e4b21aef4de3049ee8f8e2e51152deaf66708f90d1025d8c42ef43f8";
+constexpr const char* kFinalSigma =
+    "96a2adc6f02582d75d8da22da15b85dcceba7ce77eb83be51269410317eb4d76";
+constexpr const char* kSharpS = "e981c2bfb6d9ca03684c5be2bfebeb67226b928effed0ad3eeb08f0091ea4eab";
+constexpr const char* kDoubleS = "255c3067893cc0aecb04903e0a5ab496706fea80b8fbaf82ce197d0bba74f36a";
+
+const struct {
+    const wchar_t* name;
+    const char* utf8;
+    const char* digest;
+} kFoldedNames[] = {
+    {L"/\u00C4RGER", "/\xC3\x84RGER", kArger}, {L"/\u00E4rger", "/\xC3\xA4rger", kArger},
+    {L"/\u01C5", "/\xC7\x85", kDzCaron},  // titlecase Dz with caron
+    {L"/\u01C4", "/\xC7\x84", kDzCaron},       {L"/\u03A3", "/\xCE\xA3", kSigma},
+    {L"/\u03C2", "/\xCF\x82", kFinalSigma},  // final sigma is not sigma
+    {L"/\u1E9E", "/\xE1\xBA\x9E", kSharpS},    {L"/SS", "/SS", kDoubleS},  // nor is sharp s "ss"
+};
+
+constexpr int kNoLocale = 77;
+
+// The digests of kFoldedNames, from the wide and from the narrow spelling,
+// as a child in `locale` computes them; empty when it has no such locale.
+std::string digestsIn(const char* locale) {
+    int out[2];
+    if (::pipe(out) != 0) return "pipe";
+    const int code = test::inChild([&] {
+        ::close(out[0]);
+        if (std::setlocale(LC_ALL, locale) == nullptr) return kNoLocale;
+        std::string all;
+        for (const auto& row : kFoldedNames) {
+            all += text(Digest(WString(row.name))) + " " + text(Digest(NString(row.utf8))) + "\n";
+        }
+        return ::write(out[1], all.data(), all.size()) == static_cast<ssize_t>(all.size()) ? 0 : 1;
+    });
+    ::close(out[1]);
+    std::string all;
+    char buffer[512];
+    for (ssize_t n; (n = ::read(out[0], buffer, sizeof buffer)) > 0;) {
+        all.append(buffer, static_cast<size_t>(n));
+    }
+    ::close(out[0]);
+    return code == 0 ? all : code == kNoLocale ? "" : "child failed";
+}
+
+TEST(DigestTest, NamesFoldAlikeWhateverTheLocale) {
+    std::string expected;
+    for (const auto& row : kFoldedNames) {
+        expected += std::string(row.digest) + " " + row.digest + "\n";
+    }
+    EXPECT_EQ(digestsIn("C"), expected);
+    const std::string utf8 = digestsIn("C.UTF-8");
+    if (utf8.empty()) {
+        GTEST_SKIP() << "no C.UTF-8 locale here";
+    }
+    EXPECT_EQ(utf8, expected);
 }
 
 }  // namespace

@@ -94,8 +94,9 @@ extern template class StringBase<char, wchar_t, wchar_t>;
 // The order of WString::operator< for two wide texts given by their units.
 ZQ_EXPORT bool codeUnitsBefore(const wchar_t* a, size_t aLength, const wchar_t* b, size_t bLength);
 
-// Case-insensitive order of two wide C strings, each character folded with
-// towupper: negative, 0 or positive; a prefix sorts first.
+// Case-insensitive order of two wide C strings, each character folded to its
+// simple Unicode upper case (the same in every locale): negative, 0 or
+// positive; a prefix sorts first.
 ZQ_EXPORT int compareNoCase(const wchar_t* a, const wchar_t* b);
 inline bool equalsNoCase(const wchar_t* a, const wchar_t* b) { return compareNoCase(a, b) == 0; }
 

@@ -24,7 +24,8 @@ class ZQ_EXPORT DigestString {
 };
 
 // The SHA-256 of a bucket name taken case-insensitively: each character
-// lower-cased with towlower and hashed as a little-endian 32-bit unit.
+// lower-cased by the simple lower-case mapping of Unicode (built in, the same
+// whatever the process's locale) and hashed as a little-endian 32-bit unit.
 // Reference-counted on its own for holders that share one.
 class ZQ_EXPORT Digest {
   public:
