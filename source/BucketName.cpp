@@ -1,5 +1,7 @@
 #include "source/BucketName.h"
 
+#include "zq/orvane/StatusCodes.h"
+
 namespace zq {
 namespace orvane {
 
@@ -60,6 +62,26 @@ WString BucketName::childName(const WString& fullName, const WString& childName)
     }
     child += childName;
     return child;
+}
+
+bool BucketName::isWellFormed(const WString& fullName) {
+    const size_t length = fullName.length();
+    if (length == 0 || fullName[0] != kSeparator) return false;
+    if (length == 1) return true;
+    for (size_t i = 1; i < length; ++i) {
+        if (fullName[i] == kSeparator && fullName[i - 1] == kSeparator) return false;
+    }
+    return fullName[length - 1] != kSeparator;
+}
+
+bool BucketName::check(const WString& fullName, kel::StatusChain& status) {
+    if (isWellFormed(fullName)) return true;
+    status.setCode(status::kBadBucketName);
+    WString message(L"\"");
+    message += fullName;
+    message += L"\" is not a bucket name: \"/\" or \"/name/name...\" is";
+    status.setMessage(message);
+    return false;
 }
 
 }  // namespace orvane
