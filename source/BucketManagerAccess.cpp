@@ -275,9 +275,15 @@ class BucketManager::PutPath {
             return false;
         }
         // A link names a bucket in the store: a transient child gets none.
-        if (!child->isPersistent() || parent->hasValue(childName)) {
-            return true;
+        if (!child->isPersistent()) return true;
+        if (const AutoRef<IBucketValue> held = parent->getValue(childName, status_)) {
+            if (BucketName::isLinkTo(childName, *held)) return true;
+            // A value of a file older than the rule on "/" names: linked
+            // past it or not at all, the child would be lost to every walk.
+            refuseTakenLink(parentName, childName);
+            return false;
         }
+        if (status_.isFatal()) return false;
         AutoRef<IBucket> next = pending ? parent : copyOf(parent);
         if (!pending) {
             setVersion(next, parent->getVersion() + 1);
@@ -286,6 +292,16 @@ class BucketManager::PutPath {
         next->addChild(BucketName::shortName(childName), status_, true);
         putPending(cache_, next, status_);
         return status_.isNotFatal();
+    }
+
+    void refuseTakenLink(const WString& parentName, const WString& childName) {
+        status_.setCode(status::kLinkNameTaken);
+        WString message(L"the bucket \"");
+        message += parentName;
+        message += L"\" holds a value named \"";
+        message += childName;
+        message += L"\", the name of the link to this child; remove that value first";
+        status_.setMessage(message);
     }
 
     void unlinkFromParent(const WString& childName) {

@@ -1,6 +1,8 @@
 #include "source/BucketName.h"
 
+#include "zq/orvane/Digest.h"
 #include "zq/orvane/StatusCodes.h"
+#include "zq/orvane/ValueType.h"
 
 namespace zq {
 namespace orvane {
@@ -82,6 +84,18 @@ bool BucketName::check(const WString& fullName, kel::StatusChain& status) {
     message += L"\" is not a bucket name: \"/\" or \"/name/name...\" is";
     status.setMessage(message);
     return false;
+}
+
+bool BucketName::isLinkName(const WString& valueName) {
+    return !valueName.empty() && valueName[0] == kSeparator;
+}
+
+bool BucketName::isLinkTo(const WString& childName, const IBucketValue& value) {
+    if (value.getType() != kDIGEST) return false;
+    kel::StatusChain status;
+    status.clear();
+    const Digest held = value.getDigest(status);
+    return status.isNotFatal() && held == Digest(childName);
 }
 
 }  // namespace orvane

@@ -3,6 +3,7 @@
 
 #include "zq/kel/StatusChain.h"
 #include "zq/kel/StringBase.h"
+#include "zq/orvane/IBucketValue.h"
 
 namespace zq {
 namespace orvane {
@@ -28,6 +29,11 @@ class BucketName {
     // isWellFormed, refusing any other name with status::kBadBucketName and a
     // message that quotes it.
     static bool check(const kel::WString& fullName, kel::StatusChain& status);
+    // A value name that only a child link may take: it begins with "/".
+    static bool isLinkName(const kel::WString& valueName);
+    // Whether `value`, held under the full name `childName`, is the link to
+    // that child: the kDIGEST of the name.
+    static bool isLinkTo(const kel::WString& childName, const IBucketValue& value);
 };
 
 }  // namespace orvane
