@@ -131,6 +131,14 @@ bool Bucket::storeValue(const WString& name, const AutoRef<BucketValue>& value, 
         status.setCode(status::kWrongType);
         return false;
     }
+    if (BucketName::isLinkName(name) && !mayTakeLinkName(name, *value)) {
+        status.setCode(status::kEmptyName);
+        WString message(L"the value name \"");
+        message += name;
+        message += L"\" begins with \"/\": such names are the links to child buckets";
+        status.setMessage(message);
+        return false;
+    }
     Lock lock(mutex_);
     switch (contents_->store(name, value, replace)) {
         case BucketContents::Outcome::kInserted:
@@ -147,6 +155,22 @@ bool Bucket::storeValue(const WString& name, const AutoRef<BucketValue>& value, 
             return true;
     }
     return false;
+}
+
+// A value under a "/" name would hide the child of that name from every walk
+// of the tree, so only the link to a child of this bucket may take one. A
+// value of an older file, stored before the rule, may pass through a merge
+// unchanged.
+bool Bucket::mayTakeLinkName(const WString& name, const BucketValue& value) const {
+    {
+        Lock lock(mutex_);
+        bool fresh = false;
+        const AutoRef<BucketValue> held = contents_->find(name, fresh);
+        if (held && held->equals(value)) return true;
+    }
+    return BucketName::isWellFormed(name) && name.length() > 1 &&
+           kel::equalsNoCase(BucketName::parentName(name).c_str(), getFullName().c_str()) &&
+           BucketName::isLinkTo(name, value);
 }
 
 // Makes a value with `fill` (one of the value's setters, which reports its own

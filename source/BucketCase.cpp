@@ -195,8 +195,9 @@ int32_t BucketCase::openEnumeration() {
     return quietly([&] {
         Lock lock(mutex_);
         const int32_t handle = drawHandle();
-        // A new cursor stands at the end: the walk begins with getFirstBucket.
-        cursors_.emplace(handle, Cursor{maps_.names.end(), false});
+        // Recorded so that the handle is not drawn again while open; its
+        // walk begins with getFirstBucket.
+        cursors_.emplace(handle, Cursor{maps_.names.end(), false, false});
         return handle;
     });
 }
@@ -229,10 +230,15 @@ AutoRef<IBucket> BucketCase::getFirstBucket(const int32_t* handle) {
     return quietly([&]() -> AutoRef<IBucket> {
         Lock lock(mutex_);
         if (maps_.names.empty()) {
+            // No walk began: a step with this handle finds none.
+            const auto held = cursors_.find(*handle);
+            if (held != cursors_.end()) {
+                held->second.placed = false;
+            }
             return AutoRef<IBucket>();
         }
         // Any non-zero handle will do, opened or not: the manager relies on it.
-        cursors_[*handle] = Cursor{maps_.names.begin(), false};
+        cursors_[*handle] = Cursor{maps_.names.begin(), false, true};
         return maps_.names.begin()->second.bucket;
     });
 }
@@ -244,7 +250,7 @@ AutoRef<IBucket> BucketCase::getNextBucket(const int32_t* handle, StatusChain& s
         }
         Lock lock(mutex_);
         const auto found = cursors_.find(*handle);
-        if (found == cursors_.end()) {
+        if (found == cursors_.end() || !found->second.placed) {
             status.setCode(status::kUnknownHandle);
             return AutoRef<IBucket>();
         }

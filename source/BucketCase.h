@@ -112,6 +112,9 @@ class BucketCase
     struct Cursor {
         NameMap::const_iterator position;  // meaningless once changed is set
         bool changed;
+        // False for a handle opened (or last started on an empty case)
+        // without a walk: it is open, yet there is no cursor to step.
+        bool placed;
     };
     struct Maps {
         NameMap names;

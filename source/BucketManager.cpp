@@ -502,7 +502,9 @@ WString BucketManager::getShortName(const WString& fullName, StatusChain& status
 }
 
 Digest BucketManager::createDigest(const WString& fullName, StatusChain& status) {
-    return guarded(status, kManagerCodes, [&] { return Digest(fullName); });
+    return guarded(status, kManagerCodes, [&] {
+        return BucketName::check(fullName, status) ? Digest(fullName) : Digest();
+    });
 }
 
 AutoRef<IBucketCase> BucketManager::createBucketCase(StatusChain& status) {

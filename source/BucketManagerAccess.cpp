@@ -27,17 +27,6 @@ constexpr ErrorCodes kManagerCodes{status::kFileSystem, status::kFileSystem, sta
 
 bool isRoot(const WString& name) { return name.length() == 1 && name[0] == L'/'; }
 
-// "/" or "/a/b": absolute, no empty component, no trailing separator. Other
-// spellings would give a bucket whose link from its parent names another.
-bool isWellFormed(const WString& name) {
-    if (name.empty() || name[0] != L'/') return false;
-    if (isRoot(name)) return true;
-    for (size_t i = 1; i < name.length(); ++i) {
-        if (name[i] == L'/' && name[i - 1] == L'/') return false;
-    }
-    return name[name.length() - 1] != L'/';
-}
-
 AutoRef<IBucket> copyOf(const AutoRef<IBucket>& bucket) {
     if (const auto* own = dynamic_cast<const Bucket*>(bucket.get())) {
         return AutoRef<IBucket>(new Bucket(*own));
@@ -117,9 +106,11 @@ AutoRef<IBucket> handOut(const AutoRef<IBucket>& found, StatusChain& status) {
 
 }  // namespace
 
+// A malformed name names no bucket and never could: it is the caller's
+// mistake, so it is an error (kBadBucketName), not the not-found warning.
 AutoRef<IBucket> BucketManager::getBucket(const WString& fullName, StatusChain& status) {
     return guarded(status, kManagerCodes, [&]() -> AutoRef<IBucket> {
-        if (!store_) return AutoRef<IBucket>();
+        if (!BucketName::check(fullName, status) || !store_) return AutoRef<IBucket>();
         return handOut(findShared(fullName, status), status);
     });
 }
@@ -151,7 +142,7 @@ bool BucketManager::lookupBucket(const WString& fullName, AutoRef<IBucket>& buck
 
 bool BucketManager::bucketExists(const WString& fullName, StatusChain& status) {
     return guarded(status, kManagerCodes, [&] {
-        if (!store_) return false;
+        if (!BucketName::check(fullName, status) || !store_) return false;
         dropStaleCaches();
         return readCache_->containsBucket(fullName) || store_->exists(fullName, status);
     });
@@ -164,7 +155,10 @@ AutoRef<IBucket> BucketManager::newBucket(StatusChain& status) {
 AutoRef<IBucket> BucketManager::createBucket(const WString& fullName, bool openExisting,
                                              StatusChain& status, bool persistent) {
     return guarded(status, kManagerCodes, [&]() -> AutoRef<IBucket> {
-        if (bucketExists(fullName, status)) {
+        if (!BucketName::check(fullName, status)) return AutoRef<IBucket>();
+        const bool exists = bucketExists(fullName, status);
+        if (status.isFatal()) return AutoRef<IBucket>();
+        if (exists) {
             return openExisting ? getBucket(fullName, status) : AutoRef<IBucket>();
         }
         return AutoRef<IBucket>(new Bucket(fullName, persistent));
@@ -209,10 +203,7 @@ class BucketManager::PutPath {
         const std::shared_ptr<const BucketNames> names = own != nullptr ? own->names() : nullptr;
         const WString foreign = own != nullptr ? WString() : bucket->getFullName();
         const WString& name = names ? names->full() : foreign;
-        if (!isWellFormed(name)) {
-            status_.setCode(status::kNoParent);
-            return false;
-        }
+        if (!BucketName::check(name, status_)) return false;
         std::optional<FoldedKey> key;
         if (names) {
             key.emplace(names->folded(), names->foldedHash());
@@ -284,9 +275,15 @@ class BucketManager::PutPath {
             return false;
         }
         // A link names a bucket in the store: a transient child gets none.
-        if (!child->isPersistent() || parent->hasValue(childName)) {
-            return true;
+        if (!child->isPersistent()) return true;
+        if (const AutoRef<IBucketValue> held = parent->getValue(childName, status_)) {
+            if (BucketName::isLinkTo(childName, *held)) return true;
+            // A value of a file older than the rule on "/" names: linked
+            // past it or not at all, the child would be lost to every walk.
+            refuseTakenLink(parentName, childName);
+            return false;
         }
+        if (status_.isFatal()) return false;
         AutoRef<IBucket> next = pending ? parent : copyOf(parent);
         if (!pending) {
             setVersion(next, parent->getVersion() + 1);
@@ -295,6 +292,16 @@ class BucketManager::PutPath {
         next->addChild(BucketName::shortName(childName), status_, true);
         putPending(cache_, next, status_);
         return status_.isNotFatal();
+    }
+
+    void refuseTakenLink(const WString& parentName, const WString& childName) {
+        status_.setCode(status::kLinkNameTaken);
+        WString message(L"the bucket \"");
+        message += parentName;
+        message += L"\" holds a value named \"";
+        message += childName;
+        message += L"\", the name of the link to this child; remove that value first";
+        status_.setMessage(message);
     }
 
     void unlinkFromParent(const WString& childName) {
@@ -368,6 +375,7 @@ bool BucketManager::deleteBuckets(const std::vector<WString>& fullNames, const G
         std::lock_guard<std::recursive_mutex> hold(transactionMutex_);
         if (!checkChange(id, status)) return false;
         for (const WString& name : fullNames) {
+            if (!BucketName::check(name, status)) return false;
             if (isRoot(name)) {
                 status.setCode(status::kRootNotDeletable);
                 return false;

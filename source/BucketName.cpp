@@ -1,5 +1,9 @@
 #include "source/BucketName.h"
 
+#include "zq/orvane/Digest.h"
+#include "zq/orvane/StatusCodes.h"
+#include "zq/orvane/ValueType.h"
+
 namespace zq {
 namespace orvane {
 
@@ -60,6 +64,38 @@ WString BucketName::childName(const WString& fullName, const WString& childName)
     }
     child += childName;
     return child;
+}
+
+bool BucketName::isWellFormed(const WString& fullName) {
+    const size_t length = fullName.length();
+    if (length == 0 || fullName[0] != kSeparator) return false;
+    if (length == 1) return true;
+    for (size_t i = 1; i < length; ++i) {
+        if (fullName[i] == kSeparator && fullName[i - 1] == kSeparator) return false;
+    }
+    return fullName[length - 1] != kSeparator;
+}
+
+bool BucketName::check(const WString& fullName, kel::StatusChain& status) {
+    if (isWellFormed(fullName)) return true;
+    status.setCode(status::kBadBucketName);
+    WString message(L"\"");
+    message += fullName;
+    message += L"\" is not a bucket name: \"/\" or \"/name/name...\" is";
+    status.setMessage(message);
+    return false;
+}
+
+bool BucketName::isLinkName(const WString& valueName) {
+    return !valueName.empty() && valueName[0] == kSeparator;
+}
+
+bool BucketName::isLinkTo(const WString& childName, const IBucketValue& value) {
+    if (value.getType() != kDIGEST) return false;
+    kel::StatusChain status;
+    status.clear();
+    const Digest held = value.getDigest(status);
+    return status.isNotFatal() && held == Digest(childName);
 }
 
 }  // namespace orvane

@@ -29,6 +29,7 @@ constexpr Description kDescriptions[] = {
     {kBadBucketName,
      "a bucket name is \"/\" or \"/\" followed by non-empty names separated by single \"/\", "
      "with no \"/\" at the end"},
+    {kLinkNameTaken, "the parent holds a value under the name of the link to this child"},
     {kFileSystem, "a file-system operation failed"},
     {kUnexpected, "unexpected failure, or a bucket manager already exists"},
     {kOutOfMemory, "out of memory"},

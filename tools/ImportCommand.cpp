@@ -136,6 +136,9 @@ std::vector<PlannedBucket> plan(const Json& document,
                 WString name;
                 if (it.key().empty() || !fromUtf8(it.key(), name))
                     bad(here, "a value needs a name");
+                if (name[0] == L'/') {
+                    bad(here, "a value name begins with \"/\" only in a link to a child bucket");
+                }
                 if (!seen.insert(name).second) {
                     bad(here, "the name repeats " + quotedText(toUtf8(*seen.find(name))) +
                                   " (value names ignore case)");

@@ -16,7 +16,12 @@ using zq::orvane::IBucket;
 
 void checkStatus(const StatusChain& status, const std::string& doing) {
     if (status.isFatal()) {
-        throw ToolError(kExitStore, doing + " failed: " + describeStatus(status.getCode()));
+        std::string text = doing + " failed: " + describeStatus(status.getCode());
+        // The library's message names what it refused; the code alone may not.
+        if (const WString* message = status.getMessage()) {
+            if (!message->empty()) text += " (" + toUtf8(*message) + ")";
+        }
+        throw ToolError(kExitStore, text);
     }
 }
 

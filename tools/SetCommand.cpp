@@ -67,6 +67,11 @@ void addSetCommand(CLI::App& app, const Globals& globals) {
         const WString bucketName = bucketPath(*path);
         const WString valueName = argumentText(*name, "the value name");
         if (valueName.empty()) throw ToolError(kExitUsage, "the value name is empty");
+        if (valueName[0] == L'/') {
+            throw ToolError(kExitUsage, "the value name " + quotedText(*name) +
+                                            " begins with \"/\": such names are the links to "
+                                            "child buckets");
+        }
         const uint32_t tag = typeTag(*type);
         if (tag == 0) {
             throw ToolError(kExitUsage,

@@ -124,11 +124,40 @@ TEST_F(BucketCaseTest, HandlesUnknownZeroAndNew) {
     EXPECT_EQ(case_->openEnumeration(), 5);
     EXPECT_TRUE(case_->closeEnumeration(2));
     EXPECT_EQ(case_->openEnumeration(), 6);  // a closed handle may come back only later
-    // A freshly opened handle stands at the end until its first step.
-    const int32_t fresh = case_->openEnumeration();
-    StatusChain atEnd = okStatus();
-    EXPECT_FALSE(case_->getNextBucket(&fresh, atEnd));
-    EXPECT_EQ(atEnd.getCode(), 0);
+}
+
+// A handle has a cursor to step only once getFirstBucket found a bucket:
+// opening it, or a first step on an empty case, starts no walk.
+TEST_F(BucketCaseTest, AStepWithoutAWalkIsAnUnknownHandle) {
+    const std::vector<std::pair<const char*, std::function<int32_t(BucketCase&)>>> noWalks = {
+        {"opened only", [](BucketCase& c) { return c.openEnumeration(); }},
+        {"opened, first on empty",
+         [](BucketCase& c) {
+             const int32_t handle = c.openEnumeration();
+             EXPECT_FALSE(c.getFirstBucket(&handle));
+             return handle;
+         }},
+        {"walked, emptied, first again",
+         [](BucketCase& c) {
+             insert(c, makeBucket(L"/a"));
+             const int32_t handle = c.openEnumeration();
+             EXPECT_TRUE(c.getFirstBucket(&handle));
+             c.clear();
+             EXPECT_FALSE(c.getFirstBucket(&handle));
+             return handle;
+         }},
+    };
+    for (const auto& [what, make] : noWalks) {
+        SCOPED_TRACE(what);
+        case_.reset(new BucketCase());
+        const int32_t handle = make(*case_);
+        StatusChain status = okStatus();
+        EXPECT_FALSE(case_->getNextBucket(&handle, status));
+        EXPECT_EQ(status.getCode(), status::kUnknownHandle);
+        // Still open until closed.
+        EXPECT_TRUE(case_->closeEnumeration(handle));
+        EXPECT_FALSE(case_->closeEnumeration(handle));
+    }
 }
 
 // Names differing only in case are one entry: a held one is replaced only

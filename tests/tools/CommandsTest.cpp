@@ -97,6 +97,12 @@ TEST_F(ToolCommandsTest, SetReplacesAndMakesParentsOnlyWhenAsked) {
     EXPECT_EQ(tool.run({"ls", "-r", "/b"}).out, "/b/c\n/b/c/d\n");
     EXPECT_EQ(tool.run({"set", "/b", "/b/c", "int32", "1"}).exitCode, 2)
         << "a child link is not the user's to overwrite";
+    // Nor is the name of a child yet to come: the value would hide it.
+    const std::string linked = tool.snapshot();
+    const ToolResult reserved = tool.run({"set", "/b", "/b/later", "int32", "1"});
+    EXPECT_EQ(reserved.exitCode, 2);
+    EXPECT_NE(reserved.err.find("links to child buckets"), std::string::npos) << reserved.err;
+    EXPECT_EQ(tool.snapshot(), linked);
 }
 
 TEST_F(ToolCommandsTest, RmRemovesValuesAndBucketsButRefusesWhatWouldLoseMore) {

@@ -114,6 +114,8 @@ TEST(ToolExportImportTest, BadDocumentsNameTheFirstBadElementAndWriteNothing) {
         {head + good + R"({"name": "/b", "values": {"s": {"type": "strnig", "value": ""}}}]})",
          "/buckets/1/values/s/type"},
         {head + good + R"({"name": "b", "values": {}}]})", "/buckets/1/name"},
+        {head + good + R"({"name": "/b", "values": {"/zzz": {"type": "int8", "value": 1}}}]})",
+         "/buckets/1/values/~1zzz"},
         {head + good + R"({"name": "/OK", "values": {}}]})", "/buckets/1/name"},
         {head + R"({"name": "/p/q", "values": {}}]})", "/buckets/0/name"},
         {head + R"({"name": "/b", "values": {"X": {"type": "bool", "value": true},

@@ -2,8 +2,11 @@
 // damage them: each problem named with its file offset, exit code 1.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
+#include <functional>
 
+#include "support/Child.h"
 #include "tools/ToolRunner.h"
 #include "zq/orvane/Orvane.h"
 
@@ -117,35 +120,58 @@ TEST_F(ToolVerifyTest, TrailerFieldsAreCheckedOneByOne) {
     expectProblem("registry.bin:" + std::to_string(end()), "before the committed length");
 }
 
-std::string digestHex(const wchar_t* name) {
-    orvane::Digest digest;
-    orvane::DigestString text;
-    orvane::Digest::calculateDigest(kel::WString(name), digest, text);
-    return text.c_str();
+// Runs `change` in one committed transaction of a client in a child process
+// (a process has one manager): the tool then reads what a client left.
+int changeInChild(const ToolRunner& tool,
+                  const std::function<void(orvane::IBucketManager&, const kel::Guid&,
+                                           kel::StatusChain&)>& change) {
+    return inChild([&] {
+        setenv("ZQPUBAPPDATADIR", tool.dir().path().c_str(), 1);
+        setenv("ZQKELTMPSHAREDFILEDIR", tool.dir().path().c_str(), 1);
+        kel::StatusChain status;
+        status.clear();
+        kel::AutoRef<orvane::IBucketManager> m =
+            orvane::publicInterface::GetInterface(2, status)->createBucketManager(
+                kel::WString(tool.registry().c_str()), kel::WString(), status);
+        if (!m) return 1;
+        kel::Guid id;
+        m->beginTransaction(id, status);
+        m->beginUpdate(id, status);
+        change(*m, id, status);
+        m->commit(id, status);
+        m->endTransaction(id, status);
+        return status.isFatal() ? 2 : 0;
+    });
 }
 
 TEST(ToolVerifyLinksTest, LinksToMissingBucketsAndUnlinkedBucketsAreCaught) {
+    using kel::WString;
     ToolRunner tool;
-    // A link-shaped value to a bucket that is not there.
-    const std::string dangling =
-        R"({"format": "orvane-registry", "version": 1, "buckets": [
-             {"name": "/p", "values": {"/p/gone": {"type": "digest", "value": ")" +
-        digestHex(L"/p/gone") + R"("}}}]})";
-    ASSERT_EQ(tool.run({"import", "-"}, dangling).exitCode, 0);
+    ASSERT_EQ(tool.run({"set", "-p", "/p/gone", "x", "int32", "1"}).exitCode, 0);
+    // A copy of the parent taken with its link, put back after the child was
+    // deleted: a client restores the link to a bucket that is not there.
+    ASSERT_EQ(
+        changeInChild(tool,
+                      [](orvane::IBucketManager& m, const kel::Guid& id, kel::StatusChain& s) {
+                          kel::AutoRef<orvane::IBucket> p = m.getBucket(WString(L"/p"), s);
+                          m.deleteBucket(WString(L"/p/gone"), id, s);
+                          m.putBucket(p, true, id, s);
+                      }),
+        0);
     ToolResult r = tool.run({"verify"});
     EXPECT_EQ(r.exitCode, 1);
     EXPECT_NE(r.out.find("bucket \"/p\" links the child \"/p/gone\", which does not exist"),
               std::string::npos)
         << r.out;
 
-    // The parent holds another digest where the child's link belongs, so
-    // the manager never links the child.
+    // A parent deleted and made again has no link to the child it left.
     ToolRunner other;
-    const std::string unlinked =
-        R"({"format": "orvane-registry", "version": 1, "buckets": [
-             {"name": "/p", "values": {"/p/c": {"type": "digest", "value": ")" +
-        std::string(64, '0') + R"("}}}, {"name": "/p/c", "values": {}}]})";
-    ASSERT_EQ(other.run({"import", "-"}, unlinked).exitCode, 0);
+    ASSERT_EQ(other.run({"set", "-p", "/p/c", "x", "int32", "1"}).exitCode, 0);
+    ASSERT_EQ(
+        changeInChild(other, [](orvane::IBucketManager& m, const kel::Guid& id,
+                                kel::StatusChain& s) { m.deleteBucket(WString(L"/p"), id, s); }),
+        0);
+    ASSERT_EQ(other.run({"set", "/p", "y", "int32", "1"}).exitCode, 0);
     r = other.run({"verify"});
     EXPECT_EQ(r.exitCode, 1);
     EXPECT_NE(r.out.find("bucket \"/p/c\" is not linked from its parent \"/p\""), std::string::npos)

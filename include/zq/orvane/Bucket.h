@@ -131,6 +131,7 @@ class ZQ_EXPORT Bucket
     bool storeNew(const kel::WString& name, kel::StatusChain& status, bool replace, Fill&& fill);
     bool storeValue(const kel::WString& name, const kel::AutoRef<BucketValue>& value,
                     kel::StatusChain& status, bool replace);
+    bool mayTakeLinkName(const kel::WString& name, const BucketValue& value) const;
     bool step(uint32_t handle, bool first, bool childrenOnly, kel::WString* name,
               kel::AutoRef<BucketValue>& value, kel::StatusChain* status);
     bool stepValue(uint32_t handle, bool first, kel::WString& name,

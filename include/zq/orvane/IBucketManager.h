@@ -23,6 +23,13 @@ namespace orvane {
 // commit, and factories for values. Every operation reports through the
 // status passed last and does nothing when that status already holds an
 // error. The declaration order is the order of the virtual slots.
+//
+// A full name is "/" or "/" followed by non-empty names separated by single
+// "/", with no "/" at the end. Every operation that takes one (createBucket,
+// createDigest, the lookups, bucketExists, the puts and the deletes) refuses
+// any other with status::kBadBucketName and its empty result: a lookup gives
+// null or false with that error, not the kBucketNotFound warning, and
+// deleteBuckets deletes nothing when one of its names is refused.
 class IBucketManager : public kel::RefCountedInterface<IBucketManager> {
   public:
     // Transactions: the process lock is held from begin to end; changes are

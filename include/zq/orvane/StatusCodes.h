@@ -35,6 +35,9 @@ constexpr int32_t kValueDiffers = -314506;
 // A full name is "/" or "/" followed by non-empty components separated by
 // single "/", with no "/" at the end.
 constexpr int32_t kBadBucketName = -314507;
+// The parent holds a value (of a file older than the rule that reserves
+// value names beginning with "/") under the name of the new child's link.
+constexpr int32_t kLinkNameTaken = -314508;
 constexpr int32_t kFileSystem = -314509;
 constexpr int32_t kUnexpected = -314510;
 constexpr int32_t kManagerExists = -314510;  // shares the code of kUnexpected
