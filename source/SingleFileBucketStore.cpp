@@ -861,17 +861,26 @@ bool SingleFileBucketStore::compactLocked() {
     const std::vector<unsigned char>& image = builder.finish();
     const int64_t end = builder.end();
 
-    touchFile(fs_, newPath_, options_);
-    std::unique_ptr<File> fresh =
-        fs_.open(newPath_, FileSystem::kReadWrite | FileSystem::kCreate | FileSystem::kTruncate);
-    fresh->writeAt(0, image.data(), image.size());
-    fresh->sync();
-    // The new mark is written only once the new file is durable: its
-    // presence tells the recovery that rolling forward is safe.
-    writeFileAtomically(fs_, marks_.newMarkPath(), CommitMarks::contentFor(end), options_);
-    // Built before the swap, so that nothing after it runs out of memory.
+    std::unique_ptr<File> fresh;
     StoreIndex compacted;
-    compacted.replaceBySingleSegment(builder.descriptor(0), entries);
+    try {
+        touchFile(fs_, newPath_, options_);
+        fresh = fs_.open(newPath_,
+                         FileSystem::kReadWrite | FileSystem::kCreate | FileSystem::kTruncate);
+        fresh->writeAt(0, image.data(), image.size());
+        fresh->sync();
+        // The new mark is written only once the new file is durable: its
+        // presence tells the recovery that rolling forward is safe.
+        writeFileAtomically(fs_, marks_.newMarkPath(), CommitMarks::contentFor(end), options_);
+        // Built before the swap, so that nothing after it runs out of memory.
+        compacted.replaceBySingleSegment(builder.descriptor(0), entries);
+        marks_.removeAllBut(generation_);
+    } catch (...) {
+        // On a full disk a copy left behind would fail every later commit.
+        fresh.reset();
+        discardCompactedFiles();
+        throw;
+    }
     swapInCompactedFile(std::move(fresh), end);
 
     index_ = std::move(compacted);
@@ -884,6 +893,19 @@ bool SingleFileBucketStore::compactLocked() {
     return true;
 }
 
+// Before the swap's first rename the live file and its mark stand alone.
+// Each removal is tried: the first may fail where the second does not.
+void SingleFileBucketStore::discardCompactedFiles() noexcept {
+    try {
+        fs_.removeFile(newPath_, FileSystem::kRemoveIfPresent);
+    } catch (...) {
+    }
+    try {
+        fs_.removeFile(marks_.newMarkPath(), FileSystem::kRemoveIfPresent);
+    } catch (...) {
+    }
+}
+
 // The renames in the order the recovery expects, each made durable before
 // the next. The new file stays open through them and becomes the live one.
 void SingleFileBucketStore::swapInCompactedFile(std::unique_ptr<File> fresh, int64_t end) {
@@ -891,7 +913,6 @@ void SingleFileBucketStore::swapInCompactedFile(std::unique_ptr<File> fresh, int
     const WString oldMark = marks_.oldMarkPath();
     const WString newMark = marks_.newMarkPath();
     const WString firstMark = marks_.pathOf(1);
-    marks_.removeAllBut(generation_);
     file_.reset();
     rename(livePath_, previousPath_);
     rename(currentMark, oldMark);

@@ -118,6 +118,7 @@ class SingleFileBucketStore : public IBucketStore {
     // True when it wrote a new file and swapped it in.
     bool compact(kel::StatusChain& status);
     bool compactLocked();
+    void discardCompactedFiles() noexcept;
     void swapInCompactedFile(std::unique_ptr<kel::osdep::File> fresh, int64_t end);
     bool overSize(int64_t committedLength) const;
 

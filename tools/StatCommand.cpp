@@ -22,7 +22,18 @@ void addStatCommand(CLI::App& app, const Globals& globals) {
             ProcessLock lock;
             image = readStore(directory);
         }
+        std::printf("directory      %s\n", directory.c_str());
+        std::printf("file size      %lld\n", static_cast<long long>(image.fileSize));
+        std::printf("committed      %lld\n", static_cast<long long>(image.committedLength));
+        std::printf("generation     %lld\n", static_cast<long long>(image.generation));
         if (!image.problems.empty()) {
+            // Counts past the damage would be guesses: records there may not decode.
+            std::string damage = damageSummary(image);
+            if (damage.empty()) {
+                const Problem& first = image.problems.front();
+                damage = first.file + ":" + std::to_string(first.offset) + ": " + first.message;
+            }
+            std::printf("damage         %s\n", damage.c_str());
             throw ToolError(kExitStore, "the registry in " + directory +
                                             " is damaged; `orvane verify` names the problems");
         }
@@ -43,10 +54,6 @@ void addStatCommand(CLI::App& app, const Globals& globals) {
                 ++(isChildLink(*bucket, name, *value) ? links : values);
             });
         }
-        std::printf("directory      %s\n", directory.c_str());
-        std::printf("file size      %lld\n", static_cast<long long>(image.fileSize));
-        std::printf("committed      %lld\n", static_cast<long long>(image.committedLength));
-        std::printf("generation     %lld\n", static_cast<long long>(image.generation));
         std::printf("segments       %zu\n", image.segments.size());
         std::printf("buckets        %zu\n", image.live.size());
         std::printf("values         %zu\n", values);

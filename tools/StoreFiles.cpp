@@ -147,6 +147,7 @@ int64_t walkSegment(StoreImage& image, int64_t end) {
     if (std::memcmp(checksum.bytes(), image.bytes.data() + x + 8, zq::orvane::Digest::kSize) != 0) {
         image.problem(kData, x + 8,
                       in + "the checksum over " + range(start, x + 7) + " does not match");
+        segment.damaged = true;
     }
     const int64_t index = i64(image, start + 8);
     if (i64(image, x) != index) {
@@ -292,6 +293,29 @@ StoreImage readStore(const std::string& directory) {
     }
     collectLive(image);
     return image;
+}
+
+// The open drops a damaged newest segment only when all it keeps verifies;
+// damage further back it reports and serves around, changing nothing.
+std::string damageSummary(const StoreImage& image) {
+    const auto& segments = image.segments;
+    const auto damaged = std::find_if(segments.begin(), segments.end(),
+                                      [](const SegmentRef& s) { return s.damaged; });
+    if (damaged == segments.end()) return std::string();
+    const bool olderDamaged =
+        segments.back().start != 0 || std::any_of(std::next(damaged), segments.end(),
+                                                  [](const SegmentRef& s) { return s.damaged; });
+    const std::string where = "the segment " + range(damaged->start, damaged->end) +
+                              " of registry.bin, ending at offset " + std::to_string(damaged->end) +
+                              ", is damaged: ";
+    if (damaged == segments.begin() && !olderDamaged) {
+        return where +
+               "the next open drops it, keeps a copy as registry.bin.damaged-N and serves the "
+               "older segments";
+    }
+    return where +
+           "an open serves only what was committed after it, warns (314506) and leaves the file "
+           "as it is";
 }
 
 OfflineView::OfflineView(const std::string& directory) {

@@ -58,6 +58,7 @@ struct SegmentRef {
     int64_t end = 0;
     std::vector<RecordRef> records;  // the well-formed ones, in entry order
     std::vector<zq::orvane::DigestKey> deletions;
+    bool damaged = false;  // its checksum does not match
 };
 
 // The committed state of a registry directory as its files hold it, read
@@ -84,6 +85,10 @@ struct StoreImage {
 
 // Throws ToolError (not found) when the directory holds no registry.
 StoreImage readStore(const std::string& directory);
+
+// Where the newest damaged segment ends and what the library's open does
+// about it, in one line; empty when every checksum matches.
+std::string damageSummary(const StoreImage& image);
 
 // The committed buckets as the files hold them, read under the process lock
 // without opening the store. Commands check what they are about to change

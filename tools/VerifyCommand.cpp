@@ -119,6 +119,8 @@ void addVerifyCommand(CLI::App& app, const Globals& globals) {
             std::printf("%s:%lld: %s\n", p.file.c_str(), static_cast<long long>(p.offset),
                         p.message.c_str());
         }
+        const std::string damage = damageSummary(image);
+        if (!damage.empty()) std::printf("damage: %s\n", damage.c_str());
         if (!image.problems.empty()) {
             throw ToolError(kExitProblems, std::to_string(image.problems.size()) + " problem" +
                                                (image.problems.size() == 1 ? "" : "s") +

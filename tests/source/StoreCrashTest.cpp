@@ -202,6 +202,64 @@ TEST_F(StoreCrashTest, EveryCallFailingOnceLeavesTheOldStateAndTheStoreUsable) {
     }
 }
 
+// A compaction that fails before its swap takes away what it wrote: on a
+// nearly full disk a "registry.bin.1" left behind would fail every commit.
+TEST_F(StoreCrashTest, ACompactionFailingBeforeItsSwapLeavesOnlyTheLiveFileAndMark) {
+    // The open compacts the two segments into one; the commit adds a second.
+    const auto twoSegments = [](SingleFileBucketStore& store) {
+        StatusChain status = okStatus();
+        store.open(0, status);
+        commitChanges(store, kChange, nullptr, status);
+        ASSERT_EQ(status.getCode(), 0);
+        ASSERT_EQ(store.facts().segments, 2u);
+    };
+    uint64_t beforeSwap = 0;
+    {
+        auto fs = twoSegmentWorld();
+        SingleFileBucketStore store(kDir, nullptr, *fs);
+        twoSegments(store);
+        fs->clearJournal();
+        StatusChain status = okStatus();
+        store.compactNow(status);
+        ASSERT_EQ(status.getCode(), 0);
+        const std::vector<std::string> journal = fs->journal();
+        const auto swap =
+            std::find(journal.begin(), journal.end(), "rename " + kLive + " /reg/registry.bin.2");
+        ASSERT_NE(swap, journal.end());
+        beforeSwap = static_cast<uint64_t>(swap - journal.begin());
+        // Else the sweep would not reach the new mark.
+        ASSERT_TRUE(std::any_of(journal.begin(), swap, [](const std::string& line) {
+            return line.find("newCommitmark") != std::string::npos;
+        }));
+    }
+    const std::vector<WString> left = {WString(L"commitmark.2"), WString(L"registry.bin")};
+    for (const int error : {ENOSPC, EIO}) {
+        for (uint64_t k = 1; k <= beforeSwap; ++k) {
+            auto fs = twoSegmentWorld();
+            SingleFileBucketStore store(kDir, nullptr, *fs);
+            twoSegments(store);
+            const std::string old = fs->contents(kLive);
+            fs->failCall(SimulatedFileSystem::kAnyCall, k, error);
+            StatusChain status = okStatus();
+            store.compactNow(status);
+            EXPECT_EQ(status.getCode(), orvane::status::kFileSystem) << "call " << k;
+            EXPECT_EQ(fs->listDirectory(kDir), left) << "call " << k;
+            EXPECT_EQ(fs->contents(kLive), old) << "call " << k;
+            EXPECT_EQ(newestMarkLength(*fs), static_cast<int64_t>(old.size())) << "call " << k;
+            EXPECT_EQ(readState(store, kNames), after_) << "call " << k;
+
+            StatusChain next = okStatus();
+            commitChanges(store, {{L"/f", 6}}, nullptr, next);
+            store.compactNow(next);
+            EXPECT_EQ(next.getCode(), 0) << "call " << k;
+            EXPECT_EQ(store.facts().segments, 1u) << "call " << k;
+            fs->crash();
+            const State final = applied(after_, {{L"/f", 6}});
+            EXPECT_EQ(reopenAndRead(*fs, nullptr, namesOf({after_, final})), final) << "call " << k;
+        }
+    }
+}
+
 State numbered(const std::wstring& prefix, int count) {
     State state;
     for (int i = 0; i < count; ++i) {

@@ -72,6 +72,56 @@ TEST_F(ToolVerifyTest, AFlippedByteFailsTheSegmentChecksum) {
                   "checksum over [0, " + std::to_string(end() - 57) + ") does not match");
 }
 
+// A flipped bit in one segment of two: verify and stat name where the
+// damaged segment ends and what an open will do with it, and change nothing;
+// the open then does what they said.
+TEST_F(ToolVerifyTest, DamageInEitherOfTwoSegmentsIsNamedByItsOffset) {
+    ASSERT_EQ(tool.run({"set", "/a", "t", "int32", "5"}).exitCode, 0);
+    const std::string two = tool.dir().read("reg/registry.bin");
+    const int64_t first = end();  // the compacted file stays the older segment
+    const int64_t total = static_cast<int64_t>(two.size());
+    ASSERT_GT(total, first);
+    const struct {
+        const char* what;
+        int64_t flip;
+        int64_t start, stop;  // the damaged segment
+        const char* fate;
+        bool copied;  // an open keeps a copy and drops the segment
+    } cases[] = {
+        {"older", 40, 0, first, "an open serves only what was committed after it", false},
+        {"newest", first + 24, first, total,
+         "the next open drops it, keeps a copy as registry.bin.damaged-N", true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        std::string image = two;
+        image[static_cast<size_t>(c.flip)] ^= 0x20;
+        store(image);
+        const std::string segment =
+            "[" + std::to_string(c.start) + ", " + std::to_string(c.stop) + ")";
+        const std::string damage = "the segment " + segment +
+                                   " of registry.bin, ending at offset " + std::to_string(c.stop) +
+                                   ", is damaged: " + c.fate;
+        const std::string before = tool.snapshot();
+        expectProblem("registry.bin:" + std::to_string(c.stop - 56),
+                      "segment " + segment + ": the checksum");
+        EXPECT_NE(tool.run({"verify"}).out.find("\ndamage: " + damage), std::string::npos);
+        const ToolResult stat = tool.run({"stat"});
+        EXPECT_EQ(stat.exitCode, 4);
+        EXPECT_NE(stat.out.find("\ndamage         " + damage), std::string::npos) << stat.out;
+        EXPECT_EQ(tool.snapshot(), before) << "a check changed the files";
+
+        tool.run({"get", "/a", "t"});  // the library's open
+        EXPECT_EQ(tool.dir().exists("reg/registry.bin.damaged-1"), c.copied);
+        if (c.copied) {
+            EXPECT_EQ(tool.dir().read("reg/registry.bin").size(), static_cast<size_t>(first));
+            EXPECT_EQ(tool.run({"verify"}).exitCode, 0);
+        } else {
+            EXPECT_EQ(tool.dir().read("reg/registry.bin"), image);
+        }
+    }
+}
+
 TEST_F(ToolVerifyTest, ATruncatedCommitMarkIsCaught) {
     const std::string mark = tool.dir().read("reg/commitmark.1");
     tool.dir().write("reg/commitmark.1", mark.substr(0, mark.size() - 1));
