@@ -99,10 +99,11 @@ std::vector<std::pair<int64_t, WString>> CommitMarks::list(bool skipStrangers) {
     return marks;
 }
 
-int64_t CommitMarks::readLength(const WString& path) {
-    std::unique_ptr<kel::osdep::File> file = fs_.open(path, FileSystem::kRead);
+namespace {
+
+int64_t lengthFrom(kel::osdep::File& file) {
     char bytes[kMaxMarkBytes + 1];
-    const size_t got = file->readAt(0, bytes, kMaxMarkBytes);
+    const size_t got = file.readAt(0, bytes, kMaxMarkBytes);
     size_t end = 0;
     while (end < got && bytes[end] != '\n' && bytes[end] != '\r') {
         ++end;
@@ -115,7 +116,34 @@ int64_t CommitMarks::readLength(const WString& path) {
     return length;
 }
 
+}  // namespace
+
+int64_t CommitMarks::readLength(const WString& path) {
+    std::unique_ptr<kel::osdep::File> file = fs_.open(path, FileSystem::kRead);
+    return lengthFrom(*file);
+}
+
+int64_t CommitMarks::readLengthUnlocked(const WString& path) {
+    std::unique_ptr<kel::osdep::File> file = fs_.open(path, FileSystem::kRead);
+    int64_t length = -1;
+    try {
+        length = lengthFrom(*file);
+    } catch (const kel::exception::UnableToConvert&) {
+        // Torn by a rewrite, perhaps: only a name that held still tells.
+    }
+    const FileSystem::Status now = fs_.stat(path);
+    const kel::osdep::File::Identity read = file->identity();
+    if (!now.exists || now.device != read.device || now.inode != read.inode) {
+        return -1;
+    }
+    if (length < 0) {
+        ZQ_THROW(UnableToConvert);
+    }
+    return length;
+}
+
 CommitMarks::Mark CommitMarks::findNewest() {
+    forgetSpare();
     const auto marks = list();
     Mark newest;
     for (const auto& [generation, path] : marks) {
@@ -147,8 +175,13 @@ CommitMarks::Mark CommitMarks::peekNewest() {
             return Mark();
         }
         try {
-            newest.committedLength = readLength(pathOf(newest.generation));
-            return newest;
+            newest.committedLength = readLengthUnlocked(pathOf(newest.generation));
+            if (newest.committedLength >= 0) {
+                return newest;
+            }
+            if (attempt == kAttempts) {
+                return Mark();  // the caller looks again later
+            }
         } catch (const kel::osdep::PosixError& e) {
             if (e.osErrorCode() != ENOENT || attempt == kAttempts) {
                 throw;
@@ -165,7 +198,15 @@ int64_t CommitMarks::lengthIn(const WString& path) {
     }
 }
 
-void CommitMarks::removeAllBut(int64_t keep) { removeListedBut(list(), keep); }
+void CommitMarks::removeAllBut(int64_t keep) {
+    forgetSpare();
+    removeListedBut(list(), keep);
+}
+
+void CommitMarks::forgetSpare() {
+    writtenGeneration_ = 0;
+    spareKnown_ = false;
+}
 
 void CommitMarks::removeListedBut(const std::vector<std::pair<int64_t, WString>>& marks,
                                   int64_t keep) {
@@ -176,22 +217,79 @@ void CommitMarks::removeListedBut(const std::vector<std::pair<int64_t, WString>>
     }
 }
 
-void CommitMarks::write(int64_t generation, int64_t committedLength, Durability durability) {
-    AtomicFileWriter writer(fs_, pathOf(generation), contentFor(committedLength), options_,
-                            spareMarkPath());
-    if (durability == kDurable) {
-        writer.publish();
-    } else {
-        writer.publishVisible();
+std::unique_ptr<kel::osdep::File> CommitMarks::takeSpare() {
+    if (!spareKnown_) {
+        return nullptr;
     }
+    spareKnown_ = false;
+    std::unique_ptr<kel::osdep::File> file;
+    try {
+        file = fs_.open(spareMarkPath(), FileSystem::kReadWrite);
+        if (file->identity() == spare_) {
+            return file;
+        }
+    } catch (const kel::osdep::PosixError&) {
+        // Gone or unusable: a fresh file serves instead.
+    }
+    return nullptr;
+}
+
+void CommitMarks::write(int64_t generation, int64_t committedLength, Durability durability) {
+    const bool follows =
+        durability == kVisible && generation > 1 && writtenGeneration_ == generation - 1;
+    const kel::osdep::File::Identity previous = written_;
+    const kel::osdep::File::Identity spareIdentity = spare_;
+    std::unique_ptr<kel::osdep::File> spare = follows ? takeSpare() : nullptr;
+    // Until this write is done a failure may leave any file under any name.
+    forgetSpare();
+    const WString path = pathOf(generation);
+    const std::string bytes = contentFor(committedLength);
+    kel::osdep::File::Identity written;
+    if (spare) {
+        try {
+            spare->writeAt(0, bytes.data(), bytes.size());
+            if (spare->size() > static_cast<int64_t>(bytes.size())) {
+                spare->truncate(static_cast<int64_t>(bytes.size()));
+            }
+            spare->close();
+            fs_.rename(spareMarkPath(), path);
+        } catch (...) {
+            spare.reset();
+            try {
+                fs_.removeFile(spareMarkPath(), FileSystem::kRemoveIfPresent);
+            } catch (...) {
+                // The first failure is the one to report.
+            }
+            throw;
+        }
+        written = spareIdentity;
+    } else {
+        AtomicFileWriter writer(fs_, path, bytes, options_, spareMarkPath());
+        written = writer.identity();
+        if (durability == kDurable) {
+            writer.publish();
+        } else {
+            writer.publishVisible();
+        }
+    }
+    bool parked = false;
     if (generation > 1) {
         try {
-            fs_.removeFile(pathOf(generation - 1), FileSystem::kRemoveIfPresent);
+            if (follows) {
+                fs_.rename(pathOf(generation - 1), spareMarkPath());
+                parked = true;
+            } else {
+                fs_.removeFile(pathOf(generation - 1), FileSystem::kRemoveIfPresent);
+            }
         } catch (const kel::exception::Exception&) {
             // It stays: the new mark is in place, and an old one only costs
             // the next open a removal.
         }
     }
+    writtenGeneration_ = generation;
+    written_ = written;
+    spareKnown_ = parked;
+    spare_ = previous;
 }
 
 }  // namespace orvane

@@ -2,10 +2,12 @@
 #define ZQ_ORVANE_COMMITMARKS_H
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "kel/osdep/File.h"
 #include "kel/osdep/FileSystem.h"
 #include "zq/kel/StringBase.h"
 
@@ -55,8 +57,19 @@ class CommitMarks {
     // harmless, as the next open removes it. A durable mark is synced with
     // its directory. A visible one is not: the data it describes is durable
     // already, and an open that finds it lost rolls forward over that data.
+    //
+    // A visible mark that follows one this object wrote moves that one
+    // aside as the spare and writes the next mark into it: on ext4 a file
+    // created and one freed per commit cost more than the data sync
+    // itself. The spare is rewritten only under the spare's name, and
+    // within one run of generations no file comes back to a mark's name it
+    // left, so a reader that finds the name still leading to the file it
+    // read (peekNewest) has read a whole mark.
     enum Durability { kDurable, kVisible };
     void write(int64_t generation, int64_t committedLength, Durability durability);
+    // Whatever this object knew of the marks and the spare no longer holds:
+    // another process may have changed them, or the generations restart.
+    void forgetSpare();
     // The content of a mark file as the store writes it.
     static std::string contentFor(int64_t committedLength);
 
@@ -65,10 +78,21 @@ class CommitMarks {
     std::vector<std::pair<int64_t, kel::WString>> list(bool skipStrangers = false);
     void removeListedBut(const std::vector<std::pair<int64_t, kel::WString>>& marks, int64_t keep);
     int64_t readLength(const kel::WString& path);
+    // The length in a mark that a commit may be rewriting under the lock:
+    // read again when the name no longer leads to the file read.
+    int64_t readLengthUnlocked(const kel::WString& path);
+    // The spare this object moved aside, open, or null when there is none.
+    std::unique_ptr<kel::osdep::File> takeSpare();
 
     kel::osdep::FileSystem& fs_;
     kel::WString directory_;
     const Options* options_;
+    // The mark this object wrote last, and the file it moved aside as the
+    // spare; generation 0 or a false `spareKnown_`: none.
+    int64_t writtenGeneration_ = 0;
+    kel::osdep::File::Identity written_;
+    bool spareKnown_ = false;
+    kel::osdep::File::Identity spare_;
 };
 
 // Base-10 signed 64-bit text, whole; UnableToConvert otherwise.

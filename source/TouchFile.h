@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "kel/osdep/File.h"
 #include "kel/osdep/FileSystem.h"
 #include "zq/kel/StringBase.h"
 
@@ -34,6 +35,9 @@ class AtomicFileWriter {
     ~AtomicFileWriter();
     AtomicFileWriter(const AtomicFileWriter&) = delete;
     AtomicFileWriter& operator=(const AtomicFileWriter&) = delete;
+
+    // Of the file written, for a caller that wants to know it again.
+    kel::osdep::File::Identity identity() { return file_->identity(); }
 
     void publish();
     // Renames without a sync: other processes see the whole file at once,

@@ -4,9 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <map>
 #include <memory>
 
 #include "kel/osdep/SimulatedFileSystem.h"
+#include "source/CommitMarks.h"
 #include "source/SingleFileBucketStore.h"
 #include "source/StoreTestSupport.h"
 
@@ -30,7 +32,7 @@ class HookedFileSystem : public FileSystem {
 
     std::unique_ptr<File> open(const WString& path, uint32_t flags, uint32_t permissions) override {
         step();
-        return inner_.open(path, flags, permissions);
+        return std::make_unique<HookedFile>(*this, inner_.open(path, flags, permissions));
     }
     Status stat(const WString& path) override {
         step();
@@ -64,6 +66,33 @@ class HookedFileSystem : public FileSystem {
     uint64_t calls() const { return calls_; }
 
   private:
+    // A read is a step too: a mark may be rewritten between its open and its read.
+    class HookedFile : public File {
+      public:
+        HookedFile(HookedFileSystem& fs, std::unique_ptr<File> inner)
+            : fs_(fs), inner_(std::move(inner)) {}
+        size_t readAt(int64_t offset, void* buffer, size_t count) override {
+            fs_.step();
+            return inner_->readAt(offset, buffer, count);
+        }
+        void writeAt(int64_t offset, const void* buffer, size_t count) override {
+            inner_->writeAt(offset, buffer, count);
+        }
+        void sync() override { inner_->sync(); }
+        void truncate(int64_t length) override { inner_->truncate(length); }
+        int64_t size() override { return inner_->size(); }
+        Identity identity() override { return inner_->identity(); }
+        void changeOwner(uint32_t user, uint32_t group) override {
+            inner_->changeOwner(user, group);
+        }
+        void changeMode(uint32_t permissions) override { inner_->changeMode(permissions); }
+        void close() override { inner_->close(); }
+
+      private:
+        HookedFileSystem& fs_;
+        std::unique_ptr<File> inner_;
+    };
+
     void step() {
         if (armed_ && ++calls_ == at_) {
             hook_();
@@ -129,6 +158,65 @@ TEST(StoreRefreshTest, AnotherProcessCompactingAtAnyStepNeverTakesTheViewBack) {
         ASSERT_EQ(status.getCode(), 0);
     }
     EXPECT_GT(calls, 2u);
+}
+
+// A commit writes its mark into the file of the mark before last: a reader
+// that opened that file as the older mark and reads it after the rewrite
+// must not take the new length for the old generation.
+TEST(StoreRefreshTest, AMarkRewrittenWhileReadIsReadAgain) {
+    uint64_t calls = 0;
+    for (uint64_t at = 1; at == 1 || at <= calls + 1; ++at) {
+        SimulatedFileSystem fs;
+        fs.makeDirectory(kDir, 0777);
+        SingleFileBucketStore writer(kDir, nullptr, fs);
+        StatusChain status = okStatus();
+        writer.open(0, status);
+        std::map<int64_t, int64_t> lengths;  // generation: committed length
+        auto commit = [&](int32_t value) {
+            commitX(writer, value);
+            const SingleFileBucketStore::Facts facts = writer.facts();
+            lengths[facts.generation] = facts.committedLength;
+        };
+        for (int32_t value = 0; value < 4; ++value) {
+            commit(value);
+        }
+        HookedFileSystem hooked(fs, at, [&] {
+            commit(10);
+            commit(11);
+        });
+        orvane::CommitMarks reader(hooked, kDir, nullptr);
+        hooked.arm();
+        const orvane::CommitMarks::Mark mark = reader.peekNewest();
+        if (at == 1) {
+            calls = hooked.calls();
+        }
+        ASSERT_EQ(status.getCode(), 0);
+        if (mark.generation == 0) {
+            continue;  // nothing settled: the caller looks again
+        }
+        ASSERT_EQ(lengths.count(mark.generation), 1u) << "hook at call " << at;
+        EXPECT_EQ(mark.committedLength, lengths[mark.generation]) << "hook at call " << at;
+    }
+    EXPECT_GT(calls, 2u);
+}
+
+// Consecutive commits move marks instead of creating and removing files.
+TEST(StoreRefreshTest, ConsecutiveCommitsReuseTheMarkBeforeLast) {
+    SimulatedFileSystem fs;
+    fs.makeDirectory(kDir, 0777);
+    SingleFileBucketStore writer(kDir, nullptr, fs);
+    StatusChain status = okStatus();
+    writer.open(0, status);
+    commitX(writer, 1);
+    commitX(writer, 2);
+    orvane::CommitMarks marks(fs, kDir, nullptr);
+    const FileSystem::Status spare = fs.stat(marks.spareMarkPath());
+    ASSERT_TRUE(spare.exists);
+    commitX(writer, 3);
+    ASSERT_EQ(status.getCode(), 0);
+    const FileSystem::Status mark = fs.stat(marks.pathOf(writer.facts().generation));
+    EXPECT_EQ(mark.inode, spare.inode);
+    EXPECT_EQ(marks.peekNewest().committedLength, writer.facts().committedLength);
 }
 
 // A writer that finds the data file renamed away by a compaction that died
