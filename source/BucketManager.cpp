@@ -430,7 +430,16 @@ void BucketManager::reloadCaches(int32_t code, StatusChain& status) {
         readCache_->clearTo(store_->viewVersion());
         updateCache_->clear();
         const WString root(L"/");
-        AutoRef<IBucket> held = store_->readBucket(root, status);
+        StatusChain read;
+        read.clear();
+        AutoRef<IBucket> held = store_->readBucket(root, read);
+        if (read.getCode() == status::kOutsideFile) {
+            // A root behind damage: what newer segments hold is still
+            // served, and the open says so.
+            status.setCode(status::kStoreDamaged);
+            return;
+        }
+        status.merge(read);
         if (status.isFatal()) {
             return;
         }

@@ -449,9 +449,11 @@ void SingleFileBucketStore::copyFile(const WString& from, const WString& to) {
 int64_t SingleFileBucketStore::verifiedBelow(File& file, const File::Identity& identity,
                                              int64_t limit) const {
     int64_t below = verified_.holdsFor(file, identity, limit);
+    // Another process's word holds only for a file nothing wrote to since:
+    // every writer notes again after each of its commits.
     kel::osdep::SharedCounter::FileNote note;
     if (notes_ != nullptr && notes_->findNote(identity.device, identity.inode, note) &&
-        note.length > below) {
+        note.changed == identity.changed && note.length > below) {
         VerifiedPrefix noted;
         noted.file = identity;
         noted.length = note.length;
@@ -468,6 +470,7 @@ void SingleFileBucketStore::noteVerified() noexcept {
     kel::osdep::SharedCounter::FileNote note;
     note.device = verified_.file.device;
     note.inode = verified_.file.inode;
+    note.changed = verified_.file.changed;
     note.length = verified_.length;
     std::memcpy(note.digest, verified_.checksum.data(), sizeof note.digest);
     notes_->putNote(note);
@@ -631,11 +634,6 @@ void SingleFileBucketStore::commit(const UpdatedBuckets& updated, const DeletedN
         // mark written, and nothing from here on can fail: the commit is made.
         index_.apply(staged);
         ++generation_;
-        if (verified_.length == committedLength_) {
-            // Written here, from memory.
-            verified_ = VerifiedPrefix::of(fileIdentity_, end, segment.data() + segment.size());
-            noteVerified();
-        }
         committedLength_ = end;
         rememberSignature();
         viewChanged();
@@ -711,10 +709,18 @@ std::vector<unsigned char> SingleFileBucketStore::buildSegment(
 // forward over the segment.
 void SingleFileBucketStore::appendSegment(const std::vector<unsigned char>& segment, int64_t end) {
     const int64_t start = committedLength_;
+    const VerifiedPrefix verified = verified_;
     try {
         file_->writeAt(start, segment.data(), segment.size());
         file_->sync();
+        // Written here, from memory. Noted before the mark names it, so
+        // that a process the mark sends to the file finds the note.
+        if (verified_.length == start) {
+            verified_ = VerifiedPrefix::of(file_->identity(), end, segment.data() + segment.size());
+            noteVerified();
+        }
     } catch (...) {
+        verified_ = verified;
         rollBackAppend(start, false);
         throw;
     }
@@ -722,6 +728,7 @@ void SingleFileBucketStore::appendSegment(const std::vector<unsigned char>& segm
         marks_.write(generation_ + 1, end, CommitMarks::kVisible);
     } catch (...) {
         // Other processes would never see this commit: it must not stand.
+        verified_ = verified;
         rollBackAppend(start, true);
         throw;
     }

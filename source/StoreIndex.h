@@ -82,7 +82,7 @@ bool segmentVerifies(kel::osdep::File& file, int64_t start, int64_t end);
 // the same bytes apart from a file cut and written again since, or another
 // file on a reused inode.
 struct VerifiedPrefix {
-    kel::osdep::File::Identity file;
+    kel::osdep::File::Identity file;  // its change time: when it was noted
     int64_t length = 0;
     DigestKey checksum{};
 

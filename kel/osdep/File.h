@@ -35,6 +35,9 @@ class File {
     struct Identity {
         uint64_t device = 0;
         uint64_t inode = 0;
+        // When the file's bytes or attributes last changed (nanoseconds);
+        // not part of the identity.
+        int64_t changed = 0;
         bool operator==(const Identity& other) const {
             return device == other.device && inode == other.inode;
         }

@@ -138,6 +138,7 @@ class PosixFile : public File {
         Identity id;
         id.device = static_cast<uint64_t>(info.st_dev);
         id.inode = static_cast<uint64_t>(info.st_ino);
+        id.changed = static_cast<int64_t>(info.st_ctim.tv_sec) * 1000000000 + info.st_ctim.tv_nsec;
         return id;
     }
 

@@ -43,6 +43,7 @@ class SharedCounter {
     struct FileNote {
         uint64_t device = 0;
         uint64_t inode = 0;
+        int64_t changed = 0;  // the file's change time when noted
         int64_t length = 0;
         unsigned char digest[32] = {};
     };

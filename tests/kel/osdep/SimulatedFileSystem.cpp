@@ -87,6 +87,7 @@ class SimulatedFile : public File {
         const auto hold = enter(0, SimulatedFileSystem::kSizeCall, "identity " + path_);
         Identity id;
         id.inode = reinterpret_cast<uintptr_t>(node_.get());
+        id.changed = node_->changes;
         return id;
     }
 
