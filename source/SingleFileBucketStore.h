@@ -77,7 +77,19 @@ class SingleFileBucketStore : public IBucketStore {
     bool isOpen() const { return open_; }
 
   private:
-    struct Signature;
+    // What a stat of "registry.bin" says; when it has not changed, no other
+    // process has committed or compacted: a commit always moves the end of
+    // the file, a compaction or a purge gives it a new inode, and the inode
+    // this process holds open cannot be reused meanwhile.
+    struct Signature {
+        kel::osdep::FileSystem::Status status;
+
+        bool operator==(const kel::osdep::FileSystem::Status& other) const {
+            return status.exists && other.exists && status.device == other.device &&
+                   status.inode == other.inode && status.size == other.size &&
+                   status.modifiedNanoseconds == other.modifiedNanoseconds;
+        }
+    };
 
     // The file steps of an open and the index load; throws.
     void openFiles();
