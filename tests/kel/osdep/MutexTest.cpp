@@ -40,7 +40,8 @@ bool inChild(const std::function<bool()>& body) {
 bool otherProcessCanLock(const WString& name) {
     return inChild([&] {
         Mutex other(name);
-        return other.tryLock();
+        const bool got = other.tryLock();
+        return got && other.unlock();
     });
 }
 
