@@ -53,11 +53,12 @@ uint32_t updateCacheLimit(const Options& options) {
 }
 
 // Holds the process lock for the scope: files are changed by one process at
-// a time.
+// a time. The hold is the manager's, like a transaction's, so it nests in an
+// open transaction of this manager whatever thread began that.
 class ProcessLockHold {
   public:
-    explicit ProcessLockHold(kel::osdep::Mutex& lock) : lock_(lock) { lock_.lock(); }
-    ~ProcessLockHold() { lock_.unlock(); }
+    explicit ProcessLockHold(kel::osdep::Mutex& lock) : lock_(lock) { lock_.lockForObject(); }
+    ~ProcessLockHold() { lock_.unlockForObject(); }
     ProcessLockHold(const ProcessLockHold&) = delete;
     ProcessLockHold& operator=(const ProcessLockHold&) = delete;
 
@@ -218,11 +219,11 @@ void BucketManager::runDebugComparison() {
 
 BucketManager::~BucketManager() {
     // An open transaction ends with the manager: its pending changes are
-    // dropped and the process lock goes back.
+    // dropped and the process lock goes back, whichever thread runs this.
     std::lock_guard<std::recursive_mutex> hold(transactionMutex_);
     if (!transactionId_.isNull() && processLock_) {
         transactionId_ = Guid();
-        processLock_->unlock();
+        processLock_->unlockForObject();
     }
     delete changes_.load();
 }
@@ -239,7 +240,8 @@ bool BucketManager::beginTransaction(Guid& id, StatusChain& status) {
 
 // The wait for the process lock happens without the transaction mutex: other
 // threads are not held up while another process commits, and the locks are
-// always taken in one order (process lock, then transaction mutex).
+// always taken in one order (process lock, then transaction mutex). The hold
+// is the manager's, not this thread's: any thread may commit and end.
 bool BucketManager::beginTransaction(bool wait, Guid& id, StatusChain& status) {
     return guarded(status, kManagerCodes, [&] {
         {
@@ -255,7 +257,8 @@ bool BucketManager::beginTransaction(bool wait, Guid& id, StatusChain& status) {
         }
         bool locked = false;
         try {
-            locked = wait ? (processLock_->lock(), true) : processLock_->tryLock();
+            locked =
+                wait ? (processLock_->lockForObject(), true) : processLock_->tryLockForObject();
         } catch (...) {
             std::lock_guard<std::recursive_mutex> hold(transactionMutex_);
             beginning_ = false;
@@ -273,13 +276,13 @@ bool BucketManager::beginTransaction(bool wait, Guid& id, StatusChain& status) {
             caught.clear();
             catchUp(caught);
             if (caught.isFatal()) {
-                processLock_->unlock();
+                processLock_->unlockForObject();
                 status.setCode(caught.getCode());
                 return false;
             }
             transactionId_ = Guid::generate();
         } catch (...) {
-            processLock_->unlock();
+            processLock_->unlockForObject();
             status.setCode(status::kUnexpected);
             return false;
         }
@@ -297,7 +300,7 @@ bool BucketManager::endTransaction(const Guid& id, StatusChain& status) {
         }
         updateCache_->clear();
         transactionId_ = Guid();
-        processLock_->unlock();
+        processLock_->unlockForObject();
         return true;
     });
 }
@@ -467,7 +470,12 @@ void BucketManager::purgeStore() {
     if (!store_ || readOnly_) {
         return;
     }
+    // Inside an open transaction of this manager, begun on any thread, the
+    // purge runs under that transaction's hold and between its operations;
+    // the transaction stays open, and what it had pending goes with the files.
     ProcessLockHold hold(*processLock_);
+    std::lock_guard<std::recursive_mutex> transaction(transactionMutex_);
+    updateCache_->clear();
     kel::osdep::SharedCounter::Change change(changeCounter());
     store_->close(local);
     const WString reference =

@@ -27,6 +27,8 @@ class RecursiveMutex {
     // False, changing nothing, when the calling thread does not hold it.
     bool unlock();
     bool heldByCaller() const;
+    // How many times the calling thread holds it; 0 for any other thread.
+    int32_t depthOfCaller() const { return heldByCaller() ? count_ : 0; }
     bool priorityInheritance() const { return inherit_; }
 
     // For a child process after fork: every hold belonged to the parent.

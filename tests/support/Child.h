@@ -52,6 +52,22 @@ inline int inChild(const std::function<int()>& body) {
     return exitCodeOf(pid);
 }
 
+// As inChild, but `body` must end within `seconds`: the child's alarm ends a
+// hung body, and the parent kills a child that outlives even that.
+inline int inChildWithin(int seconds, const std::function<int()>& body) {
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::alarm(static_cast<unsigned>(seconds));
+        int code = 99;
+        try {
+            code = body();
+        } catch (...) {
+        }
+        ::_exit(code);
+    }
+    return exitCodeWithin(pid, seconds + 5);
+}
+
 }  // namespace test
 }  // namespace zq
 

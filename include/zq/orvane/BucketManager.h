@@ -33,12 +33,21 @@ class Options;
 // The one bucket manager of a process. Declared here so that clients reach
 // its exported member: static_cast<BucketManager*>(manager.get())->purgeStore().
 //
-// Locks, always in this order: the process lock (held from begin to end of a
-// transaction, and around every change of files), the transaction mutex
-// (guards the transaction id, update mode and the update cache's contents
+// Safe for concurrent use by the threads of a process. Locks, always in this
+// order: the process lock (held from begin to end of a transaction, and
+// around every change of files), the transaction mutex (guards
+// transactionId_, updateMode_, beginning_ and the update cache's contents
 // between operations; never held while waiting for another process), the
 // update cache's mutex, the read cache's mutex, the store's lock. Lookups
 // take only the caches' and the store's own locks.
+//
+// Every hold of the process lock is the manager's, not a thread's
+// (Mutex::lockForObject): a transaction may be begun, continued, committed
+// and ended on different threads, and the scoped holds around file changes
+// (purgeStore, the root's creation) nest in an open transaction's hold
+// whatever thread began it. Such holds keep each other out through the
+// transaction mutex, which each takes next (the open at construction excepted:
+// no other thread sees the manager yet).
 class ZQ_EXPORT BucketManager
     : public kel::RefCountedImplementation<IBucketManager, kel::RefCountedThreadSafePolicy> {
   public:
@@ -117,7 +126,9 @@ class ZQ_EXPORT BucketManager
                                          kel::StatusChain& status) override;
 
     // Empties the data directory but for the debug files and reopens an
-    // empty store. Only file-layer exceptions reach the caller.
+    // empty store. Only file-layer exceptions reach the caller. Called while
+    // a transaction of this manager is open (on any thread), it runs inside
+    // that transaction, which stays open and loses what it had pending.
     ZQ_EXPORT void purgeStore();
 
     // Whether the registry was opened for reading only (asked for, or no
@@ -163,6 +174,8 @@ class ZQ_EXPORT BucketManager
     std::unique_ptr<IBucketStore> store_;
     kel::AutoRef<BucketCache> readCache_;
     kel::AutoRef<BucketUpdateCache> updateCache_;
+    // Its holds are this manager's (the open transaction's and the scoped
+    // ones); set once at construction.
     std::unique_ptr<kel::osdep::Mutex> processLock_;
     // Moves with every change of the files by any process; set once, under
     // the process lock after construction, null while it could not be mapped.

@@ -10,7 +10,10 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
+#include <cstring>
 #include <functional>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -37,7 +40,8 @@ bool inChild(const std::function<bool()>& body) {
 bool otherProcessCanLock(const WString& name) {
     return inChild([&] {
         Mutex other(name);
-        return other.tryLock();
+        const bool got = other.tryLock();
+        return got && other.unlock();
     });
 }
 
@@ -188,6 +192,183 @@ TEST_F(MutexTest, ProcessesAndThreadsNeverLoseAnIncrement) {
     uint64_t value = 0;
     memcpy(&value, bytes.data(), sizeof value);
     EXPECT_EQ(value, 2000u);
+}
+
+// A hold taken for the object on one thread and released on another leaves
+// nothing held: the threads that come next, and other processes, get in.
+TEST_F(MutexTest, ObjectHoldTakenOnOneThreadEndsOnAnother) {
+    const int code = test::inChildWithin(20, [&] {
+        Mutex mutex(kName);
+        Mutex other(kName);
+        bool ok = true;
+        std::thread([&] { ok = mutex.tryLockForObject(); }).join();
+        ok = ok && mutex.objectHoldCount() == 1 && other.objectHoldCount() == 0;
+        ok = ok && !otherProcessCanLock(kName);
+        // Another thread's own hold, and another object's, are kept out.
+        std::thread([&] {
+            ok = ok && !mutex.tryLock() && !other.tryLockForObject() && !other.unlockForObject();
+            ok = ok && !mutex.unlock();
+            // The object's hold nests, from any thread.
+            ok = ok && mutex.tryLockForObject() && mutex.holdCount() == 2;
+        }).join();
+        std::thread([&] { ok = ok && mutex.unlockForObject(); }).join();
+        ok = ok && !otherProcessCanLock(kName);
+        std::thread([&] { ok = ok && mutex.unlockForObject() && !mutex.unlockForObject(); }).join();
+        ok = ok && mutex.holdCount() == 0 && otherProcessCanLock(kName);
+        std::thread([&] {
+            mutex.lock();  // hangs when a hold was left behind
+            ok = ok && other.tryLock();
+            ok = ok && mutex.unlock() && other.unlock();
+        }).join();
+        other.lockForObject();
+        ok = ok && !otherProcessCanLock(kName);
+        ok = ok && other.unlockForObject() && otherProcessCanLock(kName);
+        return ok ? 0 : 1;
+    });
+    EXPECT_EQ(code, 0);
+}
+
+// A thread's lock() waits for an object's hold, which another thread ends.
+TEST_F(MutexTest, ThreadWaitsForAnObjectHoldUntilAnotherThreadEndsIt) {
+    const int code = test::inChildWithin(20, [&] {
+        Mutex mutex(kName);
+        mutex.lockForObject();
+        std::atomic<bool> got{false};
+        std::thread waiter([&] {
+            Mutex own(kName);
+            own.lock();
+            got = true;
+            own.unlock();
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        const bool keptOut = !got;
+        std::thread([&] { mutex.unlockForObject(); }).join();
+        waiter.join();
+        return keptOut && got && mutex.holdCount() == 0 ? 0 : 1;
+    });
+    EXPECT_EQ(code, 0);
+}
+
+// An object's taker waits for a thread's hold; the thread's own nested hold
+// does not wait for the object's hold it let in.
+TEST_F(MutexTest, ObjectHoldWaitsForAThreadHold) {
+    const int code = test::inChildWithin(20, [&] {
+        Mutex mutex(kName);
+        Mutex object(kName);
+        mutex.lock();
+        std::atomic<bool> got{false};
+        std::thread taker([&] {
+            object.lockForObject();
+            got = true;
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        bool ok = !got;
+        mutex.unlock();
+        taker.join();
+        ok = ok && got && !otherProcessCanLock(kName) && !mutex.tryLock();
+        std::thread([&] { ok = ok && object.unlockForObject(); }).join();
+        // The same thread holding both kinds at once: the file lock stays
+        // until the last of them ends.
+        mutex.lock();
+        ok = ok && object.tryLockForObject() && mutex.unlock();
+        ok = ok && !otherProcessCanLock(kName);
+        ok = ok && object.unlockForObject() && otherProcessCanLock(kName);
+        return ok ? 0 : 1;
+    });
+    EXPECT_EQ(code, 0);
+}
+
+TEST_F(MutexTest, ObjectHoldsGoWithTheObjectAndNotIntoAChild) {
+    auto* mutex = new Mutex(kName);
+    mutex->lockForObject();
+    mutex->lockForObject();
+    EXPECT_TRUE(inChild([&] {
+        return mutex->objectHoldCount() == 0 && mutex->holdCount() == 0 &&
+               !mutex->tryLockForObject() && !mutex->tryLock();
+    }));
+    delete mutex;
+    EXPECT_TRUE(otherProcessCanLock(kName));
+    Mutex again(kName);
+    EXPECT_EQ(again.holdCount(), 0);
+    EXPECT_TRUE(again.tryLock());
+    EXPECT_TRUE(again.unlock());
+}
+
+// 3 processes, each with a thread taking thread holds and a pair of threads
+// passing object holds from one to the other, add 1 to a counter in a file.
+TEST_F(MutexTest, ConcurrentObjectAndThreadHoldsNeverLoseAnIncrement) {
+    const std::string counter = dir_.file("counter");
+    dir_.write("counter", std::string(8, '\0'));
+    constexpr int kProcesses = 3;
+    constexpr int kEach = 300;  // per kind of hold and process
+    auto add = [](int fd) {
+        uint64_t value = 0;
+        bool ok = pread(fd, &value, sizeof value, 0) == sizeof value;
+        std::this_thread::yield();
+        ++value;
+        return ok && pwrite(fd, &value, sizeof value, 0) == sizeof value;
+    };
+    auto work = [&] {
+        const int fd = open(counter.c_str(), O_RDWR);
+        std::atomic<bool> ok{fd >= 0};
+        Mutex shared(kName);
+        std::mutex handMutex;
+        std::condition_variable handed;
+        int inHand = 0;  // object holds taken by the first thread, not yet ended
+        std::thread own([&] {
+            Mutex mutex(kName);
+            for (int i = 0; i < kEach; ++i) {
+                mutex.lock();
+                ok = add(fd) && ok;
+                mutex.unlock();
+            }
+        });
+        std::thread taker([&] {
+            for (int i = 0; i < kEach; ++i) {
+                std::unique_lock<std::mutex> hand(handMutex);
+                handed.wait(hand, [&] { return inHand == 0; });
+                hand.unlock();
+                shared.lockForObject();
+                ok = add(fd) && ok;
+                hand.lock();
+                inHand = 1;
+                handed.notify_all();
+            }
+        });
+        std::thread ender([&] {
+            for (int i = 0; i < kEach; ++i) {
+                std::unique_lock<std::mutex> hand(handMutex);
+                handed.wait(hand, [&] { return inHand == 1; });
+                hand.unlock();
+                ok = add(fd) && ok;  // still under the taker's hold
+                ok = shared.unlockForObject() && ok;
+                hand.lock();
+                inHand = 0;
+                handed.notify_all();
+            }
+        });
+        own.join();
+        taker.join();
+        ender.join();
+        close(fd);
+        return ok.load() ? 0 : 1;
+    };
+    std::vector<pid_t> children;
+    for (int p = 0; p < kProcesses; ++p) {
+        const pid_t child = fork();
+        if (child == 0) {
+            alarm(60);
+            _exit(work());
+        }
+        children.push_back(child);
+    }
+    for (pid_t child : children) {
+        EXPECT_EQ(test::exitCodeWithin(child, 70), 0);
+    }
+    const std::string bytes = dir_.read("counter");
+    uint64_t value = 0;
+    memcpy(&value, bytes.data(), sizeof value);
+    EXPECT_EQ(value, uint64_t{kProcesses} * kEach * 3);
 }
 
 TEST(RecursiveMutexTest, PriorityInheritanceExactlyOnARealtimeKernel) {
