@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cstddef>
 #include <cerrno>
 #include <cstring>
 
@@ -22,6 +23,7 @@ namespace osdep {
 struct SharedCounter::Slot {
     uint32_t sequence;
     uint32_t unused;
+    // The payload: boot id and note, contiguous, whole words.
     unsigned char boot[16];
     FileNote note;
 };
@@ -116,17 +118,43 @@ uint32_t SharedCounter::endChange() { return __atomic_add_fetch(word_, 1u, __ATO
 
 SharedCounter::Slot* SharedCounter::slotFor(uint64_t device, uint64_t inode) const {
     static_assert(kNotesAt + kSlots * sizeof(Slot) <= kMappedSize, "the notes fit the page");
+    static_assert(offsetof(Slot, note) == offsetof(Slot, boot) + sizeof(Slot::boot) &&
+                      sizeof(FileNote) % sizeof(uint32_t) == 0,
+                  "the payload is whole words");
     auto* slots = reinterpret_cast<Slot*>(reinterpret_cast<unsigned char*>(word_) + kNotesAt);
     return &slots[(inode * 31 + device) % kSlots];
 }
+
+namespace {
+
+// The slot's note and boot id move word by word, each word a release store
+// and an acquire load: a reader that saw the sequence before and after
+// unchanged and even read no word of a note being written.
+constexpr size_t kPayloadWords = (16 + sizeof(SharedCounter::FileNote)) / sizeof(uint32_t);
+
+void storeWords(uint32_t* to, const uint32_t* from) {
+    for (size_t i = 0; i < kPayloadWords; ++i) {
+        __atomic_store_n(&to[i], from[i], __ATOMIC_RELEASE);
+    }
+}
+
+void loadWords(uint32_t* to, const uint32_t* from) {
+    for (size_t i = 0; i < kPayloadWords; ++i) {
+        to[i] = __atomic_load_n(&from[i], __ATOMIC_ACQUIRE);
+    }
+}
+
+}  // namespace
 
 void SharedCounter::putNote(const FileNote& note) {
     Slot* slot = slotFor(note.device, note.inode);
     const uint32_t sequence = __atomic_load_n(&slot->sequence, __ATOMIC_RELAXED) | 1u;
     __atomic_store_n(&slot->sequence, sequence, __ATOMIC_RELAXED);
-    __atomic_thread_fence(__ATOMIC_RELEASE);
-    std::memcpy(slot->boot, bootId(), sizeof slot->boot);
-    std::memcpy(&slot->note, &note, sizeof note);
+    Slot written;
+    std::memcpy(written.boot, bootId(), sizeof written.boot);
+    written.note = note;
+    storeWords(reinterpret_cast<uint32_t*>(slot->boot),
+               reinterpret_cast<const uint32_t*>(written.boot));
     __atomic_store_n(&slot->sequence, sequence + 1, __ATOMIC_RELEASE);
 }
 
@@ -136,12 +164,12 @@ bool SharedCounter::findNote(uint64_t device, uint64_t inode, FileNote& note) co
     if (!isSettled(before)) {
         return false;
     }
-    unsigned char boot[sizeof slot->boot];
-    std::memcpy(boot, slot->boot, sizeof boot);
-    std::memcpy(&note, &slot->note, sizeof note);
-    __atomic_thread_fence(__ATOMIC_ACQUIRE);
+    Slot read;
+    loadWords(reinterpret_cast<uint32_t*>(read.boot),
+              reinterpret_cast<const uint32_t*>(slot->boot));
+    note = read.note;
     return __atomic_load_n(&slot->sequence, __ATOMIC_RELAXED) == before &&
-           std::memcmp(boot, bootId(), sizeof boot) == 0 && note.device == device &&
+           std::memcmp(read.boot, bootId(), sizeof read.boot) == 0 && note.device == device &&
            note.inode == inode;
 }
 
