@@ -16,16 +16,25 @@ namespace orvane {
 // The codes one public operation reports for what it catches; running out of
 // memory is always status::kOutOfMemory.
 struct ErrorCodes {
-    int32_t osFailure;   // an OSException (a system call failed)
-    int32_t kelFailure;  // any other support-library exception
-    int32_t unexpected;  // anything else
+    int32_t osFailure;       // an OSException (a system call failed)
+    int32_t kelFailure;      // any other support-library exception
+    int32_t unexpected;      // anything else
+    int32_t damage = 0;      // bytes that do not decode or run short; 0: kelFailure
+    int32_t conversion = 0;  // text that is not a number; 0: kelFailure
 };
 
 // Sets the code for the exception being handled. Called only from a catch
 // block; one copy of the dispatch serves every guarded operation.
 inline void reportCaughtException(kel::StatusChain& status, const ErrorCodes& codes) noexcept {
+    const auto orKel = [&codes](int32_t code) { return code != 0 ? code : codes.kelFailure; };
     try {
         throw;
+    } catch (const kel::exception::DeserializationError&) {
+        status.setCode(orKel(codes.damage));
+    } catch (const kel::exception::FileReadFailed&) {
+        status.setCode(orKel(codes.damage));
+    } catch (const kel::exception::UnableToConvert&) {
+        status.setCode(orKel(codes.conversion));
     } catch (const kel::osdep::OSException&) {
         status.setCode(codes.osFailure);
     } catch (const kel::exception::Exception&) {
