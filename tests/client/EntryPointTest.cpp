@@ -7,6 +7,7 @@
 #include <string>
 
 #include <zq/orvane/Orvane.h>
+#include "support/RegistryRoot.h"
 
 namespace {
 
@@ -21,17 +22,8 @@ namespace st = zq::orvane::status;
 
 class EntryPointTest : public testing::Test {
   protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/orvane_client_XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        root_ = pattern;
-        ::mkdir((root_ + "/shared").c_str(), 0777);
-        ::setenv("ZQKELTMPSHAREDFILEDIR", (root_ + "/shared").c_str(), 1);
-        ::setenv("ZQPUBAPPDATADIR", root_.c_str(), 1);
-    }
-    void TearDown() override { std::system(("rm -rf " + root_).c_str()); }
-
-    std::string root_;
+    zq::test::RegistryRoot dir_;
+    const std::string root_ = dir_.path();
 };
 
 TEST_F(EntryPointTest, VersionsOneAndTwoGiveTheSameObjectOthersNone) {

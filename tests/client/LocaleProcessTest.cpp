@@ -10,6 +10,7 @@
 #include <string>
 
 #include <zq/orvane/Orvane.h>
+#include "support/RegistryRoot.h"
 
 namespace {
 
@@ -26,16 +27,6 @@ constexpr int kNoLocale = 77;
 
 class LocaleProcessTest : public testing::Test {
   protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/orvane_locale_XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        root_ = pattern;
-        ::mkdir((root_ + "/shared").c_str(), 0777);
-        ::setenv("ZQKELTMPSHAREDFILEDIR", (root_ + "/shared").c_str(), 1);
-        ::setenv("ZQPUBAPPDATADIR", root_.c_str(), 1);
-    }
-    void TearDown() override { std::system(("rm -rf " + root_).c_str()); }
-
     AutoRef<IBucketManager> open() {
         StatusChain status;
         status.clear();
@@ -43,7 +34,8 @@ class LocaleProcessTest : public testing::Test {
                                                             WString(), status);
     }
 
-    std::string root_;
+    zq::test::RegistryRoot dir_;
+    const std::string root_ = dir_.path();
 };
 
 StatusChain fresh() {

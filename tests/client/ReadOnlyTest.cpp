@@ -16,7 +16,7 @@
 #include <string>
 
 #include "support/Child.h"
-#include "support/TempDir.h"
+#include "support/RegistryRoot.h"
 
 namespace {
 
@@ -82,10 +82,6 @@ bool becomeNobody() {
 class ReadOnlyTest : public testing::Test {
   protected:
     void SetUp() override {
-        ::chmod(dir_.path().c_str(), 0755);
-        ::mkdir(dir_.file("shared").c_str(), 0777);
-        ::setenv("ZQKELTMPSHAREDFILEDIR", dir_.file("shared").c_str(), 1);
-        ::setenv("ZQPUBAPPDATADIR", dir_.path().c_str(), 1);
         // The first writer makes the registry and its first commit.
         ASSERT_EQ(zq::test::inChild([this] {
                       StatusChain s = fresh();
@@ -119,7 +115,7 @@ class ReadOnlyTest : public testing::Test {
         });
     }
 
-    zq::test::TempDir dir_;
+    zq::test::RegistryRoot dir_;
 };
 
 TEST_F(ReadOnlyTest, AReaderWithoutWritePermissionReadsAndChangesNothing) {
