@@ -118,102 +118,107 @@ void commitX(SingleFileBucketStore& store, int32_t value) {
     ASSERT_EQ(status.getCode(), 0);
 }
 
+// A store directory on a simulated disk, and a writer on it.
+struct World {
+    World() {
+        fs.makeDirectory(kDir, 0777);
+        writer.open(0, status);
+    }
+    SimulatedFileSystem fs;
+    SingleFileBucketStore writer{kDir, nullptr, fs};
+    StatusChain status = okStatus();
+};
+
+// Runs `scenario` in a fresh world with its hook at every call in turn, up
+// to one past the number of calls the first run reported.
+template <class Scenario>
+void atEveryCall(Scenario&& scenario) {
+    uint64_t calls = 0;
+    for (uint64_t at = 1; at == 1 || at <= calls + 1; ++at) {
+        World world;
+        const uint64_t made = scenario(world, at);
+        if (at == 1) {
+            calls = made;
+        }
+        ASSERT_EQ(world.status.getCode(), 0);
+    }
+    EXPECT_GT(calls, 2u);
+}
+
 // Every segment of these files has the same size, so a compacted file
 // reaches the very generation and length that an older prefix of the file
 // it replaced had: only the file's identity tells the two apart.
 TEST(StoreRefreshTest, AnotherProcessCompactingAtAnyStepNeverTakesTheViewBack) {
-    uint64_t calls = 0;
-    for (uint64_t at = 1; at == 1 || at <= calls + 1; ++at) {
-        SimulatedFileSystem fs;
-        fs.makeDirectory(kDir, 0777);
-        SingleFileBucketStore writer(kDir, nullptr, fs);
-        StatusChain status = okStatus();
-        writer.open(0, status);
-        commitX(writer, 0);
-        commitX(writer, 1);
-        writer.compactNow(status);  // one segment: /x = 1, generation 1
+    atEveryCall([](World& w, uint64_t at) {
+        commitX(w.writer, 0);
+        commitX(w.writer, 1);
+        w.writer.compactNow(w.status);  // one segment: /x = 1, generation 1
 
-        HookedFileSystem hooked(fs, at, [&] {
-            writer.compactNow(status);  // generation 1 again, /x = 4
-            commitX(writer, 5);         // generation 2, the length /x = 2 had
+        HookedFileSystem hooked(w.fs, at, [&] {
+            w.writer.compactNow(w.status);  // generation 1 again, /x = 4
+            commitX(w.writer, 5);           // generation 2, the length /x = 2 had
         });
         SingleFileBucketStore reader(kDir, nullptr, hooked);
         StatusChain read = okStatus();
         reader.open(0, read);
-        commitX(writer, 2);
-        commitX(writer, 3);
+        commitX(w.writer, 2);
+        commitX(w.writer, 3);
         while (reader.refresh(read) == Refresh::kUnsettled) {
         }
-        ASSERT_EQ(valueOfX(reader), 3);
-        commitX(writer, 4);
+        EXPECT_EQ(valueOfX(reader), 3);
+        commitX(w.writer, 4);
 
         hooked.arm();
         while (reader.refresh(read) == Refresh::kUnsettled) {
         }
-        if (at == 1) {
-            calls = hooked.calls();
-        }
         EXPECT_EQ(read.getCode(), 0) << "hook at call " << at;
         EXPECT_GE(valueOfX(reader), 4) << "the view went back, hook at call " << at;
-        ASSERT_EQ(status.getCode(), 0);
-    }
-    EXPECT_GT(calls, 2u);
+        return hooked.calls();
+    });
 }
 
 // A commit writes its mark into the file of the mark before last: a reader
 // that opened that file as the older mark and reads it after the rewrite
 // must not take the new length for the old generation.
 TEST(StoreRefreshTest, AMarkRewrittenWhileReadIsReadAgain) {
-    uint64_t calls = 0;
-    for (uint64_t at = 1; at == 1 || at <= calls + 1; ++at) {
-        SimulatedFileSystem fs;
-        fs.makeDirectory(kDir, 0777);
-        SingleFileBucketStore writer(kDir, nullptr, fs);
-        StatusChain status = okStatus();
-        writer.open(0, status);
+    atEveryCall([](World& w, uint64_t at) {
         std::map<int64_t, int64_t> lengths;  // generation: committed length
         auto commit = [&](int32_t value) {
-            commitX(writer, value);
-            const SingleFileBucketStore::Facts facts = writer.facts();
+            commitX(w.writer, value);
+            const SingleFileBucketStore::Facts facts = w.writer.facts();
             lengths[facts.generation] = facts.committedLength;
         };
         for (int32_t value = 0; value < 4; ++value) {
             commit(value);
         }
-        HookedFileSystem hooked(fs, at, [&] {
+        HookedFileSystem hooked(w.fs, at, [&] {
             commit(10);
             commit(11);
         });
         orvane::CommitMarks reader(hooked, kDir, nullptr);
         hooked.arm();
         const orvane::CommitMarks::Mark mark = reader.peekNewest();
-        if (at == 1) {
-            calls = hooked.calls();
+        // No mark settled: the caller looks again.
+        if (mark.generation != 0) {
+            EXPECT_EQ(lengths.count(mark.generation), 1u) << "hook at call " << at;
+            EXPECT_EQ(mark.committedLength, lengths[mark.generation]) << "hook at call " << at;
         }
-        ASSERT_EQ(status.getCode(), 0);
-        if (mark.generation == 0) {
-            continue;  // nothing settled: the caller looks again
-        }
-        ASSERT_EQ(lengths.count(mark.generation), 1u) << "hook at call " << at;
-        EXPECT_EQ(mark.committedLength, lengths[mark.generation]) << "hook at call " << at;
-    }
-    EXPECT_GT(calls, 2u);
+        return hooked.calls();
+    });
 }
 
 // Consecutive commits move marks instead of creating and removing files.
 TEST(StoreRefreshTest, ConsecutiveCommitsReuseTheMarkBeforeLast) {
-    SimulatedFileSystem fs;
-    fs.makeDirectory(kDir, 0777);
-    SingleFileBucketStore writer(kDir, nullptr, fs);
-    StatusChain status = okStatus();
-    writer.open(0, status);
+    World w;
+    SimulatedFileSystem& fs = w.fs;
+    SingleFileBucketStore& writer = w.writer;
     commitX(writer, 1);
     commitX(writer, 2);
     orvane::CommitMarks marks(fs, kDir, nullptr);
     const FileSystem::Status spare = fs.stat(marks.spareMarkPath());
     ASSERT_TRUE(spare.exists);
     commitX(writer, 3);
-    ASSERT_EQ(status.getCode(), 0);
+    ASSERT_EQ(w.status.getCode(), 0);
     const FileSystem::Status mark = fs.stat(marks.pathOf(writer.facts().generation));
     EXPECT_EQ(mark.inode, spare.inode);
     EXPECT_EQ(marks.peekNewest().committedLength, writer.facts().committedLength);
@@ -223,11 +228,10 @@ TEST(StoreRefreshTest, ConsecutiveCommitsReuseTheMarkBeforeLast) {
 // half way finishes that compaction before it writes, and its commit lands
 // in the file named "registry.bin".
 TEST(StoreRefreshTest, AWriterNeverAppendsToAFileRenamedAway) {
-    SimulatedFileSystem fs;
-    fs.makeDirectory(kDir, 0777);
-    SingleFileBucketStore writer(kDir, nullptr, fs);
-    StatusChain status = okStatus();
-    writer.open(0, status);
+    World w;
+    SimulatedFileSystem& fs = w.fs;
+    SingleFileBucketStore& writer = w.writer;
+    StatusChain& status = w.status;
     commitX(writer, 1);
     commitX(writer, 2);
 
