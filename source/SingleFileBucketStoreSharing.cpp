@@ -86,9 +86,10 @@ void SingleFileBucketStore::settle(const FileSystem::Status& now) {
 
 namespace {
 
-// A compaction's swap is a few renames: a look that met one waits a little
-// and looks again, up to about a fifth of a second in all.
-constexpr int kRefreshAttempts = 8;
+// A compaction's swap is a few renames, each followed by a directory sync:
+// a look that met one waits a little and looks again, up to about a tenth
+// of a second in all.
+constexpr int kRefreshAttempts = 10;
 
 void pauseBeforeAttempt(int attempt) {
     if (attempt > 0) {
