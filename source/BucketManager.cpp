@@ -375,10 +375,24 @@ kel::osdep::SharedCounter& BucketManager::changeCounter() {
     return *counter;
 }
 
+// Under the process lock. Once the change ends, the files are as this
+// process left them and the count says so: its next transaction and its
+// lookups need not look at the files until the count moves again.
 void BucketManager::commitPending(StatusChain& status) {
     guarded(status, kManagerCodes, [&] {
-        kel::osdep::SharedCounter::Change change(changeCounter());
-        updateCache_->writeBack(*readCache_, *store_, status);
+        kel::osdep::SharedCounter& counter = changeCounter();
+        counter.beginChange();
+        try {
+            updateCache_->writeBack(*readCache_, *store_, status);
+        } catch (...) {
+            counter.endChange();
+            throw;
+        }
+        const uint32_t after = counter.endChange();
+        if (status.isNotFatal()) {
+            validated_.store(after, std::memory_order_release);
+            leftAt_ = after;
+        }
     });
 }
 
@@ -415,12 +429,25 @@ void BucketManager::dropStaleCaches() {
     }
 }
 
-// Under the process lock, before this process writes. It never skips on the
-// count alone: a process of an older library commits without moving it, and
-// an append over its commit would lose that commit.
+// Under the process lock, before this process writes.
+//
+// A settled count that has not moved since this process itself last changed
+// or looked at the files means nobody else did: every process that changes
+// them moves the count first, and one that dies half way leaves it odd.
 void BucketManager::catchUp(StatusChain& status) {
-    if (store_ && store_->catchUp(status)) {
+    if (!store_) {
+        return;
+    }
+    const kel::osdep::SharedCounter* counter = changes_.load(std::memory_order_acquire);
+    const uint32_t seen = counter != nullptr ? counter->load() : 1;
+    if (kel::osdep::SharedCounter::isSettled(seen) && seen == leftAt_) {
+        return;
+    }
+    if (store_->catchUp(status)) {
         readCache_->clearTo(store_->viewVersion());
+    }
+    if (status.isNotFatal() && kel::osdep::SharedCounter::isSettled(seen)) {
+        leftAt_ = seen;
     }
 }
 

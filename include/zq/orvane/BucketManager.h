@@ -181,6 +181,10 @@ class ZQ_EXPORT BucketManager
     // the process lock after construction, null while it could not be mapped.
     std::atomic<kel::osdep::SharedCounter*> changes_{nullptr};
     std::atomic<uint32_t> validated_{1};  // the even count last looked at; odd: none
+    // The even count at which this process last changed the files or found
+    // them as it left them, under the process lock; odd: none. Guarded by
+    // the process lock.
+    uint32_t leftAt_ = 1;
     kel::Guid transactionId_;
     mutable std::recursive_mutex transactionMutex_;
     bool updateMode_ = false;
