@@ -6,8 +6,8 @@
 #include <unistd.h>
 
 #include <array>
-#include <cstddef>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 
 #include "kel/osdep/Path.h"

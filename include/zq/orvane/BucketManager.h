@@ -188,7 +188,7 @@ class ZQ_EXPORT BucketManager
     kel::Guid transactionId_;
     mutable std::recursive_mutex transactionMutex_;
     bool updateMode_ = false;
-    bool readOnly_ = false;  // set once at construction
+    bool readOnly_ = false;   // set once at construction
     bool beginning_ = false;  // a thread is waiting for the process lock
     std::unique_ptr<Options> options_;
     uint32_t storeOpenWord_ = 0;

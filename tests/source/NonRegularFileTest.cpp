@@ -76,9 +76,9 @@ bool replaceWithFifo(const std::string& path) {
     return ::unlink(path.c_str()) == 0 && ::mkfifo(path.c_str(), 0600) == 0;
 }
 
-class SpecialFileTest : public ManagerFixture {};
+class NonRegularFileTest : public ManagerFixture {};
 
-TEST_F(SpecialFileTest, AMarkOrDataFileThatIsNotAFileIsRefusedAndNothingChanges) {
+TEST_F(NonRegularFileTest, AMarkOrDataFileThatIsNotAFileIsRefusedAndNothingChanges) {
     const struct {
         const char* what;
         std::function<bool(const std::string& dir)> make;
