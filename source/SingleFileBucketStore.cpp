@@ -226,7 +226,7 @@ void SingleFileBucketStore::commit(const UpdatedBuckets& updated, const DeletedN
         if (!file_) {
             status.setCode(compaction.getCode());
         }
-        rememberSignature();
+        rememberSignature(true);
     }
 }
 
@@ -358,7 +358,7 @@ void SingleFileBucketStore::compactNow(StatusChain& status) {
         return;
     }
     compact(status);
-    rememberSignature();
+    rememberSignature(true);
 }
 
 bool SingleFileBucketStore::compact(StatusChain& status) {

@@ -140,7 +140,9 @@ class SingleFileBucketStore : public IBucketStore {
                                      const Digest* digest);
     kel::AutoRef<IBucket> readBucketAt(const Digest& digest, const kel::WString* name,
                                        kel::StatusChain& status);
-    void rememberSignature() noexcept;
+    // `fileReplaced`: a compaction may have put another file in file_'s
+    // place, whose identity is not known yet.
+    void rememberSignature(bool fileReplaced = false) noexcept;
     void settle(const kel::osdep::FileSystem::Status& now);
     Refresh tryRefresh(const kel::osdep::FileSystem::Status& before);
     void viewChanged() { view_.fetch_add(1, std::memory_order_acq_rel); }

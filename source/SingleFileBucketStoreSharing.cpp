@@ -58,13 +58,15 @@ void SingleFileBucketStore::noteVerified() noexcept {
 
 // Never fails the operation it follows: without a signature the next
 // refresh simply looks at the marks.
-void SingleFileBucketStore::rememberSignature() noexcept {
+void SingleFileBucketStore::rememberSignature(bool fileReplaced) noexcept {
     try {
         if (!file_) {
             signature_.reset();
             return;
         }
-        fileIdentity_ = file_->identity();
+        if (fileReplaced) {
+            fileIdentity_ = file_->identity();
+        }
         settle(fs_.stat(livePath_));
     } catch (...) {
         signature_.reset();

@@ -16,6 +16,7 @@
 #include <string>
 
 #include "support/Child.h"
+#include "support/FreshStatus.h"
 #include "support/RegistryRoot.h"
 
 namespace {
@@ -28,11 +29,7 @@ using zq::orvane::IBucket;
 using zq::orvane::IBucketManager;
 namespace st = zq::orvane::status;
 
-StatusChain fresh() {
-    StatusChain status;
-    status.clear();
-    return status;
-}
+using zq::test::fresh;
 
 AutoRef<IBucketManager> openManager(const std::string& dir, StatusChain& status,
                                     const std::string& options = std::string()) {

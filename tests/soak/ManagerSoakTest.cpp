@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "support/Child.h"
+#include "support/FreshStatus.h"
 #include "support/TempDir.h"
 
 namespace zq {
@@ -43,12 +44,6 @@ int soakSeconds() {
     const char* text = std::getenv("ORVANE_SOAK_SECONDS");
     const int seconds = text != nullptr ? std::atoi(text) : 0;
     return seconds > 0 ? seconds : kDefaultSeconds;
-}
-
-StatusChain fresh() {
-    StatusChain status;
-    status.clear();
-    return status;
 }
 
 std::wstring writerBucket(int w) { return L"/soak/w" + std::to_wstring(w); }

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "support/Child.h"
+#include "support/FreshStatus.h"
 #include "support/TempDir.h"
 #include "zq/orvane/Orvane.h"
 
@@ -22,12 +23,6 @@ using kel::WString;
 using orvane::IBucket;
 using orvane::IBucketManager;
 using orvane::IBucketValue;
-
-inline StatusChain fresh() {
-    StatusChain status;
-    status.clear();
-    return status;
-}
 
 // Each test runs in its own process: the environment and the one manager a
 // process may have are its own.
