@@ -77,7 +77,8 @@ void addExportCommand(CLI::App& app, const Globals& globals) {
         const zq::kel::WString top = bucketPath(*path);
         Session session(globals, Session::kReadOnly);
         const bool toFile = !output->empty() && *output != "-";
-        // A file appears whole or not at all.
+        // A file appears whole or not at all. The user's own document, not
+        // the store's: standard streams, outside the library's file layer.
         const std::string temporary = *output + ".tmp";
         std::FILE* file = toFile ? std::fopen(temporary.c_str(), "wb") : stdout;
         if (file == nullptr) {

@@ -179,6 +179,7 @@ std::string readAll(const std::string& file) {
         return std::string(std::istreambuf_iterator<char>(std::cin),
                            std::istreambuf_iterator<char>());
     }
+    // The user's document, read like standard input: not a store file.
     std::ifstream in(file, std::ios::binary);
     if (!in) throw ToolError(kExitNotFound, "cannot read " + file);
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
