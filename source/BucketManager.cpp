@@ -131,8 +131,7 @@ void BucketManager::settleDataDirectory(StatusChain& status) {
         return;
     }
     // A reader by choice makes nothing, not even the directory.
-    if (!fs_.isDirectory(dataDirectory_) && !options_->flag(Options::kReadOnly) &&
-        !managersOpenForReading()) {
+    if (!fs_.isDirectory(dataDirectory_) && !askedToOnlyRead()) {
         fs_.createDirectories(dataDirectory_);
     }
     if (!fs_.isDirectory(dataDirectory_)) {
@@ -147,8 +146,12 @@ void BucketManager::decideReadOnly(const StatusChain& status) {
         return;
     }
     const WString live = kel::osdep::join(dataDirectory_, WString(L"registry.bin"));
-    readOnly_ = options_->flag(Options::kReadOnly) || managersOpenForReading() ||
-                !fs_.mayWrite(dataDirectory_) || (fs_.stat(live).exists && !fs_.mayWrite(live));
+    readOnly_ = askedToOnlyRead() || !fs_.mayWrite(dataDirectory_) ||
+                (fs_.stat(live).exists && !fs_.mayWrite(live));
+}
+
+bool BucketManager::askedToOnlyRead() const {
+    return options_->flag(Options::kReadOnly) || managersOpenForReading();
 }
 
 void BucketManager::loadCallbacks(StatusChain& status) {
@@ -177,9 +180,9 @@ void BucketManager::openStore(StatusChain& status) {
     if (status.isFatal()) {
         return;
     }
+    auto store = std::make_unique<SingleFileBucketStore>(dataDirectory_, options_.get(), fs_);
+    store->shareNotes(changes_.load(std::memory_order_acquire));
     if (readOnly_) {
-        auto store = std::make_unique<SingleFileBucketStore>(dataDirectory_, options_.get(), fs_);
-        store->shareNotes(changes_.load(std::memory_order_acquire));
         store->openForReading(status);
         store_ = std::move(store);
         reloadCaches(status.getCode(), status);
@@ -189,8 +192,6 @@ void BucketManager::openStore(StatusChain& status) {
     {
         kel::osdep::SharedCounter::Change change(changeCounter());
         removeTemporaryFiles(fs_, dataDirectory_);
-        auto store = std::make_unique<SingleFileBucketStore>(dataDirectory_, options_.get(), fs_);
-        store->shareNotes(changes_.load(std::memory_order_acquire));
         store_ = std::move(store);
         store_->open(storeOpenWord_, status);
     }
@@ -380,15 +381,9 @@ kel::osdep::SharedCounter& BucketManager::changeCounter() {
 // lookups need not look at the files until the count moves again.
 void BucketManager::commitPending(StatusChain& status) {
     guarded(status, kManagerCodes, [&] {
-        kel::osdep::SharedCounter& counter = changeCounter();
-        counter.beginChange();
-        try {
-            updateCache_->writeBack(*readCache_, *store_, status);
-        } catch (...) {
-            counter.endChange();
-            throw;
-        }
-        const uint32_t after = counter.endChange();
+        kel::osdep::SharedCounter::Change change(changeCounter());
+        updateCache_->writeBack(*readCache_, *store_, status);
+        const uint32_t after = change.end();
         if (status.isNotFatal()) {
             validated_.store(after, std::memory_order_release);
             leftAt_ = after;

@@ -55,12 +55,21 @@ class SharedCounter {
     class Change {
       public:
         explicit Change(SharedCounter& counter) : counter_(counter) { counter_.beginChange(); }
-        ~Change() { counter_.endChange(); }
+        ~Change() {
+            if (!ended_) counter_.endChange();
+        }
         Change(const Change&) = delete;
         Change& operator=(const Change&) = delete;
 
+        // Ends the change now; the count it leaves.
+        uint32_t end() {
+            ended_ = true;
+            return counter_.endChange();
+        }
+
       private:
         SharedCounter& counter_;
+        bool ended_ = false;
     };
 
   private:

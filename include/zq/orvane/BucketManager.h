@@ -145,6 +145,8 @@ class ZQ_EXPORT BucketManager
     void construct(const kel::WString& optionsFile, kel::StatusChain& status);
     void settleDataDirectory(kel::StatusChain& status);
     void decideReadOnly(const kel::StatusChain& status);
+    // The options or the tool ask for reading only.
+    bool askedToOnlyRead() const;
     void loadCallbacks(kel::StatusChain& status);
     void openStore(kel::StatusChain& status);
     void runDebugComparison();
