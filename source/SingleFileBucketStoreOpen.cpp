@@ -223,11 +223,9 @@ void SingleFileBucketStore::openDataFile() {
 void SingleFileBucketStore::settleCommittedLength() {
     const int64_t size = sizeOnOpen_;
     const int64_t claimed = markTrusted_ ? committedLength_ : 0;
-    const bool markEndsSegment = markTrusted_ && committedLength_ <= size &&
-                                 committedLength_ <= segment::kMaxFileSize &&
-                                 segmentEndsAt(*file_, committedLength_);
-    const int64_t end = wholeSegmentsEnd(*file_, markEndsSegment ? committedLength_ : 0, size);
-    if (markEndsSegment && end == committedLength_ && end == size) {
+    const bool trusted = markTrusted_ && markEndsSegment(*file_, committedLength_, size);
+    const int64_t end = wholeSegmentsEnd(*file_, trusted ? committedLength_ : 0, size);
+    if (trusted && end == committedLength_ && end == size) {
         if (size == 0) {
             marks_.write(generation_ + 1, 0, CommitMarks::kDurable);
         }

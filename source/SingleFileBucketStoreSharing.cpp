@@ -226,11 +226,10 @@ bool SingleFileBucketStore::openLiveForReading() {
         return false;
     }
     const int64_t size = file->size();
-    const bool markEndsSegment = mark.generation > 0 && mark.readable &&
-                                 mark.committedLength <= size &&
-                                 segmentEndsAt(*file, mark.committedLength);
-    int64_t length = markEndsSegment ? mark.committedLength : wholeSegmentsEnd(*file, 0, size);
-    if (markEndsSegment) {
+    const bool trusted =
+        mark.generation > 0 && mark.readable && markEndsSegment(*file, mark.committedLength, size);
+    int64_t length = trusted ? mark.committedLength : wholeSegmentsEnd(*file, 0, size);
+    if (trusted) {
         const int64_t rolled = wholeSegmentsEnd(*file, length, size);
         if (rolled != length && kel::osdep::SharedCounter::isSettled(count) &&
             notes_->load() == count) {

@@ -379,6 +379,10 @@ bool segmentEndsAt(File& file, int64_t end) {
     return segmentShapeAt(file, getI64(trailer + 40), end) == end;
 }
 
+bool markEndsSegment(File& file, int64_t length, int64_t size) {
+    return length <= size && length <= segment::kMaxFileSize && segmentEndsAt(file, length);
+}
+
 int64_t wholeSegmentEnd(File& file, int64_t start, int64_t limit) {
     const int64_t end = segmentShapeAt(file, start, limit);
     if (end == 0) {

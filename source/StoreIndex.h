@@ -103,6 +103,10 @@ struct VerifiedPrefix {
 // start word names a segment whose header names this trailer. Checks no
 // checksum; an end of 0 ends the empty prefix.
 bool segmentEndsAt(kel::osdep::File& file, int64_t end);
+// Whether a commit mark that says `length` may be trusted for a file of
+// `size` bytes: it ends a segment there. A mark is a hint; the data file is
+// the truth.
+bool markEndsSegment(kel::osdep::File& file, int64_t length, int64_t size);
 // The end of the segment at `start` as its header and trailer tell it,
 // within `limit`, without its checksum; 0 when they do not agree.
 int64_t segmentShapeAt(kel::osdep::File& file, int64_t start, int64_t limit);
