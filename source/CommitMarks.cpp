@@ -55,6 +55,16 @@ WString CommitMarks::nameOf(int64_t generation) {
     return name;
 }
 
+// Byte by byte: a name in the directory need not be UTF-8.
+bool CommitMarks::isMarkName(const char* name) {
+    for (size_t i = 0; kMarkPrefix[i] != 0; ++i) {
+        if (static_cast<wchar_t>(static_cast<unsigned char>(name[i])) != kMarkPrefix[i]) {
+            return false;
+        }
+    }
+    return true;
+}
+
 WString CommitMarks::pathOf(int64_t generation) const {
     return kel::osdep::join(directory_, nameOf(generation));
 }

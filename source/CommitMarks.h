@@ -31,6 +31,8 @@ class CommitMarks {
     CommitMarks(kel::osdep::FileSystem& fs, const kel::WString& directory, const Options* options);
 
     static kel::WString nameOf(int64_t generation);
+    // Whether a file name is that of a mark, "commitmark.N".
+    static bool isMarkName(const char* name);
     kel::WString pathOf(int64_t generation) const;
     kel::WString newMarkPath() const;  // "newCommitmark"
     kel::WString oldMarkPath() const;  // "oldCommitmark"

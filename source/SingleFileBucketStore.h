@@ -76,6 +76,25 @@ class SingleFileBucketStore : public IBucketStore {
     Facts facts();
     bool isOpen() const { return open_; }
 
+    // ------------------------------------------------ what changed, for watchers
+    // Where the view stands: the file, how much of it, and the checksum of
+    // the segment ending there, which tells the same bytes apart from a file
+    // cut and written again.
+    using Position = VerifiedPrefix;
+    Position position();
+    // The digests that segments between `from` and the view's end updated
+    // or deleted. False when the view is not `from`'s file grown by appends
+    // (a compaction or a purge replaced it): only a full comparison can tell.
+    bool touchedSince(const Position& from, std::vector<DigestKey>& touched,
+                      kel::StatusChain& status);
+    // The buckets as they were at `at`, a position touchedSince accepted:
+    // one per digest, null where none existed.
+    std::vector<kel::AutoRef<IBucket>> readBucketsAsOf(const Position& at,
+                                                       const std::vector<DigestKey>& digests,
+                                                       kel::StatusChain& status);
+    // Every bucket that exists in the view.
+    std::vector<DigestKey> liveDigests(kel::StatusChain& status);
+
   private:
     // What a stat of "registry.bin" says; when it has not changed, no other
     // process has committed or compacted: a commit always moves the end of
