@@ -10,7 +10,17 @@
 #include "zq/kel/StatusChain.h"
 #include "zq/kel/StringBase.h"
 
+namespace zq {
+namespace orvane {
+class IBucketManager;
+}
+}  // namespace zq
+
 namespace orvane_bench {
+
+// The process's one manager, on a registry of 100 settings "/settings/sN"
+// of ten int32 values "value0".."value9".
+zq::orvane::IBucketManager& sharedManager();
 
 // A status ready for a first call (a new one holds "not completed").
 inline zq::kel::StatusChain ok() {

@@ -117,23 +117,26 @@ BENCHMARK(BM_ManagerOpenOnTenThousandBuckets)
     ->Iterations(5)
     ->Unit(benchmark::kMillisecond);
 
-// Both run in this process, on one manager.
-struct OpenManager {
-    BenchRegistry registry;
-    AutoRef<IBucketManager> manager;
-    OpenManager() {
-        fillRegistry(registry.registry(), 100);
-        manager = openManager(registry.registry());
-    }
-};
+}  // namespace
 
-OpenManager& shared() {
+// The benchmarks of the open manager share it: a process may hold one.
+IBucketManager& orvane_bench::sharedManager() {
+    struct OpenManager {
+        BenchRegistry registry;
+        AutoRef<IBucketManager> manager;
+        OpenManager() {
+            fillRegistry(registry.registry(), 100);
+            manager = openManager(registry.registry());
+        }
+    };
     static OpenManager* instance = new OpenManager();
-    return *instance;
+    return *instance->manager;
 }
 
+namespace {
+
 void BM_GetCachedBucket(benchmark::State& state) {
-    IBucketManager& m = *shared().manager;
+    IBucketManager& m = orvane_bench::sharedManager();
     StatusChain status = ok();
     const WString name(L"/settings/s7");
     m.getBucket(name, status);
@@ -145,7 +148,7 @@ void BM_GetCachedBucket(benchmark::State& state) {
 BENCHMARK(BM_GetCachedBucket);
 
 void BM_TransactionChangingOneValue(benchmark::State& state) {
-    IBucketManager& m = *shared().manager;
+    IBucketManager& m = orvane_bench::sharedManager();
     StatusChain status = ok();
     const WString name(L"/settings/s9");
     int32_t n = 0;

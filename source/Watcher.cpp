@@ -38,11 +38,16 @@ bool samePosition(const Watcher::Position& a, const Watcher::Position& b) {
     return a.file == b.file && a.length == b.length && a.checksum == b.checksum;
 }
 
-// A new mark, or another file under the data file's name: what a commit, a
-// compaction, a recovery or a purge ends with. The data file's own writes
-// come before their mark and tell nothing yet.
-bool endsAChange(const char* name, bool written) {
-    return CommitMarks::isMarkName(name) || (!written && WString(L"registry.bin") == WString(name));
+// A mark arriving or written, or another file under the data file's name:
+// what a commit, a compaction, a recovery or a purge ends with. The data
+// file's own writes come before their mark and tell nothing yet, and a mark
+// leaving its name is a commit moving it aside to write the next.
+bool endsAChange(const char* name, kel::osdep::DirectoryWatch::Change change) {
+    using kel::osdep::DirectoryWatch;
+    if (CommitMarks::isMarkName(name)) {
+        return change != DirectoryWatch::kLeft;
+    }
+    return change == DirectoryWatch::kArrived && WString(L"registry.bin") == WString(name);
 }
 
 }  // namespace

@@ -36,7 +36,7 @@ DirectoryWatch::DirectoryWatch(const WString& directory)
 
 DirectoryWatch::~DirectoryWatch() { ::close(fd_); }
 
-bool DirectoryWatch::drain(const std::function<bool(const char* name, bool written)>& matters) {
+bool DirectoryWatch::drain(const std::function<bool(const char* name, Change change)>& matters) {
     alignas(struct inotify_event) char buffer[4096];
     bool any = false;
     for (;;) {
@@ -51,8 +51,10 @@ bool DirectoryWatch::drain(const std::function<bool(const char* name, bool writt
             const auto* event = reinterpret_cast<const struct inotify_event*>(buffer + at);
             const bool lost = (event->mask & (IN_Q_OVERFLOW | IN_IGNORED)) != 0;
             const bool self = (event->mask & (IN_DELETE_SELF | IN_MOVE_SELF)) != 0;
-            const bool written = (event->mask & (IN_MODIFY | IN_CLOSE_WRITE)) != 0;
-            any = any || lost || self || (event->len != 0 && matters(event->name, written));
+            const Change change = (event->mask & (IN_CREATE | IN_MOVED_TO)) != 0      ? kArrived
+                                  : (event->mask & (IN_MODIFY | IN_CLOSE_WRITE)) != 0 ? kWritten
+                                                                                      : kLeft;
+            any = any || lost || self || (event->len != 0 && matters(event->name, change));
             at += static_cast<ssize_t>(sizeof(struct inotify_event) + event->len);
         }
     }

@@ -23,11 +23,12 @@ class DirectoryWatch {
     DirectoryWatch& operator=(const DirectoryWatch&) = delete;
 
     int fd() const { return fd_; }
+    // What a notice says of a file.
+    enum Change { kArrived, kWritten, kLeft };  // created or renamed in; bytes; gone
     // Takes every waiting notice without blocking; true when `matters` held
     // for at least one, or when notices were lost (the queue overflowed):
-    // then anything may have changed. `written`: the file's bytes changed,
-    // not its name.
-    bool drain(const std::function<bool(const char* name, bool written)>& matters);
+    // then anything may have changed.
+    bool drain(const std::function<bool(const char* name, Change change)>& matters);
     // Blocks until a notice waits or `timeoutMilliseconds` pass (negative:
     // no limit). True when one waits.
     bool waitReadable(int timeoutMilliseconds) const;

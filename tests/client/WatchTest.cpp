@@ -390,3 +390,21 @@ TEST_F(WatchTest, BadPathsAndStatesAreRefused) {
 }
 
 }  // namespace
+
+namespace {
+TEST(WatchInProcessTest, AThreadOfTheWritingProcessWatches) {
+    zq::test::RegistryRoot dir;
+    StatusChain s = fresh();
+    AutoRef<IBucketManager> m = openManager(dir.file("reg"), "", s);
+    ASSERT_TRUE(m && commit(*m, {"/w=1"}));
+    std::unique_ptr<Watch> watch = Watch::open(*m, WString(L"/w"), s);
+    ASSERT_TRUE(watch);
+    ASSERT_TRUE(commit(*m, {"/w=2"}));
+    WatchBatch batch;
+    StatusChain r = fresh();
+    ASSERT_TRUE(watch->wait(1000, r)) << r.getCode();
+    ASSERT_TRUE(watch->read(batch, r));
+    ASSERT_EQ(batch.changes.size(), 1u);
+    EXPECT_EQ(lineOf(batch.changes[0]), "changed /w 2");
+}
+}  // namespace
