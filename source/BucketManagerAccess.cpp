@@ -322,6 +322,19 @@ class BucketManager::PutPath {
     StatusChain& status_;
 };
 
+AutoRef<IBucket> BucketManager::getHeldBucket(const Guid& id, const WString& fullName,
+                                              StatusChain& status) {
+    return guarded(status, kManagerCodes, [&]() -> AutoRef<IBucket> {
+        std::lock_guard<std::recursive_mutex> hold(transactionMutex_);
+        if (!checkChange(id, status) || !BucketName::check(fullName, status)) {
+            return AutoRef<IBucket>();
+        }
+        std::lock_guard<std::recursive_mutex> cacheHold(updateCache_->mutex());
+        bool pending = false;
+        return handOut(PutPath(*this, status).held(fullName, &pending), status);
+    });
+}
+
 bool BucketManager::putLocked(const AutoRef<IBucket>& bucket, int32_t mode, bool mustExist,
                               StatusChain& status) {
     if (!bucket) {
