@@ -122,6 +122,22 @@ AutoRef<IBucket> BucketManager::getBucketByDigest(const Digest& digest, StatusCh
     });
 }
 
+// The cached bucket's own lock guards the lookup, as it guards the copy that
+// getBucket makes.
+AutoRef<IBucketValue> BucketManager::getBucketValue(const WString& fullName,
+                                                    const WString& valueName, StatusChain& status) {
+    return guarded(status, kManagerCodes, [&]() -> AutoRef<IBucketValue> {
+        if (!BucketName::check(fullName, status) || !store_) return AutoRef<IBucketValue>();
+        const AutoRef<IBucket> found = findShared(fullName, status);
+        if (status.isFatal()) return AutoRef<IBucketValue>();
+        if (!found) {
+            status.setCode(status::kBucketNotFound);
+            return AutoRef<IBucketValue>();
+        }
+        return found->getValue(valueName, status);
+    });
+}
+
 bool BucketManager::findBucket(const WString& fullName, AutoRef<IBucket>& bucket,
                                StatusChain& status) {
     bucket = getBucket(fullName, status);

@@ -1,5 +1,7 @@
 #include "zq/orvane/Registry.h"
 
+#include <typeinfo>
+
 #include "source/BucketName.h"
 #include "source/LayerStatus.h"
 #include "source/ManagerOptions.h"
@@ -28,7 +30,10 @@ auto reading(IBucketManager* manager, std::error_code& ec, Body&& body) noexcept
     }
     auto result = guarded(status, kLayerCodes, [&] { return body(*manager, status); });
     ec = errorOf(status);
-    return status.isFatal() ? decltype(result)() : result;
+    if (status.isFatal()) {
+        return decltype(result)();
+    }
+    return result;
 }
 
 // Calls visit(name, value) for every value of bucket `path`, the links to
@@ -42,6 +47,17 @@ bool forEachValue(IBucketManager& manager, std::string_view path, StatusChain& s
     if (!bucket) return false;
     RegistryValues::forEach(*bucket, status, visit);
     return true;
+}
+
+// The library's own manager copies only the value; another implementation
+// of the interface, the whole bucket.
+AutoRef<IBucketValue> lookUpValue(IBucketManager& manager, const WString& path, const WString& name,
+                                  StatusChain& status) {
+    if (typeid(manager) == typeid(BucketManager)) {
+        return static_cast<BucketManager&>(manager).getBucketValue(path, name, status);
+    }
+    const AutoRef<IBucket> bucket = manager.getBucket(path, status);
+    return bucket ? bucket->getValue(name, status) : AutoRef<IBucketValue>();
 }
 
 // Asked for, the manager reads only; the flag is the one the tool's reading
@@ -91,9 +107,7 @@ std::optional<Value> Registry::value(std::string_view path, std::string_view nam
             !RegistryText::toWide(name, wideName, status)) {
             return result;
         }
-        const AutoRef<IBucket> bucket = manager.getBucket(widePath, status);
-        const AutoRef<IBucketValue> found =
-            bucket ? bucket->getValue(wideName, status) : AutoRef<IBucketValue>();
+        const AutoRef<IBucketValue> found = lookUpValue(manager, widePath, wideName, status);
         if (found) {
             result = RegistryValues::read(*found, status);
         }

@@ -19,6 +19,19 @@ constexpr size_t kStackCharacters = 128;
 bool RegistryText::toWide(std::string_view text, kel::WString& out, kel::StatusChain& status) {
     const auto* begin = reinterpret_cast<const unsigned char*>(text.data());
     const auto* end = begin + text.size();
+    // Names are mostly ASCII: one pass, no decoding.
+    if (text.size() <= kStackCharacters) {
+        wchar_t onStack[kStackCharacters];
+        unsigned char all = 0;
+        for (size_t i = 0; i < text.size(); ++i) {
+            all |= begin[i];
+            onStack[i] = static_cast<wchar_t>(begin[i]);
+        }
+        if (all < 0x80) {
+            out = kel::WString(onStack, text.size());
+            return true;
+        }
+    }
     size_t count = 0;
     try {
         count = kel::utf8::countCharacters(begin, end);
