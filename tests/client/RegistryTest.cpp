@@ -185,9 +185,15 @@ TEST_F(RegistryTest, ChildrenAreNamesAndNeverValues) {
     EXPECT_EQ(registry_.bucket("/net")->size(), 1u);
 }
 
-TEST_F(RegistryTest, ALiteralIsAStringNotABool) {
-    registry_.transact([](Transaction& tx) { tx.set("/pump", "label", "Feed pump"); });
+TEST_F(RegistryTest, LiteralsKeepTheirObviousType) {
+    registry_.transact([](Transaction& tx) {
+        tx.set("/pump", "label", "Feed pump");
+        tx.set("/pump", "zero", 0);
+        tx.set("/pump", "none", int32_t{0});
+    });
     EXPECT_EQ(registry_.get<std::string>("/pump", "label"), "Feed pump");
+    EXPECT_EQ(registry_.get<int32_t>("/pump", "zero"), 0);
+    EXPECT_EQ(registry_.get<int32_t>("/pump", "none"), 0);
 }
 
 TEST_F(RegistryTest, MovedRegistryKeepsWorkingAndTheOldOneIsClosed) {

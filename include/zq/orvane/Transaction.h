@@ -1,6 +1,7 @@
 #ifndef ZQ_ORVANE_TRANSACTION_H
 #define ZQ_ORVANE_TRANSACTION_H
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -53,9 +54,11 @@ class ZQ_EXPORT Transaction {
     // it is missing. True when done.
     bool set(std::string_view path, std::string_view name, Value value,
              Parents parents = Parents::must_exist) noexcept;
-    // A literal is a UTF-8 string, never a bool.
-    bool set(std::string_view path, std::string_view name, const char* text,
-             Parents parents = Parents::must_exist) noexcept {
+    // A literal is a UTF-8 string, never a bool (and a 0 stays an int32_t:
+    // no overload takes a pointer).
+    template <size_t N>
+    bool set(std::string_view path, std::string_view name, const char (&text)[N],
+             Parents parents = Parents::must_exist) {
         return set(path, name, Value(std::string(text)), parents);
     }
     // Makes the bucket `path` unless it exists; true when it exists after.
