@@ -34,6 +34,9 @@ enum class Parents : uint8_t { must_exist, create };
 // another thread of this process has a transaction open), so the constructor
 // never throws.
 //
+// The Registry's reads see what is committed, not this transaction's own
+// pending changes.
+//
 // A transaction belongs to no thread: it may be made on one, changed on
 // another and destroyed on a third, though not used by two at once.
 class ZQ_EXPORT Transaction {
