@@ -23,55 +23,11 @@ using zq::kel::WString;
 using zq::orvane::IBucket;
 using zq::orvane::IBucketManager;
 
+using orvane_bench::BenchRegistry;
+using orvane_bench::fillRegistry;
 using orvane_bench::ok;
-
-// A registry directory, with the lock files beside it.
-struct BenchRegistry {
-    BenchRegistry() : root(dir.path()) {
-        ::mkdir((root + "/shared").c_str(), 0777);
-        ::setenv("ZQKELTMPSHAREDFILEDIR", (root + "/shared").c_str(), 1);
-        ::setenv("ZQPUBAPPDATADIR", root.c_str(), 1);
-    }
-    WString registry() const { return WString((root + "/reg").c_str()); }
-    orvane_bench::BenchDir dir;
-    std::string root;
-};
-
-AutoRef<IBucketManager> openManager(const WString& directory) {
-    StatusChain status = ok();
-    auto* orvane = zq::orvane::publicInterface::GetInterface(2, status);
-    AutoRef<IBucketManager> manager = orvane->createBucketManager(directory, WString(), status);
-    if (!manager || status.isFatal()) throw std::runtime_error("open failed");
-    return manager;
-}
-
-// 10,000 settings of ten values, written by a child so that this process
-// can still open its own manager.
-void fillRegistry(const WString& directory, int count) {
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        AutoRef<IBucketManager> m = openManager(directory);
-        StatusChain s = ok();
-        Guid id;
-        m->beginTransaction(id, s);
-        m->beginUpdate(id, s);
-        AutoRef<IBucket> parent = m->createBucket(WString(L"/settings"), false, s);
-        m->putBucket(parent, true, id, s);
-        for (int i = 0; i < count; ++i) {
-            const std::wstring name = L"/settings/s" + std::to_wstring(i);
-            AutoRef<IBucket> b = m->createBucket(WString(name.c_str()), false, s);
-            for (int v = 0; v < 10; ++v) {
-                b->setInt32Value(WString((L"value" + std::to_wstring(v)).c_str()), i + v, s, true);
-            }
-            m->putBucket(b, true, id, s);
-        }
-        m->commit(id, s);
-        m->endTransaction(id, s);
-        ::_exit(s.isFatal() ? 1 : 0);
-    }
-    int result = 0;
-    ::waitpid(pid, &result, 0);
-}
+using orvane_bench::openManager;
+using orvane_bench::shared;
 
 // With a second argument of 1, every open is the first since a restart:
 // the shared notes of verified files are gone, so the open reads and checks
@@ -117,26 +73,8 @@ BENCHMARK(BM_ManagerOpenOnTenThousandBuckets)
     ->Iterations(5)
     ->Unit(benchmark::kMillisecond);
 
-}  // namespace
-
-// The benchmarks of the open manager share it: a process may hold one.
-IBucketManager& orvane_bench::sharedManager() {
-    struct OpenManager {
-        BenchRegistry registry;
-        AutoRef<IBucketManager> manager;
-        OpenManager() {
-            fillRegistry(registry.registry(), 100);
-            manager = openManager(registry.registry());
-        }
-    };
-    static OpenManager* instance = new OpenManager();
-    return *instance->manager;
-}
-
-namespace {
-
 void BM_GetCachedBucket(benchmark::State& state) {
-    IBucketManager& m = orvane_bench::sharedManager();
+    IBucketManager& m = *shared().manager;
     StatusChain status = ok();
     const WString name(L"/settings/s7");
     m.getBucket(name, status);
@@ -148,7 +86,7 @@ void BM_GetCachedBucket(benchmark::State& state) {
 BENCHMARK(BM_GetCachedBucket);
 
 void BM_TransactionChangingOneValue(benchmark::State& state) {
-    IBucketManager& m = orvane_bench::sharedManager();
+    IBucketManager& m = *shared().manager;
     StatusChain status = ok();
     const WString name(L"/settings/s9");
     int32_t n = 0;

@@ -77,7 +77,7 @@ class WatchingThread {
 // From commit returning to the watcher holding the batch; the median is the
 // figure to read, as a descheduled thread stretches the mean.
 void BM_WatcherWakeLatency(benchmark::State& state) {
-    IBucketManager& m = orvane_bench::sharedManager();
+    IBucketManager& m = *orvane_bench::shared().manager;
     WatchingThread watcher(m, WString(L"/settings/s3"));
     StatusChain status = ok();
     std::vector<double> latencies;
@@ -106,7 +106,7 @@ BENCHMARK(BM_WatcherWakeLatency)->UseManualTime()->Unit(benchmark::kMicrosecond)
 
 // One commit while N watchers of the whole registry follow each commit.
 void BM_CommitWhileWatched(benchmark::State& state) {
-    IBucketManager& m = orvane_bench::sharedManager();
+    IBucketManager& m = *orvane_bench::shared().manager;
     std::vector<std::unique_ptr<WatchingThread>> watchers;
     for (int64_t i = 0; i < state.range(0); ++i) {
         watchers.push_back(std::make_unique<WatchingThread>(m, WString(L"/")));

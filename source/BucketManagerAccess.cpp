@@ -122,6 +122,22 @@ AutoRef<IBucket> BucketManager::getBucketByDigest(const Digest& digest, StatusCh
     });
 }
 
+// The cached bucket's own lock guards the lookup, as it guards the copy that
+// getBucket makes.
+AutoRef<IBucketValue> BucketManager::getBucketValue(const WString& fullName,
+                                                    const WString& valueName, StatusChain& status) {
+    return guarded(status, kManagerCodes, [&]() -> AutoRef<IBucketValue> {
+        if (!BucketName::check(fullName, status) || !store_) return AutoRef<IBucketValue>();
+        const AutoRef<IBucket> found = findShared(fullName, status);
+        if (status.isFatal()) return AutoRef<IBucketValue>();
+        if (!found) {
+            status.setCode(status::kBucketNotFound);
+            return AutoRef<IBucketValue>();
+        }
+        return found->getValue(valueName, status);
+    });
+}
+
 bool BucketManager::findBucket(const WString& fullName, AutoRef<IBucket>& bucket,
                                StatusChain& status) {
     bucket = getBucket(fullName, status);
@@ -321,6 +337,19 @@ class BucketManager::PutPath {
     BucketUpdateCache& cache_;
     StatusChain& status_;
 };
+
+AutoRef<IBucket> BucketManager::getHeldBucket(const Guid& id, const WString& fullName,
+                                              StatusChain& status) {
+    return guarded(status, kManagerCodes, [&]() -> AutoRef<IBucket> {
+        std::lock_guard<std::recursive_mutex> hold(transactionMutex_);
+        if (!checkChange(id, status) || !BucketName::check(fullName, status)) {
+            return AutoRef<IBucket>();
+        }
+        std::lock_guard<std::recursive_mutex> cacheHold(updateCache_->mutex());
+        bool pending = false;
+        return handOut(PutPath(*this, status).held(fullName, &pending), status);
+    });
+}
 
 bool BucketManager::putLocked(const AutoRef<IBucket>& bucket, int32_t mode, bool mustExist,
                               StatusChain& status) {

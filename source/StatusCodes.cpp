@@ -58,6 +58,7 @@ constexpr Description kDescriptions[] = {
     {kNotCompleted, "the operation has not completed"},
     {kNotImplemented, "not implemented"},
     {kVersionNotSupported, "the interface version is not supported"},
+    {kKelInvalidSequence, "a text is not valid UTF-8"},
 };
 
 }  // namespace

@@ -131,6 +131,20 @@ class ZQ_EXPORT BucketManager
     // that transaction, which stays open and loses what it had pending.
     ZQ_EXPORT void purgeStore();
 
+    // The bucket as the open transaction `id` sees it: its pending change,
+    // else what is committed; a private copy, or null with the
+    // kBucketNotFound warning. The C++ layer's edits start from it.
+    kel::AutoRef<IBucket> getHeldBucket(const kel::Guid& id, const kel::WString& fullName,
+                                        kel::StatusChain& status);
+
+    // The value `valueName` of bucket `fullName`, read from the cached
+    // bucket without copying the rest of it: null when the value is missing,
+    // with the kBucketNotFound warning when the bucket is. The C++ layer's
+    // typed reads.
+    kel::AutoRef<IBucketValue> getBucketValue(const kel::WString& fullName,
+                                              const kel::WString& valueName,
+                                              kel::StatusChain& status);
+
     // Whether the registry was opened for reading only (asked for, or no
     // right to write): transactions are refused with status::kReadOnly.
     bool isReadOnly() const { return readOnly_; }
