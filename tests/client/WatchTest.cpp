@@ -3,6 +3,7 @@
 // compactions or commits a crash undid, and nothing lost while a watcher
 // sleeps or is not running.
 #include <zq/orvane/Orvane.h>
+#include <zq/orvane/Registry.h>
 #include <zq/orvane/Watch.h>
 
 #include <gtest/gtest.h>
@@ -392,19 +393,24 @@ TEST_F(WatchTest, BadPathsAndStatesAreRefused) {
 }  // namespace
 
 namespace {
-TEST(WatchInProcessTest, AThreadOfTheWritingProcessWatches) {
+
+// A thread of the writing process watches too, through the C++ layer.
+TEST(WatchInProcessTest, TheWritingProcessWatchesThroughTheRegistry) {
     zq::test::RegistryRoot dir;
-    StatusChain s = fresh();
-    AutoRef<IBucketManager> m = openManager(dir.file("reg"), "", s);
-    ASSERT_TRUE(m && commit(*m, {"/w=1"}));
-    std::unique_ptr<Watch> watch = Watch::open(*m, WString(L"/w"), s);
+    zq::orvane::Registry registry = zq::orvane::Registry::open(dir.file("reg"));
+    registry.transact([](zq::orvane::Transaction& tx) { tx.set("/w", "v", int32_t{1}); });
+    std::unique_ptr<Watch> watch = registry.watch("/w");
     ASSERT_TRUE(watch);
-    ASSERT_TRUE(commit(*m, {"/w=2"}));
+    registry.transact([](zq::orvane::Transaction& tx) { tx.set("/w", "v", int32_t{2}); });
     WatchBatch batch;
     StatusChain r = fresh();
     ASSERT_TRUE(watch->wait(1000, r)) << r.getCode();
     ASSERT_TRUE(watch->read(batch, r));
     ASSERT_EQ(batch.changes.size(), 1u);
     EXPECT_EQ(lineOf(batch.changes[0]), "changed /w 2");
+    std::error_code ec;
+    EXPECT_FALSE(registry.watch("/\xff", ec));
+    EXPECT_EQ(ec.value(), zq::orvane::status::kKelInvalidSequence);
 }
+
 }  // namespace
