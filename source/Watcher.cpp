@@ -5,6 +5,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <unordered_set>
 
 #include "kel/CaseFold.h"
@@ -104,8 +105,39 @@ bool Watcher::start(const std::string& since, StatusChain& status) {
 void Watcher::holdWholeSubtree(StatusChain& status) {
     held_.clear();
     subtree_ = DigestKey{};
-    for (const DigestKey& digest : store_.liveDigests(status)) {
-        hold(digest, store_.readBucketByDigest(digestOf(digest), status));
+    forEachInSubtree(status, [this](const DigestKey& digest, const AutoRef<IBucket>& bucket) {
+        hold(digest, bucket);
+    });
+}
+
+// The root's subtree is every bucket; another one is found by following
+// child links down from its top, so a small subtree of a large registry
+// costs what it holds.
+void Watcher::forEachInSubtree(
+    StatusChain& status,
+    const std::function<void(const DigestKey&, const AutoRef<IBucket>&)>& visit) {
+    if (folded_.length() == 1) {
+        for (const DigestKey& digest : store_.liveDigests(status)) {
+            visit(digest, store_.readBucketByDigest(digestOf(digest), status));
+        }
+        return;
+    }
+    std::vector<Digest> next{Digest(path_)};
+    while (!next.empty() && status.isNotFatal()) {
+        const Digest digest = next.back();
+        next.pop_back();
+        const AutoRef<IBucket> bucket = store_.readBucketByDigest(digest, status);
+        if (!bucket) {
+            continue;
+        }
+        visit(keyOf(digest), bucket);
+        const uint32_t handle = bucket->openEnumeration();
+        Digest child;
+        for (bool more = bucket->getFirstChild(handle, child); more && status.isNotFatal();
+             more = bucket->getNextChild(handle, child, status)) {
+            next.push_back(child);
+        }
+        bucket->closeEnumeration(handle);
     }
 }
 
@@ -216,7 +248,9 @@ bool Watcher::collect(StatusChain& status) {
     }
     std::vector<DigestKey> touched;
     if (!store_.touchedSince(seen_.position, touched, status)) {
-        touched = store_.liveDigests(status);
+        forEachInSubtree(status, [&touched](const DigestKey& digest, const AutoRef<IBucket>&) {
+            touched.push_back(digest);
+        });
         for (const auto& entry : held_) {
             touched.push_back(entry.first);
         }

@@ -2,6 +2,7 @@
 #define ZQ_ORVANE_WATCHER_H
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -59,6 +60,9 @@ class Watcher {
     };
 
     void holdWholeSubtree(kel::StatusChain& status);
+    void forEachInSubtree(
+        kel::StatusChain& status,
+        const std::function<void(const DigestKey&, const kel::AutoRef<IBucket>&)>& visit);
     // Gathers what changed since the position into pending_; true when
     // pending_ has something to hand out. A failure changes nothing held.
     bool collect(kel::StatusChain& status);
