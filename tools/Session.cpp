@@ -54,6 +54,7 @@ std::string optionsFileProblem(const std::string& path) {
         ~Reader() { zq::ini::iniDiscard(reader); }
     } ini;
     const int parsed = ini.reader ? zq::ini::iniParseFile(ini.reader, path.c_str()) : -ENOMEM;
+    if (parsed == zq::ini::kIniCannotOpen) return "cannot read the options file " + path;
     if (parsed < 0) {
         return "the options file " + path + " is not an ini file the library reads (" +
                std::to_string(parsed) + ")";
