@@ -35,6 +35,18 @@ inline void keepSystemReason(kel::StatusChain& status,
     }
 }
 
+// Hands an error met on a side status (a compaction, a catch-up) on to the
+// caller's, with the message that says why.
+inline void passOnError(kel::StatusChain& status, const kel::StatusChain& met) noexcept {
+    status.setCode(met.getCode());
+    if (const kel::WString* message = met.getMessage()) {
+        try {
+            status.setMessage(*message);
+        } catch (...) {
+        }
+    }
+}
+
 // Sets the code for the exception being handled. Called only from a catch
 // block; one copy of the dispatch serves every guarded operation.
 inline void reportCaughtException(kel::StatusChain& status, const ErrorCodes& codes) noexcept {
