@@ -17,7 +17,8 @@ using zq::kel::WString;
 const char kAssignmentRules[] =
     "A VALUE of - reads standard input, @FILE reads FILE (a blob: the file's bytes; a string: "
     "its bytes exactly; other types: its text less trailing whitespace), and @@TEXT is the "
-    "literal @TEXT. An array type takes the words up to a lone @ or the end: "
+    "literal @TEXT (a value that is just - comes from a file or standard input). An array type "
+    "takes the words up to a lone @ or the end: "
     "set /p list int32[] 1 2 @ mtu uint16 1500.";
 
 namespace {

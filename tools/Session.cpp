@@ -4,10 +4,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <utility>
-
-#include <cstdio>
 
 #include "StoreFiles.h"
 #include "Text.h"
