@@ -65,7 +65,8 @@ std::string optionList(const Options& options) {
     std::string list;
     for (const CLI::Option* o : options) {
         if (o->check_lname("help")) continue;
-        const std::string name = o->nonpositional() ? optionNames(*o) : o->get_name();
+        std::string name = o->nonpositional() ? optionNames(*o) : o->get_name();
+        if (o->nonpositional() && o->get_type_size() > 0) name += " " + o->get_type_name();
         list += ".TP\n.B " + roff(name) + "\n" + roff(o->get_description()) + "\n";
     }
     return list;

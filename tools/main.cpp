@@ -1,6 +1,7 @@
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <string>
 
@@ -83,14 +84,22 @@ int main(int argc, char** argv) {
     Globals globals;
     app.add_option("--data-dir", globals.dataDir,
                    "registry directory (default: the library's, under $ZQPUBAPPDATADIR)")
+        ->type_name("DIR")
         ->check([](const std::string& dir) {
             return dir.empty() ? "empty (an unset variable?): give a directory" : "";
         });
     app.add_option("--options", globals.optionsFile, "options file (default: the library's)")
+        ->type_name("FILE")
         ->check([](const std::string& file) { return optionsFileProblem(absolutePath(file)); });
     app.add_option("--wait", globals.waitSeconds,
                    "seconds a write waits for another process's lock (default 10; 0: no wait)")
-        ->check(CLI::NonNegativeNumber);
+        ->type_name("SECONDS")
+        ->check([](const std::string& text) {
+            char* end = nullptr;
+            const double seconds = std::strtod(text.c_str(), &end);
+            const bool good = end != text.c_str() && *end == '\0' && seconds >= 0;
+            return good ? "" : "not a number of seconds, 0 or more";
+        });
     addLsCommand(app, globals);
     addGetCommand(app, globals);
     addSetCommand(app, globals);
