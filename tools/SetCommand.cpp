@@ -46,16 +46,18 @@ AutoRef<IBucket> bucketToChange(Session& session, Transaction& transaction, cons
     return bucket;
 }
 
-// Says on standard error when a value changes its type: the library only
-// warns (kValueReplaced), and a reader of the old type would fail.
-void warnOnTypeChange(const std::string& path, const Assignment& a, uint32_t oldTag,
-                      const StatusChain& status) {
-    if (status.getCode() != zq::orvane::status::kValueReplaced || oldTag == a.tag) return;
-    std::fprintf(stderr, "orvane: warning: %s %s changes type from %s to %s (%s)\n", path.c_str(),
-                 quotedText(a.name).c_str(), typeName(oldTag), typeName(a.tag),
-                 describeStatus(status.getCode()).c_str());
+// The warning for a value that changes its type: the library only warns
+// (kValueReplaced), and a reader of the old type would fail. Empty when the
+// type stays.
+std::string typeChange(const std::string& path, const Assignment& a, uint32_t oldTag,
+                       const StatusChain& status) {
+    if (status.getCode() != zq::orvane::status::kValueReplaced || oldTag == a.tag) return {};
+    return "orvane: warning: " + path + " " + quotedText(a.name) + " changes type from " +
+           typeName(oldTag) + " to " + typeName(a.tag) + " (" + describeStatus(status.getCode()) +
+           ")";
 }
 
+// A link's name is the manager's: storing a value there would hide a child.
 void refuseLinkNames(IBucket* bucket, const std::vector<Assignment>& assignments) {
     if (bucket == nullptr) return;
     for (const Assignment& a : assignments) {
@@ -74,12 +76,12 @@ void addSetCommand(CLI::App& app, const Globals& globals) {
     CLI::App* command = app.add_subcommand(
         "set", "Store the values NAME of type TYPE in the bucket PATH, all in one transaction");
     auto path = std::make_shared<std::string>();
+    auto name = std::make_shared<std::string>();
+    auto type = std::make_shared<std::string>();
     auto words = std::make_shared<std::vector<std::string>>();
     auto parents = std::make_shared<bool>(false);
     command->add_flag("-p,--parents", *parents, "make missing parent buckets too");
     command->add_option("PATH", *path, "bucket path; the bucket is made when missing")->required();
-    auto name = std::make_shared<std::string>();
-    auto type = std::make_shared<std::string>();
     command->add_option("NAME", *name, "value name")->required();
     command->add_option("TYPE", *type, "value type")->required();
     command->add_option("VALUE", *words,
@@ -111,6 +113,7 @@ void addSetCommand(CLI::App& app, const Globals& globals) {
         Transaction transaction(session.manager(), session.directory());
         AutoRef<IBucket> bucket = bucketToChange(session, transaction, bucketName, *parents);
         refuseLinkNames(bucket.get(), assignments);
+        std::vector<std::string> warnings;
         for (const Assignment& a : assignments) {
             StatusChain status;
             status.clear();
@@ -118,10 +121,13 @@ void addSetCommand(CLI::App& app, const Globals& globals) {
             const uint32_t oldTag = old ? old->getType() : a.tag;
             bucket->setValue(a.valueName, a.make(session.manager()), status, true);
             checkStatus(status, "storing value " + a.name);
-            warnOnTypeChange(*path, a, oldTag, status);
+            const std::string warning = typeChange(*path, a, oldTag, status);
+            if (!warning.empty()) warnings.push_back(warning);
         }
         transaction.put(bucket, "storing bucket " + *path);
         transaction.commit();
+        for (const std::string& warning : warnings)
+            std::fprintf(stderr, "%s\n", warning.c_str());
     });
 }
 
