@@ -278,7 +278,7 @@ bool BucketManager::beginTransaction(bool wait, Guid& id, StatusChain& status) {
             catchUp(caught);
             if (caught.isFatal()) {
                 processLock_->unlockForObject();
-                status.setCode(caught.getCode());
+                passOnError(status, caught);
                 return false;
             }
             transactionId_ = Guid::generate();

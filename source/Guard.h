@@ -23,6 +23,30 @@ struct ErrorCodes {
     int32_t conversion = 0;  // text that is not a number; 0: kelFailure
 };
 
+// The code alone says only that a system call failed: the message keeps
+// the call, its path when it has one and the system's wording ("open
+// /data/registry.bin: Permission denied"). Best effort: without memory, or
+// for a path that is not UTF-8, the code stands alone.
+inline void keepSystemReason(kel::StatusChain& status,
+                             const kel::osdep::OSException& failure) noexcept {
+    try {
+        status.setMessage(kel::WString(failure.what()));
+    } catch (...) {
+    }
+}
+
+// Hands an error met on a side status (a compaction, a catch-up) on to the
+// caller's, with the message that says why.
+inline void passOnError(kel::StatusChain& status, const kel::StatusChain& met) noexcept {
+    status.setCode(met.getCode());
+    if (const kel::WString* message = met.getMessage()) {
+        try {
+            status.setMessage(*message);
+        } catch (...) {
+        }
+    }
+}
+
 // Sets the code for the exception being handled. Called only from a catch
 // block; one copy of the dispatch serves every guarded operation.
 inline void reportCaughtException(kel::StatusChain& status, const ErrorCodes& codes) noexcept {
@@ -35,8 +59,9 @@ inline void reportCaughtException(kel::StatusChain& status, const ErrorCodes& co
         status.setCode(orKel(codes.damage));
     } catch (const kel::exception::UnableToConvert&) {
         status.setCode(orKel(codes.conversion));
-    } catch (const kel::osdep::OSException&) {
+    } catch (const kel::osdep::OSException& failure) {
         status.setCode(codes.osFailure);
+        keepSystemReason(status, failure);
     } catch (const kel::exception::Exception&) {
         status.setCode(codes.kelFailure);
     } catch (const std::bad_alloc&) {

@@ -224,7 +224,7 @@ void SingleFileBucketStore::commit(const UpdatedBuckets& updated, const DeletedN
         compaction.clear();
         compact(compaction);
         if (!file_) {
-            status.setCode(compaction.getCode());
+            passOnError(status, compaction);
         }
         rememberSignature(true);
     }

@@ -49,7 +49,7 @@ void SingleFileBucketStore::open(uint32_t value, StatusChain& status) {
     compaction.clear();
     compact(compaction);
     if (!file_) {
-        status.setCode(compaction.getCode());
+        passOnError(status, compaction);
         return;
     }
     storeOperation(status, [&] {

@@ -6,6 +6,7 @@
 #include "StoreFiles.h"
 #include "Text.h"
 #include "Tool.h"
+#include "WriteLock.h"
 #include "kel/osdep/FileSystem.h"
 #include "kel/osdep/SharedCounter.h"
 #include "source/Options.h"
@@ -22,6 +23,7 @@ void addCompactCommand(CLI::App& app, const Globals& globals) {
         using zq::kel::WString;
         const std::string directory = dataDirectory(globals);
         const WString wideDirectory(directory.c_str());
+        const WriteLock waited(globals.waitSeconds);
         ProcessLock lock;
         // Running managers look at the files again only when this moves.
         zq::kel::osdep::SharedCounter changes{WString(kProcessLockName)};

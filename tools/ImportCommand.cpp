@@ -4,6 +4,7 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <map>
 #include <set>
 
 #include "ImportDocument.h"
@@ -13,6 +14,7 @@
 #include "Tool.h"
 #include "Tree.h"
 #include "ValueJson.h"
+#include "WriteLock.h"
 
 namespace orvane_tool {
 
@@ -185,18 +187,68 @@ std::string readAll(const std::string& file) {
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
+// What an import did to one bucket, said in one line on standard error:
+// values the document drops are easy to lose without noticing.
+class BucketReport {
+  public:
+    explicit BucketReport(zq::orvane::IBucket* old) {
+        if (old == nullptr) return;
+        forEachDataValue(*old, [this](const WString& name, const AutoRef<IBucketValue>& value) {
+            before_.emplace(name, valueJson(*value));
+        });
+    }
+
+    void stored(const WString& name, const IBucketValue& value) {
+        auto found = before_.find(name);
+        if (found == before_.end()) return;
+        if (found->second != valueJson(value)) changed_.push_back(name);
+        before_.erase(found);
+    }
+
+    // What was not stored stays with --merge and is removed without it.
+    // Empty when nothing the bucket held was replaced or removed.
+    std::string line(const WString& bucket, bool merge) const {
+        std::string parts;
+        append(parts, "replaced ", changed_);
+        if (!merge) {
+            std::vector<WString> removed;
+            for (const auto& entry : before_)
+                removed.push_back(entry.first);
+            append(parts, "removed ", removed);
+        }
+        return parts.empty() ? parts : toUtf8(bucket) + ": " + parts;
+    }
+
+  private:
+    static void append(std::string& parts, const char* what, const std::vector<WString>& names) {
+        if (names.empty()) return;
+        parts += parts.empty() ? what : std::string("; ") + what;
+        for (size_t i = 0; i < names.size(); ++i)
+            parts += (i == 0 ? "" : ", ") + quotedText(toUtf8(names[i]));
+    }
+
+    std::map<WString, Json, NoCaseLess> before_;
+    std::vector<WString> changed_;
+};
+
 }  // namespace
 
 void addImportCommand(CLI::App& app, const Globals& globals) {
     CLI::App* command = app.add_subcommand(
         "import", "Store the buckets of a document that export wrote, in one transaction");
     auto file = std::make_shared<std::string>();
+    auto merge = std::make_shared<bool>(false);
     command->add_option("FILE", *file, "the document (\"-\": standard input)")->required();
+    command->add_flag("--merge", *merge,
+                      "change only the values the document names; keep the bucket's others");
     command->footer(
-        "Each bucket of the document gets exactly the document's values; its child buckets stay. "
-        "Buckets the document does not name stay as they are. The whole document is checked "
-        "first: the first bad element is named by its JSON pointer and nothing is written.");
-    command->callback([&globals, file] {
+        "Each bucket of the document gets exactly the document's values (with --merge: keeps "
+        "its other values too); its child buckets stay. Buckets the document does not name stay "
+        "as they are. A line on standard error names the values each bucket had that were "
+        "replaced by different ones or removed. The "
+        "whole document is checked first: the first bad element is named by its JSON pointer "
+        "and nothing is written.");
+    command->callback([&globals, file, merge] {
         const std::string text = readAll(*file);
         Json document;
         try {
@@ -206,6 +258,7 @@ void addImportCommand(CLI::App& app, const Globals& globals) {
         } catch (const JsonError& e) {
             throw ToolError(kExitUsage, *file + ": " + e.pointer + ": " + e.message);
         }
+        const WriteLock lock(globals.waitSeconds);
         // The whole document is checked before the registry is opened: a
         // refused import leaves every file as it was.
         std::vector<PlannedBucket> planned;
@@ -218,23 +271,31 @@ void addImportCommand(CLI::App& app, const Globals& globals) {
                                             ": " + e.message);
         }
         Session session(globals, Session::kMayCreate);
-        Transaction transaction(session.manager());
+        Transaction transaction(session.manager(), session.directory());
         size_t values = 0;
+        std::vector<std::string> lines;
         for (const PlannedBucket& p : planned) {
+            BucketReport report(session.find(p.name).get());
             StatusChain status;
             status.clear();
             AutoRef<zq::orvane::IBucket> bucket =
                 session.manager().createBucket(p.name, true, status);
             checkStatus(status, "making bucket " + toUtf8(p.name));
-            bucket->removeDataValues();
+            if (!*merge) bucket->removeDataValues();
             for (const auto& [name, makeValue] : p.values) {
-                bucket->setValue(name, makeValue(session.manager()), status, true);
+                const AutoRef<IBucketValue> value = makeValue(session.manager());
+                bucket->setValue(name, value, status, true);
                 checkStatus(status, "storing value " + toUtf8(name));
+                report.stored(name, *value);
             }
             values += p.values.size();
             transaction.put(bucket, "storing bucket " + toUtf8(p.name));
+            const std::string line = report.line(p.name, *merge);
+            if (!line.empty()) lines.push_back(line);
         }
         transaction.commit();
+        for (const std::string& line : lines)
+            std::fprintf(stderr, "%s\n", line.c_str());
         std::fprintf(stderr, "imported %zu buckets, %zu values\n", planned.size(), values);
     });
 }

@@ -5,6 +5,7 @@
 #include "Text.h"
 #include "Tool.h"
 #include "Tree.h"
+#include "WriteLock.h"
 
 namespace orvane_tool {
 
@@ -53,6 +54,7 @@ void addRmCommand(CLI::App& app, const Globals& globals) {
         if (!removeValue && bucketName == WString(L"/")) {
             throw ToolError(kExitUsage, "the root bucket \"/\" cannot be removed");
         }
+        const WriteLock lock(globals.waitSeconds);
         // Refused before the registry is opened, so a refusal leaves every
         // file as it was; checked again in the transaction.
         {
@@ -62,7 +64,7 @@ void addRmCommand(CLI::App& app, const Globals& globals) {
             refuse(*stored, removeValue ? name.get() : nullptr, *recursive);
         }
         Session session(globals, Session::kExisting);
-        Transaction transaction(session.manager());
+        Transaction transaction(session.manager(), session.directory());
         AutoRef<IBucket> bucket = session.get(bucketName);
         refuse(*bucket, removeValue ? name.get() : nullptr, *recursive);
         if (removeValue) {

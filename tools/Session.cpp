@@ -3,8 +3,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <utility>
+
 #include "StoreFiles.h"
 #include "Text.h"
+#include "ini/IniReader.h"
 #include "source/ManagerOptions.h"
 
 namespace orvane_tool {
@@ -38,14 +44,35 @@ std::string dataDirectory(const Globals& globals) {
     return globals.dataDir.empty() ? defaultDataDirectory() : absolutePath(globals.dataDir);
 }
 
-Session::Session(const Globals& globals, Mode mode) {
+std::string optionsFileProblem(const std::string& path) {
+    if (::access(path.c_str(), R_OK) != 0) {
+        return "cannot read the options file " + path + ": " + std::strerror(errno);
+    }
+    struct Reader {
+        zq::ini::IniReader* reader = zq::ini::iniCreate(0);
+        ~Reader() { zq::ini::iniDiscard(reader); }
+    } ini;
+    const int parsed = ini.reader ? zq::ini::iniParseFile(ini.reader, path.c_str()) : -ENOMEM;
+    if (parsed == zq::ini::kIniCannotOpen) return "cannot read the options file " + path;
+    if (parsed < 0) {
+        return "the options file " + path + " is not an ini file the library reads (" +
+               std::to_string(parsed) + ")";
+    }
+    if (!zq::ini::iniHasSection(ini.reader, "Orvane")) {
+        return "the options file " + path + " has no [Orvane] section";
+    }
+    return {};
+}
+
+Session::Session(const Globals& globals, Mode mode) : directory_(dataDirectory(globals)) {
+    struct stat info;
     if (mode != kMayCreate) {
-        const std::string registry = dataDirectory(globals) + "/registry.bin";
-        struct stat info;
+        const std::string registry = directory_ + "/registry.bin";
         if (::stat(registry.c_str(), &info) != 0) {
-            throw ToolError(kExitNotFound, "no registry in " + dataDirectory(globals));
+            throw ToolError(kExitNotFound, "no registry in " + directory_);
         }
     }
+    const bool existed = ::stat(directory_.c_str(), &info) == 0;
     StatusChain status;
     status.clear();
     zq::orvane::publicInterface::IOrvane2* registry =
@@ -55,8 +82,9 @@ Session::Session(const Globals& globals, Mode mode) {
     manager_ =
         registry->createBucketManager(WString(absolutePath(globals.dataDir).c_str()),
                                       WString(absolutePath(globals.optionsFile).c_str()), status);
-    checkStatus(status, "opening the registry");
-    if (!manager_) throw ToolError(kExitStore, "opening the registry failed");
+    checkStatus(status, "opening the registry in " + directory_);
+    if (!manager_) throw ToolError(kExitStore, "opening the registry in " + directory_ + " failed");
+    if (!existed) std::fprintf(stderr, "orvane: created %s\n", directory_.c_str());
 }
 
 AutoRef<IBucket> Session::find(const WString& path) {
@@ -73,7 +101,8 @@ AutoRef<IBucket> Session::get(const WString& path) {
     return bucket;
 }
 
-Transaction::Transaction(zq::orvane::IBucketManager& manager) : manager_(manager) {
+Transaction::Transaction(zq::orvane::IBucketManager& manager, std::string directory)
+    : manager_(manager), directory_(std::move(directory)) {
     StatusChain status;
     status.clear();
     manager_.beginTransaction(id_, status);
@@ -109,7 +138,7 @@ void Transaction::commit() {
     StatusChain status;
     status.clear();
     manager_.commit(id_, status);
-    checkStatus(status, "committing");
+    checkStatus(status, directory_.empty() ? "committing" : "committing to " + directory_);
     manager_.endTransaction(id_, status);
     open_ = false;
     checkStatus(status, "ending the transaction");

@@ -17,6 +17,10 @@ void checkStatus(const zq::kel::StatusChain& status, const std::string& doing);
 std::string absolutePath(const std::string& path);
 // The directory the library will use: --data-dir, else its default.
 std::string dataDirectory(const Globals& globals);
+// Why an --options file cannot serve (missing, unreadable, not an ini file
+// with an [Orvane] section), or empty when it can: the library would use
+// its defaults without a word.
+std::string optionsFileProblem(const std::string& path);
 
 // The process's bucket manager, opened on the registry the options name.
 class Session {
@@ -25,8 +29,10 @@ class Session {
     // kReadOnly and kExisting refuse (not found) a directory that holds no
     // registry yet instead of creating one; kReadOnly opens it for reading
     // only: it changes no file and waits for no other process's transaction.
+    // kMayCreate says on standard error when it made the directory.
     Session(const Globals& globals, Mode mode);
     zq::orvane::IBucketManager& manager() { return *manager_; }
+    const std::string& directory() const { return directory_; }
 
     // A private copy of the bucket, or empty when it does not exist.
     zq::kel::AutoRef<zq::orvane::IBucket> find(const zq::kel::WString& path);
@@ -35,13 +41,15 @@ class Session {
 
   private:
     zq::kel::AutoRef<zq::orvane::IBucketManager> manager_;
+    std::string directory_;
 };
 
 // One transaction in update mode; ended without commit unless commit() ran,
 // so a command that fails half way writes nothing.
 class Transaction {
   public:
-    explicit Transaction(zq::orvane::IBucketManager& manager);
+    // `directory` names the registry in messages.
+    explicit Transaction(zq::orvane::IBucketManager& manager, std::string directory = {});
     ~Transaction();
     Transaction(const Transaction&) = delete;
     Transaction& operator=(const Transaction&) = delete;
@@ -53,6 +61,7 @@ class Transaction {
 
   private:
     zq::orvane::IBucketManager& manager_;
+    std::string directory_;
     zq::kel::Guid id_;
     bool open_ = false;
 };

@@ -18,6 +18,7 @@ enum ExitCode : int {
     kExitUsage = 2,     // bad arguments, bad value, bad document, refused request
     kExitNotFound = 3,  // no such bucket, value or registry
     kExitStore = 4,     // the library or the files failed
+    kExitTimeout = 5,   // another process held the registry's lock too long
 };
 
 // A command's failure: the message the user reads and the exit code.
@@ -35,6 +36,7 @@ class ToolError : public std::runtime_error {
 struct Globals {
     std::string dataDir;      // empty: the library's default
     std::string optionsFile;  // empty: the library's default
+    double waitSeconds = 10;  // how long a write waits for the registry's lock
 };
 
 // Each command adds itself to the application; its callback does the work
@@ -49,6 +51,9 @@ void addImportCommand(CLI::App& app, const Globals& globals);
 void addVerifyCommand(CLI::App& app, const Globals& globals);
 void addStatCommand(CLI::App& app, const Globals& globals);
 void addCompactCommand(CLI::App& app, const Globals& globals);
+void addMvCommand(CLI::App& app, const Globals& globals);
+void addCpCommand(CLI::App& app, const Globals& globals);
+void addDiffCommand(CLI::App& app, const Globals& globals);
 void addWatchCommand(CLI::App& app, const Globals& globals);
 
 }  // namespace orvane_tool

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstring>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -131,6 +132,11 @@ class ManagerCommitFaultTest : public ManagerFixture, public testing::WithParamI
         EXPECT_TRUE(returned) << "the commit ran, its outcome is in the status; call " << k;
         if (status.isFatal()) {
             EXPECT_EQ(status.getCode(), orvane::status::kFileSystem) << "call " << k;
+            // The reason reaches the caller, not the code alone.
+            const WString* message = status.getMessage();
+            const std::string text = message ? kel::NString(*message).c_str() : "";
+            EXPECT_NE(text.find(std::strerror(GetParam().error)), std::string::npos)
+                << "call " << k << ": " << text;
         }
         StatusChain end = fresh();
         EXPECT_TRUE(manager.endTransaction(id, end));

@@ -41,7 +41,8 @@ TEST(ToolPerformanceTest, ImportAndExportOfTenThousandBuckets) {
     tool.dir().write("big.json", bigDocument());
     const ToolResult imported = tool.run({"import", tool.dir().file("big.json")});
     ASSERT_EQ(imported.exitCode, 0) << imported.err;
-    EXPECT_EQ(imported.err, "imported 10101 buckets, 100000 values\n");
+    EXPECT_EQ(imported.err,
+              "orvane: created " + tool.registry() + "\nimported 10101 buckets, 100000 values\n");
     const ToolResult exported = tool.run({"export", "/perf", "-o", tool.dir().file("out.json")});
     ASSERT_EQ(exported.exitCode, 0) << exported.err;
     std::printf("import of 10,000 buckets x 10 values: %.3f s; export: %.3f s\n", imported.seconds,

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <functional>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -42,8 +43,10 @@ class ToolRunner {
         return runBare(all, input);
     }
 
-    // Without the --data-dir option.
-    ToolResult runBare(const std::vector<std::string>& args, const std::string& input = "") const {
+    // Without the --data-dir option; `inChild` runs in the child before the
+    // tool starts (a resource limit, say).
+    ToolResult runBare(const std::vector<std::string>& args, const std::string& input = "",
+                       const std::function<void()>& inChild = {}) const {
         const std::string in = dir_.file(".stdin"), out = dir_.file(".stdout"),
                           err = dir_.file(".stderr");
         dir_.write(".stdin", input);
@@ -65,6 +68,7 @@ class ToolRunner {
             const int e = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
             if (i < 0 || o < 0 || e < 0) _exit(126);
             dup2(i, 0), dup2(o, 1), dup2(e, 2);
+            if (inChild) inChild();
             execv(argv[0], argv.data());
             _exit(127);
         }
