@@ -164,6 +164,8 @@ class SingleFileBucketStore : public IBucketStore {
     void rememberSignature(bool fileReplaced = false) noexcept;
     void settle(const kel::osdep::FileSystem::Status& now);
     Refresh tryRefresh(const kel::osdep::FileSystem::Status& before);
+    bool extendView(kel::osdep::File& file, const kel::osdep::File::Identity& identity,
+                    int64_t length);
     void viewChanged() { view_.fetch_add(1, std::memory_order_acq_rel); }
     // How much of `file`, the file `identity`, needs no new check: what this
     // process verified or wrote, or another one noted since the last restart.

@@ -160,6 +160,13 @@ SingleFileBucketStore::Refresh SingleFileBucketStore::tryRefresh(const FileSyste
     if (file.size() < mark.committedLength) {
         return Refresh::kUnsettled;  // the mark names bytes that are not there
     }
+    if (!reopened && extendView(file, identity, mark.committedLength)) {
+        generation_ = mark.generation;
+        committedLength_ = mark.committedLength;
+        settle(after);
+        viewChanged();
+        return Refresh::kChanged;
+    }
     StoreIndex fresh;
     fresh.load(file, mark.committedLength, verifiedBelow(file, identity, mark.committedLength));
     if (reopened) {
@@ -175,6 +182,22 @@ SingleFileBucketStore::Refresh SingleFileBucketStore::tryRefresh(const FileSyste
     settle(after);
     viewChanged();
     return Refresh::kChanged;
+}
+
+// When the bytes the view stands on are still those it verified, the file
+// has only grown by appends: the view takes in the new segments alone, so
+// a refresh after a commit reads what the commit wrote, not the whole file.
+bool SingleFileBucketStore::extendView(File& file, const File::Identity& identity, int64_t length) {
+    if (committedLength_ == 0 || verified_.length != committedLength_ ||
+        verified_.holdsFor(file, identity, committedLength_) != committedLength_) {
+        return false;
+    }
+    const VerifiedPrefix grown = VerifiedPrefix::of(file, identity, length);
+    if (!index_.extend(file, committedLength_, length, verifiedBelow(file, identity, length))) {
+        return false;
+    }
+    verified_ = grown;
+    return true;
 }
 
 // ---------------------------------------------------------------- reading only
