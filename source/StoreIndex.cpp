@@ -284,21 +284,20 @@ SegmentScan scanSegment(File& file, int64_t end, uint32_t number, bool keepSorte
 
 bool segmentVerifies(File& file, int64_t start, int64_t end) {
     using namespace segment;
-    // The checksum covers [start, X + 7), X being where the trailer begins.
-    const int64_t x = end - kTrailerSize;
     // No store writes past kMaxFileSize: hashing a damaged length's worth
     // of a sparse file would take minutes to say no.
-    if (x - start < kHeaderSize + kIndexHeaderSize || end > kMaxFileSize) {
+    if (end - start < kHeaderSize + kIndexHeaderSize + kTrailerSize || end > kMaxFileSize) {
         return false;
     }
     unsigned char stored[Sha256::kDigestSize];
-    if (file.readAt(x + 8, stored, sizeof stored) != sizeof stored) {
+    if (file.readAt(end - kChecksumFromEnd, stored, sizeof stored) != sizeof stored) {
         return false;
     }
     Sha256 sha;
+    const int64_t stop = end - kUncheckedTail;
     std::vector<unsigned char> chunk(
-        static_cast<size_t>(std::min<int64_t>(x + 7 - start, 64 * 1024)));
-    for (int64_t at = start, stop = x + 7; at < stop;) {
+        static_cast<size_t>(std::min<int64_t>(stop - start, 64 * 1024)));
+    for (int64_t at = start; at < stop;) {
         const size_t want = static_cast<size_t>(std::min<int64_t>(stop - at, chunk.size()));
         if (file.readAt(at, chunk.data(), want) != want) {
             return false;
