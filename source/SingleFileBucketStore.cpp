@@ -376,16 +376,6 @@ bool SingleFileBucketStore::compact(StatusChain& status) {
     return rewrote;
 }
 
-namespace {
-
-struct LiveRecord {
-    DigestKey digest;
-    int64_t offset;
-    int64_t length;
-};
-
-}  // namespace
-
 // Copies the newest record of every live bucket into one segment, in the
 // order met (newest segment first), with index entries in digest order.
 bool SingleFileBucketStore::compactLocked() {
@@ -394,16 +384,26 @@ bool SingleFileBucketStore::compactLocked() {
     if (readI64(*file_, committedLength_ - segment::kStartFromEnd) == 0) {
         return false;
     }
-    removeIfPresent(newPath_);
-    std::vector<LiveRecord> live;
-    std::unordered_set<DigestKey, DigestKeyHash> settled;
     // Damage is never copied under a fresh checksum: every segment read
     // from is checked first, and one that fails stops the rewrite.
     if (index_.damagedEnd() != 0) {
         ZQ_THROW(DeserializationError);
     }
-    const int64_t verified = verifiedBelow(*file_, fileIdentity_, committedLength_);
-    for (int64_t end = committedLength_; end > 0;) {
+    std::vector<LiveRecord> live;
+    std::unordered_set<DigestKey, DigestKeyHash> settled;
+    collectLive(committedLength_, 0, verifiedBelow(*file_, fileIdentity_, committedLength_),
+                settled, live);
+    writeCompacted(live);
+    return true;
+}
+
+// The newest records of the segments that end from `from` down to `downTo`,
+// newest segment first, of the buckets no newer event in `settled` decided.
+// Every segment that ends above `verified` has its checksum checked first.
+void SingleFileBucketStore::collectLive(int64_t from, int64_t downTo, int64_t verified,
+                                        std::unordered_set<DigestKey, DigestKeyHash>& settled,
+                                        std::vector<LiveRecord>& live) {
+    for (int64_t end = from; end > downTo;) {
         const SegmentScan scan = scanSegment(*file_, end, 0);
         if (end > verified && !segmentVerifies(*file_, scan.descriptor.start, end)) {
             ZQ_THROW(DeserializationError);
@@ -424,7 +424,11 @@ bool SingleFileBucketStore::compactLocked() {
         }
         end = scan.descriptor.start;
     }
+}
 
+// Writes `live` as the one segment of a new file and swaps it in.
+void SingleFileBucketStore::writeCompacted(const std::vector<LiveRecord>& live) {
+    removeIfPresent(newPath_);
     size_t liveBytes = 0;
     for (const LiveRecord& record : live) {
         liveBytes += static_cast<size_t>(record.length);
@@ -475,7 +479,6 @@ bool SingleFileBucketStore::compactLocked() {
     generation_ = 1;
     overSize_ = overSize(end);
     viewChanged();
-    return true;
 }
 
 // Before the swap's first rename the live file and its mark stand alone.

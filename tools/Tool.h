@@ -49,6 +49,7 @@ void addImportCommand(CLI::App& app, const Globals& globals);
 void addVerifyCommand(CLI::App& app, const Globals& globals);
 void addStatCommand(CLI::App& app, const Globals& globals);
 void addCompactCommand(CLI::App& app, const Globals& globals);
+void addRepairCommand(CLI::App& app, const Globals& globals);
 
 }  // namespace orvane_tool
 

@@ -37,6 +37,7 @@ int main(int argc, char** argv) {
     addVerifyCommand(app, globals);
     addStatCommand(app, globals);
     addCompactCommand(app, globals);
+    addRepairCommand(app, globals);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {
