@@ -118,13 +118,12 @@ std::vector<PlannedBucket> plan(const Json& document,
         }
         PlannedBucket bucket;
         bucket.index = i;
-        if (!b.contains("name") || !b["name"].is_string() ||
-            !fromUtf8(b["name"].get<std::string>(), bucket.name) || !wellFormedPath(bucket.name)) {
+        if (!b.contains("name") || !nameFromJson(b["name"], bucket.name) ||
+            !wellFormedPath(bucket.name)) {
             bad(at + "/name", "expected a bucket path: \"/\" or \"/name/name...\"");
         }
         if (!names.insert(zq::orvane::Digest(bucket.name)).second) {
-            bad(at + "/name",
-                "the bucket " + quotedText(b["name"].get<std::string>()) + " appears twice");
+            bad(at + "/name", "the bucket " + quotedText(toUtf8(bucket.name)) + " appears twice");
         }
         bucket.depth = depthOf(bucket.name);
         std::set<WString, NoCaseLess> seen;
@@ -133,12 +132,7 @@ std::vector<PlannedBucket> plan(const Json& document,
             if (!values.is_object()) bad(at + "/values", "expected an object");
             for (auto it = values.begin(); it != values.end(); ++it) {
                 const std::string here = at + "/values" + pointerStep(it.key());
-                WString name;
-                if (it.key().empty() || !fromUtf8(it.key(), name))
-                    bad(here, "a value needs a name");
-                if (name[0] == L'/') {
-                    bad(here, "a value name begins with \"/\" only in a link to a child bucket");
-                }
+                const WString name = valueNameFromJson(it.key(), it.value(), here);
                 if (!seen.insert(name).second) {
                     bad(here, "the name repeats " + quotedText(toUtf8(*seen.find(name))) +
                                   " (value names ignore case)");

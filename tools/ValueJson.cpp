@@ -120,10 +120,27 @@ Json valueJson(const IBucketValue& value) {
 
 Json bucketJson(zq::orvane::IBucket& bucket) {
     Json values = Json::object();
+    ValueMembers members;
     forEachDataValue(bucket, [&](const WString& name, const AutoRef<IBucketValue>& value) {
-        values[toUtf8(name)] = valueJson(*value);
+        auto [key, json] = members.member(name, *value);
+        values[key] = std::move(json);
     });
-    return Json{{"name", toUtf8(bucket.getFullName())}, {"values", std::move(values)}};
+    return Json{{"name", nameJson(bucket.getFullName())}, {"values", std::move(values)}};
+}
+
+Json nameJson(const WString& name) { return wideJson(name); }
+
+std::pair<std::string, Json> ValueMembers::member(const WString& name, const IBucketValue& value) {
+    if (isScalarText(name)) return {toUtf8(name), valueJson(value)};
+    WString shown(L"/");
+    for (wchar_t c : name)
+        shown += isScalarText(WString(&c, 1)) ? c : L'\uFFFD';
+    std::string key = toUtf8(shown);
+    for (int n = 2; !standIns_.insert(key).second; ++n)
+        key = toUtf8(shown) + "#" + std::to_string(n);
+    Json json{{"name", nameJson(name)}};
+    json.update(valueJson(value));
+    return {key, std::move(json)};
 }
 
 // ---------------------------------------------------------------- reading
@@ -175,6 +192,31 @@ WString wideFrom(const Json& j, const std::string& at) {
     }
     bad(at, "expected a string or {\"codepoints\": [...]}");
 }
+
+}  // namespace
+
+bool nameFromJson(const Json& j, WString& out) {
+    try {
+        out = wideFrom(j, "");
+    } catch (const JsonError&) {
+        return false;
+    }
+    return true;
+}
+
+WString valueNameFromJson(const std::string& key, const Json& object, const std::string& at) {
+    const bool inObject = object.is_object() && object.contains("name");
+    const std::string here = inObject ? at + "/name" : at;
+    WString name;
+    if (!(inObject ? nameFromJson(object["name"], name) : fromUtf8(key, name)) || name.empty()) {
+        bad(here, "a value needs a name");
+    }
+    if (name[0] == L'/')
+        bad(here, "a value name begins with \"/\" only in a link to a child bucket");
+    return name;
+}
+
+namespace {
 
 template <class T>
 T elementFrom(const Json& j, const std::string& at) {
@@ -253,7 +295,7 @@ struct JsonSource {
 ValueMaker valueFromJson(const Json& object, const std::string& at) {
     if (!object.is_object()) bad(at, "expected {\"type\": ..., \"value\": ...}");
     for (auto it = object.begin(); it != object.end(); ++it) {
-        if (it.key() != "type" && it.key() != "value")
+        if (it.key() != "type" && it.key() != "value" && it.key() != "name")
             bad(at + pointerStep(it.key()), "unexpected member");
     }
     if (!object.contains("type") || !object["type"].is_string())
