@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <utility>
 #include <vector>
 
 #include "kel/Throw.h"
@@ -101,6 +102,8 @@ class SegmentBuilder {
     int64_t end() const;
     // Lays out the index and the trailer and returns the whole segment.
     const std::vector<unsigned char>& finish();
+    // The finished segment, moved out of the builder.
+    std::vector<unsigned char> release() { return std::move(bytes_); }
     SegmentDescriptor descriptor(uint32_t number) const;
 
   private:

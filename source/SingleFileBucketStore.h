@@ -167,6 +167,11 @@ class SingleFileBucketStore : public IBucketStore {
     void discardCompactedFiles() noexcept;
     void swapInCompactedFile(std::unique_ptr<kel::osdep::File> fresh, int64_t end);
     bool overSize(int64_t committedLength) const;
+    int64_t sizeOnceCompacted(const SegmentDescriptor& written,
+                              const std::vector<std::pair<DigestKey, int64_t>>& updates,
+                              const std::vector<DigestKey>& deletions);
+    void refuseOverLimit(int64_t size, kel::StatusChain& status) const;
+    int64_t compactedSize();
 
     // `name`, when given, is the name the record was looked up by, and
     // `digest` its digest.

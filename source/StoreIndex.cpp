@@ -224,8 +224,9 @@ void SortedSample::forEach(File& file, Use use) const {
     unsigned char block[kBlock * segment::kUpdateEntrySize];
     for (uint32_t b = 0; b < firsts.size(); ++b) {
         const uint32_t n = readBlock(file, b, block);
-        for (uint32_t k = 0; k < n; ++k) {
-            use(digestAt(block + k * segment::kUpdateEntrySize));
+        for (const unsigned char* entry = block; entry < block + n * segment::kUpdateEntrySize;
+             entry += segment::kUpdateEntrySize) {
+            use(digestAt(entry), getI64(entry + Digest::kSize));
         }
     }
 }
@@ -518,19 +519,20 @@ size_t StoreIndex::liveBuckets(File* file) const {
         return locations_.size();
     }
     size_t live = 0;
-    forEachLive(*file, [&live](const DigestKey&) { ++live; });
+    forEachLive(*file, [&live](const DigestKey&, int64_t) { ++live; });
     return live;
 }
 
-void StoreIndex::forEachLive(File& file, const std::function<void(const DigestKey&)>& use) const {
+void StoreIndex::forEachLive(File& file,
+                             const std::function<void(const DigestKey&, int64_t)>& use) const {
     if (damagedEnd_ != 0) {
         damaged();
     }
-    for (const auto& entry : locations_) {
-        use(entry.first);
+    for (const auto& [digest, location] : locations_) {
+        use(digest, location.offset);
     }
-    base_.forEach(file, [&](const DigestKey& digest) {
-        if (!shadowed(digest)) use(digest);
+    base_.forEach(file, [&](const DigestKey& digest, int64_t offset) {
+        if (!shadowed(digest)) use(digest, offset);
     });
 }
 
