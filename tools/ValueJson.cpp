@@ -151,9 +151,14 @@ namespace {
     throw JsonError{at, message};
 }
 
-std::string hexString(const Json& j, const std::string& at, std::vector<unsigned char>& bytes) {
-    if (!j.is_string() || !fromHex(j.get<std::string>(), bytes)) bad(at, "expected a hex string");
-    return j.get<std::string>();
+// A document reader may hand over a blob's hex already decoded.
+void hexString(const Json& j, const std::string& at, std::vector<unsigned char>& bytes) {
+    if (j.is_binary()) {
+        bytes.assign(j.get_binary().begin(), j.get_binary().end());
+        return;
+    }
+    if (!j.is_string() || !fromHex(j.get_ref<const std::string&>(), bytes))
+        bad(at, "expected a hex string");
 }
 
 NString narrowFrom(const Json& j, const std::string& at) {
@@ -267,6 +272,7 @@ const Json& arrayAt(const Json& j, const std::string& at) {
 struct JsonSource {
     const Json& j;
     const std::string& here;
+    Json* takeFrom;  // the same element, when its blob bytes may be taken
 
     const Json& at(size_t i) const { return i == kWhole ? j : j[i]; }
     std::string path(size_t i) const { return i == kWhole ? here : here + "/" + std::to_string(i); }
@@ -281,7 +287,11 @@ struct JsonSource {
     }
     std::vector<unsigned char> blob() const {
         std::vector<unsigned char> bytes;
-        hexString(j, here, bytes);
+        if (takeFrom != nullptr && takeFrom->is_binary()) {
+            bytes = std::move(static_cast<std::vector<std::uint8_t>&>(takeFrom->get_binary()));
+        } else {
+            hexString(j, here, bytes);
+        }
         return bytes;
     }
     NString narrow(size_t i) const { return narrowFrom(at(i), path(i)); }
@@ -292,7 +302,9 @@ struct JsonSource {
     }
 };
 
-ValueMaker valueFromJson(const Json& object, const std::string& at) {
+namespace {
+
+ValueMaker makeValueFromJson(const Json& object, const std::string& at, Json* takeFrom) {
     if (!object.is_object()) bad(at, "expected {\"type\": ..., \"value\": ...}");
     for (auto it = object.begin(); it != object.end(); ++it) {
         if (it.key() != "type" && it.key() != "value" && it.key() != "name")
@@ -306,9 +318,18 @@ ValueMaker valueFromJson(const Json& object, const std::string& at) {
     if (!object.contains("value")) bad(at + "/value", "missing");
     const Json& j = object["value"];
     const std::string here = at + "/value";
-    JsonSource source{j, here};
-    const RawValueMaker maker = makerFor(tag, source);
-    return checkedMaker(maker);
+    JsonSource source{j, here, takeFrom != nullptr ? &(*takeFrom)["value"] : nullptr};
+    return checkedMaker(makerFor(tag, source));
+}
+
+}  // namespace
+
+ValueMaker valueFromJson(const Json& object, const std::string& at) {
+    return makeValueFromJson(object, at, nullptr);
+}
+
+ValueMaker takeValueFromJson(Json& object, const std::string& at) {
+    return makeValueFromJson(object, at, &object);
 }
 
 }  // namespace orvane_tool

@@ -63,6 +63,9 @@ struct JsonError {
 // The value a {"type", "value"} object describes, checked; JsonError with
 // the pointer of the bad element (`at` is the object's own) otherwise.
 ValueMaker valueFromJson(const Json& object, const std::string& at);
+// The same, but a blob's bytes a document reader decoded are moved out of
+// `object` rather than copied.
+ValueMaker takeValueFromJson(Json& object, const std::string& at);
 
 // "/buckets/3/values/a~1b": a JSON pointer step, escaped.
 std::string pointerStep(const std::string& key);
