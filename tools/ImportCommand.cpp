@@ -124,18 +124,23 @@ class StrictBuilder {
     DocumentStream* stream_;
 };
 
-Json parseStrict(const std::string& text) {
-    StrictBuilder builder;
-    Json::sax_parse(text, &builder);
-    return std::move(builder.document);
-}
-
 Json parseStrict(std::FILE* in) {
     DocumentStream stream(in);
     StrictBuilder builder(&stream);
     Json::sax_parse(stream.begin(), stream.end(), &builder);
     if (stream.failed()) throw ToolError(kExitStore, "cannot read the document");
     return std::move(builder.document);
+}
+
+Json parseAndClose(std::FILE* in) {
+    try {
+        Json document = parseStrict(in);
+        std::fclose(in);
+        return document;
+    } catch (...) {
+        std::fclose(in);
+        throw;
+    }
 }
 
 struct NoCaseLess {
@@ -225,7 +230,13 @@ std::vector<PlannedBucket> plan(Json& document,
 
 }  // namespace
 
-Json parseImportDocument(const std::string& text) { return parseStrict(text); }
+// Read as a file is, so that a fuzzer reaches the document stream too.
+Json parseImportDocument(const std::string& text) {
+    std::string bytes = text.empty() ? std::string(" ") : text;  // no stream of no bytes
+    std::FILE* in = fmemopen(bytes.data(), bytes.size(), "rb");
+    if (in == nullptr) throw ToolError(kExitStore, "cannot read the document");
+    return parseAndClose(in);
+}
 
 std::vector<PlannedBucket> planImport(const Json& document,
                                       const std::function<bool(const WString&)>& inRegistry) {
@@ -241,14 +252,7 @@ Json readDocument(const std::string& file) {
     if (file == "-") return parseStrict(stdin);
     std::FILE* in = std::fopen(file.c_str(), "rb");
     if (in == nullptr) throw ToolError(kExitNotFound, "cannot read " + file);
-    try {
-        Json document = parseStrict(in);
-        std::fclose(in);
-        return document;
-    } catch (...) {
-        std::fclose(in);
-        throw;
-    }
+    return parseAndClose(in);
 }
 
 }  // namespace
