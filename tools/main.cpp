@@ -113,6 +113,7 @@ int main(int argc, char** argv) {
     addVerifyCommand(app, globals);
     addStatCommand(app, globals);
     addCompactCommand(app, globals);
+    addRepairCommand(app, globals);
     addHelpCommand(app);
     addGeneratorFlags(app);
     const std::string unknown = unknownCommand(app, argc, argv);
