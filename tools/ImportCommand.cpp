@@ -264,14 +264,15 @@ class BucketReport {
     explicit BucketReport(zq::orvane::IBucket* old) {
         if (old == nullptr) return;
         forEachDataValue(*old, [this](const WString& name, const AutoRef<IBucketValue>& value) {
-            before_.emplace(name, valueJson(*value));
+            before_.emplace(name, value);
         });
     }
 
-    void stored(const WString& name, const IBucketValue& value) {
+    // Compared as values, not as text: a large blob is not spelt out again.
+    void stored(const WString& name, const AutoRef<IBucketValue>& value) {
         auto found = before_.find(name);
         if (found == before_.end()) return;
-        if (found->second != valueJson(value)) changed_.push_back(name);
+        if (!value->isEqual(found->second, value)) changed_.push_back(name);
         before_.erase(found);
     }
 
@@ -297,7 +298,7 @@ class BucketReport {
             parts += (i == 0 ? "" : ", ") + quotedText(toUtf8(names[i]));
     }
 
-    std::map<WString, Json, NoCaseLess> before_;
+    std::map<WString, AutoRef<IBucketValue>, NoCaseLess> before_;
     std::vector<WString> changed_;
 };
 
@@ -358,7 +359,7 @@ void addImportCommand(CLI::App& app, const Globals& globals) {
                 makeValue = nullptr;
                 bucket->setValue(name, value, status, true);
                 checkStatus(status, "storing value " + toUtf8(name));
-                report.stored(name, *value);
+                report.stored(name, value);
             }
             values += p.values.size();
             transaction.put(bucket, "storing bucket " + toUtf8(p.name));
