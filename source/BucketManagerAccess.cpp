@@ -361,15 +361,10 @@ bool BucketManager::putLocked(const AutoRef<IBucket>& bucket, int32_t mode, bool
     return PutPath(*this, status).put(bucket, mode, mustExist);
 }
 
+// The size limit is the commit's to apply, the same way in every process:
+// a put cannot know what the rest of the transaction will remove.
 bool BucketManager::checkPut(const Guid& id, StatusChain& status) const {
-    if (!checkChange(id, status)) {
-        return false;
-    }
-    if (store_->isOverSizeLimit()) {
-        status.setCode(status::kOverSizeLimit);
-        return false;
-    }
-    return true;
+    return checkChange(id, status);
 }
 
 bool BucketManager::putBucket(const AutoRef<IBucket>& bucket, bool replace, const Guid& id,

@@ -86,7 +86,8 @@ std::string CommitMarks::contentFor(int64_t committedLength) {
     return NString::fromInt(committedLength).c_str();
 }
 
-std::vector<std::pair<int64_t, WString>> CommitMarks::list(bool skipStrangers) {
+std::vector<std::pair<int64_t, WString>> CommitMarks::list(bool skipStrangers,
+                                                           std::vector<WString>* strangers) {
     std::vector<std::pair<int64_t, WString>> marks;
     for (const WString& name : fs_.listDirectory(directory_)) {
         if (!name.startsWith(WString(kMarkPrefix))) {
@@ -101,12 +102,20 @@ std::vector<std::pair<int64_t, WString>> CommitMarks::list(bool skipStrangers) {
         try {
             marks.emplace_back(parseInt64(number), path);
         } catch (const kel::exception::UnableToConvert&) {
-            if (!skipStrangers) {
+            if (strangers != nullptr) {
+                strangers->push_back(name);
+            } else if (!skipStrangers) {
                 throw;
             }
         }
     }
     return marks;
+}
+
+CommitMarks::Survey CommitMarks::survey() {
+    Survey survey;
+    survey.marks = list(true, &survey.strangers);
+    return survey;
 }
 
 namespace {

@@ -54,6 +54,14 @@ class CommitMarks {
     // Removes every "commitmark.N" but `keep` (0 keeps none).
     void removeAllBut(int64_t keep);
 
+    // Every name that begins as a mark's does, for an offline check: the
+    // marks with their generations, and the names an open would refuse.
+    struct Survey {
+        std::vector<std::pair<int64_t, kel::WString>> marks;  // with their paths
+        std::vector<kel::WString> strangers;                  // file names
+    };
+    Survey survey();
+
     // Writes the mark of `generation` for `committedLength` under its name,
     // then removes the mark of `generation - 1`; a mark left behind is
     // harmless, as the next open removes it. A durable mark is synced with
@@ -77,7 +85,9 @@ class CommitMarks {
 
   private:
     // Generations of the marks present, with their paths.
-    std::vector<std::pair<int64_t, kel::WString>> list(bool skipStrangers = false);
+    // With `strangers`, names that are not marks go there instead of throwing.
+    std::vector<std::pair<int64_t, kel::WString>> list(
+        bool skipStrangers = false, std::vector<kel::WString>* strangers = nullptr);
     void removeListedBut(const std::vector<std::pair<int64_t, kel::WString>>& marks, int64_t keep);
     int64_t readLength(const kel::WString& path);
     // The length in a mark that a commit may be rewriting under the lock:

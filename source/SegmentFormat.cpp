@@ -80,7 +80,7 @@ const std::vector<unsigned char>& SegmentBuilder::finish() {
         out += segment::kDeletionEntrySize;
     }
     putI64(out, index);
-    const Digest checksum = segmentChecksum(bytes_.data(), x + 7 - start_);
+    const Digest checksum = segmentChecksum(bytes_.data(), static_cast<int64_t>(bytes_.size()));
     std::memcpy(out + 8, checksum.bytes(), Digest::kSize);
     putI64(out + 40, start_);
     std::memcpy(out + 48, segment::kMark, segment::kMarkSize);
@@ -103,9 +103,9 @@ SegmentDescriptor SegmentBuilder::descriptor(uint32_t number) const {
     return d;
 }
 
-Digest segmentChecksum(const unsigned char* segmentStart, int64_t bytesBeforeX) {
+Digest segmentChecksum(const unsigned char* segmentStart, int64_t length) {
     unsigned char hash[Sha256::kDigestSize];
-    Sha256::hash(segmentStart, static_cast<size_t>(bytesBeforeX), hash);
+    Sha256::hash(segmentStart, static_cast<size_t>(length - segment::kUncheckedTail), hash);
     const unsigned char* cursor = hash;
     return Digest(cursor, hash + sizeof hash);
 }

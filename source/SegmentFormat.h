@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <utility>
 #include <vector>
 
 #include "kel/Throw.h"
@@ -34,6 +35,10 @@ constexpr size_t kMarkSize = 16;
 // Offsets counted back from the segment end.
 constexpr int64_t kStartFromEnd = 24;
 constexpr int64_t kChecksumFromEnd = 56;
+// The checksum covers [start, end - kUncheckedTail): up to X + 7, X being
+// where the trailer begins. The range stops one byte short on purpose: files
+// written so far all carry this checksum.
+constexpr int64_t kUncheckedTail = kTrailerSize - 7;
 // The file is positioned with 32-bit offsets on the target.
 constexpr int64_t kMaxFileSize = INT32_MAX;
 
@@ -100,6 +105,8 @@ class SegmentBuilder {
     int64_t end() const;
     // Lays out the index and the trailer and returns the whole segment.
     const std::vector<unsigned char>& finish();
+    // The finished segment, moved out of the builder.
+    std::vector<unsigned char> release() { return std::move(bytes_); }
     SegmentDescriptor descriptor(uint32_t number) const;
 
   private:
@@ -119,10 +126,9 @@ class SegmentBuilder {
     std::vector<DigestKey> deletions_;
 };
 
-// The checksum of a segment: SHA-256 over [start, X + 7), where X is the
-// position of the repeated index position. The range stops one byte short on
-// purpose: files written so far all carry this checksum.
-Digest segmentChecksum(const unsigned char* segmentStart, int64_t bytesBeforeX);
+// The checksum of the whole segment of `length` bytes at `segmentStart`:
+// SHA-256 over all but its last segment::kUncheckedTail bytes.
+Digest segmentChecksum(const unsigned char* segmentStart, int64_t length);
 
 }  // namespace orvane
 }  // namespace zq

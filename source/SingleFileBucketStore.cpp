@@ -206,6 +206,13 @@ void SingleFileBucketStore::commit(const UpdatedBuckets& updated, const DeletedN
             status.setCode(status::kOverSizeLimit);
             return false;
         }
+        if (overSize(end)) {
+            const int64_t after = sizeOnceCompacted(descriptor, updates, deletions);
+            if (overSize(after)) {
+                refuseOverLimit(after, status);
+                return false;
+            }
+        }
         StoreIndex::Staged staged = index_.stage(descriptor, updates, deletions);
         appendSegment(segment, end);
         // Memory follows the disk only once the segment is synced and its
@@ -276,9 +283,10 @@ std::vector<unsigned char> SingleFileBucketStore::buildSegment(
     for (const DigestKey& key : deletions) {
         builder.addDeletion(key);
     }
-    std::vector<unsigned char> segment = builder.finish();
+    builder.finish();
     descriptor = builder.descriptor(index_.segmentCount() + 1);
-    return segment;
+    // Moved out, not copied: a commit of a large value holds it twice at most.
+    return builder.release();
 }
 
 // One write and one data sync for the segment, whatever its size: the sync
@@ -334,6 +342,58 @@ void SingleFileBucketStore::rollBackAppend(int64_t start, bool markMayExist) {
     }
 }
 
+// The one rule of the size limit, whoever commits and however long it has
+// run: a commit is refused, before anything is written, when the file after
+// it would be over the limit even once compacted. A commit that leaves it
+// over the limit only until the compaction that follows is made. Where
+// damage hides what is live, the file's whole length counts.
+int64_t SingleFileBucketStore::sizeOnceCompacted(
+    const SegmentDescriptor& written, const std::vector<std::pair<DigestKey, int64_t>>& updates,
+    const std::vector<DigestKey>& deletions) {
+    if (index_.damagedEnd() != 0) {
+        return committedLength_ + written.length;
+    }
+    int64_t size = compactedSize();
+    std::unordered_set<DigestKey, DigestKeyHash> replaced(deletions.begin(), deletions.end());
+    for (const auto& update : updates) {
+        replaced.insert(update.first);
+    }
+    for (const DigestKey& digest : replaced) {
+        const StoreIndex::Location* location = index_.find(*file_, digest);
+        const int64_t length = location != nullptr ? readI64(*file_, location->offset) : 0;
+        if (length > 0) {
+            size -= segment::kRecordLengthSize + length + segment::kUpdateEntrySize;
+        }
+    }
+    return size + written.indexPosition - written.dataStart +
+           segment::kUpdateEntrySize * static_cast<int64_t>(updates.size());
+}
+
+void SingleFileBucketStore::refuseOverLimit(int64_t size, StatusChain& status) const {
+    status.setCode(status::kOverSizeLimit);
+    WString message(L"after this commit the registry would hold ");
+    message += WString::fromInt(size);
+    message += L" bytes once compacted, more than DiskMaxRegistryFileSizeKB (";
+    message += WString::fromInt(options_->number(Options::kDiskMaxRegistryFileSizeKB));
+    message += L" KB) allows; raise it in the [Orvane] section of Orvane.ini";
+    status.setMessage(message);
+}
+
+// What a compaction would leave: one segment of the live records.
+int64_t SingleFileBucketStore::compactedSize() {
+    if (committedLength_ != 0 && readI64(*file_, committedLength_ - segment::kStartFromEnd) == 0) {
+        return committedLength_;  // one segment already
+    }
+    int64_t size = segment::kHeaderSize + segment::kIndexHeaderSize + segment::kTrailerSize;
+    index_.forEachLive(*file_, [&](const DigestKey&, int64_t offset) {
+        const int64_t length = readI64(*file_, offset);
+        if (length > 0) {
+            size += segment::kRecordLengthSize + length + segment::kUpdateEntrySize;
+        }
+    });
+    return size;
+}
+
 bool SingleFileBucketStore::overSize(int64_t committedLength) const {
     if (options_ == nullptr) {
         return false;
@@ -376,16 +436,6 @@ bool SingleFileBucketStore::compact(StatusChain& status) {
     return rewrote;
 }
 
-namespace {
-
-struct LiveRecord {
-    DigestKey digest;
-    int64_t offset;
-    int64_t length;
-};
-
-}  // namespace
-
 // Copies the newest record of every live bucket into one segment, in the
 // order met (newest segment first), with index entries in digest order.
 bool SingleFileBucketStore::compactLocked() {
@@ -394,16 +444,26 @@ bool SingleFileBucketStore::compactLocked() {
     if (readI64(*file_, committedLength_ - segment::kStartFromEnd) == 0) {
         return false;
     }
-    removeIfPresent(newPath_);
-    std::vector<LiveRecord> live;
-    std::unordered_set<DigestKey, DigestKeyHash> settled;
     // Damage is never copied under a fresh checksum: every segment read
     // from is checked first, and one that fails stops the rewrite.
     if (index_.damagedEnd() != 0) {
         ZQ_THROW(DeserializationError);
     }
-    const int64_t verified = verifiedBelow(*file_, fileIdentity_, committedLength_);
-    for (int64_t end = committedLength_; end > 0;) {
+    std::vector<LiveRecord> live;
+    std::unordered_set<DigestKey, DigestKeyHash> settled;
+    collectLive(committedLength_, 0, verifiedBelow(*file_, fileIdentity_, committedLength_),
+                settled, live);
+    writeCompacted(live);
+    return true;
+}
+
+// The newest records of the segments that end from `from` down to `downTo`,
+// newest segment first, of the buckets no newer event in `settled` decided.
+// Every segment that ends above `verified` has its checksum checked first.
+void SingleFileBucketStore::collectLive(int64_t from, int64_t downTo, int64_t verified,
+                                        std::unordered_set<DigestKey, DigestKeyHash>& settled,
+                                        std::vector<LiveRecord>& live) {
+    for (int64_t end = from; end > downTo;) {
         const SegmentScan scan = scanSegment(*file_, end, 0);
         if (end > verified && !segmentVerifies(*file_, scan.descriptor.start, end)) {
             ZQ_THROW(DeserializationError);
@@ -424,7 +484,11 @@ bool SingleFileBucketStore::compactLocked() {
         }
         end = scan.descriptor.start;
     }
+}
 
+// Writes `live` as the one segment of a new file and swaps it in.
+void SingleFileBucketStore::writeCompacted(const std::vector<LiveRecord>& live) {
+    removeIfPresent(newPath_);
     size_t liveBytes = 0;
     for (const LiveRecord& record : live) {
         liveBytes += static_cast<size_t>(record.length);
@@ -475,7 +539,6 @@ bool SingleFileBucketStore::compactLocked() {
     generation_ = 1;
     overSize_ = overSize(end);
     viewChanged();
-    return true;
 }
 
 // Before the swap's first rename the live file and its mark stand alone.

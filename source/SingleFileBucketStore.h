@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "kel/osdep/File.h"
@@ -63,6 +64,27 @@ class SingleFileBucketStore : public IBucketStore {
 
     // For the offline tools: compacts now, whatever the size.
     void compactNow(kel::StatusChain& status);
+
+    // What a repair dropped: the bytes [droppedFrom, droppedTo) of the old
+    // file, kept in `copy`; nothing when they are equal.
+    struct Repair {
+        int64_t droppedFrom = 0;
+        int64_t droppedTo = 0;
+        kel::WString copy;
+        // Whose records lay in the dropped bytes: they now hold what older
+        // segments hold. `unnamed` more are gone, and `deletions` read there
+        // are undone.
+        std::vector<kel::WString> buckets;
+        uint32_t unnamed = 0;
+        uint32_t deletions = 0;
+    };
+    // For an administrator: when damage sits in the middle of the file, an
+    // open serves around it and a compaction refuses it. This keeps a copy
+    // of the file, then rebuilds it, as a compaction does, from the
+    // newest records of the whole, verified segments on either side of the
+    // damage; no byte that failed its checksum is copied. A file that
+    // verifies is left as it is. The caller holds the process lock.
+    void repair(Repair& repair, kel::StatusChain& status);
 
     struct Facts {
         int64_t fileSize = 0;
@@ -149,9 +171,26 @@ class SingleFileBucketStore : public IBucketStore {
     // True when it wrote a new file and swapped it in.
     bool compact(kel::StatusChain& status);
     bool compactLocked();
+    struct LiveRecord {
+        DigestKey digest;
+        int64_t offset;
+        int64_t length;
+    };
+    void collectLive(int64_t from, int64_t downTo, int64_t verified,
+                     std::unordered_set<DigestKey, DigestKeyHash>& settled,
+                     std::vector<LiveRecord>& live);
+    void writeCompacted(const std::vector<LiveRecord>& live);
+    void repairLocked(Repair& repair);
+    void readDropped(Repair& repair, std::vector<DigestKey>& unnamed);
+    void nameFromRebuilt(Repair& repair, const std::vector<DigestKey>& unnamed);
     void discardCompactedFiles() noexcept;
     void swapInCompactedFile(std::unique_ptr<kel::osdep::File> fresh, int64_t end);
     bool overSize(int64_t committedLength) const;
+    int64_t sizeOnceCompacted(const SegmentDescriptor& written,
+                              const std::vector<std::pair<DigestKey, int64_t>>& updates,
+                              const std::vector<DigestKey>& deletions);
+    void refuseOverLimit(int64_t size, kel::StatusChain& status) const;
+    int64_t compactedSize();
 
     // `name`, when given, is the name the record was looked up by, and
     // `digest` its digest.

@@ -87,8 +87,9 @@ std::vector<DigestKey> SingleFileBucketStore::liveDigests(StatusChain& status) {
         Lock lock(mutex_);
         std::vector<DigestKey> live;
         if (file_) {
-            index_.forEachLive(*file_,
-                               [&live](const DigestKey& digest) { live.push_back(digest); });
+            // A record that says it hides older ones reads back as no bucket.
+            index_.forEachLive(
+                *file_, [&live](const DigestKey& digest, int64_t) { live.push_back(digest); });
         }
         return live;
     });

@@ -224,8 +224,9 @@ void SortedSample::forEach(File& file, Use use) const {
     unsigned char block[kBlock * segment::kUpdateEntrySize];
     for (uint32_t b = 0; b < firsts.size(); ++b) {
         const uint32_t n = readBlock(file, b, block);
-        for (uint32_t k = 0; k < n; ++k) {
-            use(digestAt(block + k * segment::kUpdateEntrySize));
+        for (const unsigned char* entry = block; entry < block + n * segment::kUpdateEntrySize;
+             entry += segment::kUpdateEntrySize) {
+            use(digestAt(entry), getI64(entry + Digest::kSize));
         }
     }
 }
@@ -284,21 +285,20 @@ SegmentScan scanSegment(File& file, int64_t end, uint32_t number, bool keepSorte
 
 bool segmentVerifies(File& file, int64_t start, int64_t end) {
     using namespace segment;
-    // The checksum covers [start, X + 7), X being where the trailer begins.
-    const int64_t x = end - kTrailerSize;
     // No store writes past kMaxFileSize: hashing a damaged length's worth
     // of a sparse file would take minutes to say no.
-    if (x - start < kHeaderSize + kIndexHeaderSize || end > kMaxFileSize) {
+    if (end - start < kHeaderSize + kIndexHeaderSize + kTrailerSize || end > kMaxFileSize) {
         return false;
     }
     unsigned char stored[Sha256::kDigestSize];
-    if (file.readAt(x + 8, stored, sizeof stored) != sizeof stored) {
+    if (file.readAt(end - kChecksumFromEnd, stored, sizeof stored) != sizeof stored) {
         return false;
     }
     Sha256 sha;
+    const int64_t stop = end - kUncheckedTail;
     std::vector<unsigned char> chunk(
-        static_cast<size_t>(std::min<int64_t>(x + 7 - start, 64 * 1024)));
-    for (int64_t at = start, stop = x + 7; at < stop;) {
+        static_cast<size_t>(std::min<int64_t>(stop - start, 64 * 1024)));
+    for (int64_t at = start; at < stop;) {
         const size_t want = static_cast<size_t>(std::min<int64_t>(stop - at, chunk.size()));
         if (file.readAt(at, chunk.data(), want) != want) {
             return false;
@@ -519,19 +519,20 @@ size_t StoreIndex::liveBuckets(File* file) const {
         return locations_.size();
     }
     size_t live = 0;
-    forEachLive(*file, [&live](const DigestKey&) { ++live; });
+    forEachLive(*file, [&live](const DigestKey&, int64_t) { ++live; });
     return live;
 }
 
-void StoreIndex::forEachLive(File& file, const std::function<void(const DigestKey&)>& use) const {
+void StoreIndex::forEachLive(File& file,
+                             const std::function<void(const DigestKey&, int64_t)>& use) const {
     if (damagedEnd_ != 0) {
         damaged();
     }
-    for (const auto& entry : locations_) {
-        use(entry.first);
+    for (const auto& [digest, location] : locations_) {
+        use(digest, location.offset);
     }
-    base_.forEach(file, [&](const DigestKey& digest) {
-        if (!shadowed(digest)) use(digest);
+    base_.forEach(file, [&](const DigestKey& digest, int64_t offset) {
+        if (!shadowed(digest)) use(digest, offset);
     });
 }
 

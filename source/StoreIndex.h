@@ -34,7 +34,7 @@ struct SortedSample {
     // The entry of `digest` (its number and record position), or false.
     // Throws DeserializationError when the block read disagrees.
     bool find(kel::osdep::File& file, const DigestKey& digest, uint32_t& k, int64_t& record) const;
-    // Calls `use` with the digest of every entry, in order.
+    // Calls `use` with the digest and record offset of every entry, in order.
     template <class Use>
     void forEach(kel::osdep::File& file, Use use) const;
 
@@ -188,9 +188,10 @@ class StoreIndex {
     uint32_t segmentCount() const { return segmentCount_; }
     const std::vector<SegmentDescriptor>& segments() const { return segments_; }
     size_t liveBuckets(kel::osdep::File* file) const;
-    // Calls `use` with the digest of every bucket that exists.
+    // Calls `use` with the digest and record offset of every bucket that
+    // may exist: a record whose length is 0 or less says it does not.
     void forEachLive(kel::osdep::File& file,
-                     const std::function<void(const DigestKey&)>& use) const;
+                     const std::function<void(const DigestKey&, int64_t)>& use) const;
     // The index position of the segment a new commit links back to, or 0.
     int64_t previousIndexForNextCommit() const;
 

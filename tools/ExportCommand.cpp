@@ -24,13 +24,15 @@ class DocumentWriter {
     void bucket(zq::orvane::IBucket& bucket) {
         text_ += first_ ? "\n    {\"name\": " : ",\n    {\"name\": ";
         first_ = false;
-        text_ += Json(toUtf8(bucket.getFullName())).dump() + ", \"values\": {";
+        text_ += nameJson(bucket.getFullName()).dump() + ", \"values\": {";
         bool firstValue = true;
+        ValueMembers members;
         forEachDataValue(bucket, [&](const zq::kel::WString& name,
                                      const zq::kel::AutoRef<zq::orvane::IBucketValue>& value) {
             text_ += firstValue ? "\n      " : ",\n      ";
             firstValue = false;
-            text_ += Json(toUtf8(name)).dump() + ": " + valueJson(*value).dump();
+            const auto [key, json] = members.member(name, *value);
+            text_ += Json(key).dump() + ": " + json.dump();
         });
         text_ += firstValue ? "}}" : "\n    }}";
         if (text_.size() > (1u << 20)) flush();
@@ -71,7 +73,9 @@ void addExportCommand(CLI::App& app, const Globals& globals) {
         "parents before children; each bucket is {\"name\": PATH, \"values\": {NAME: {\"type\": "
         "TYPE, \"value\": V}}}. 64-bit integers are decimal strings; floats that are not finite "
         "are \"inf\", \"-inf\", \"nan\", \"-nan\" or \"0x\" and their bits; blobs and digests "
-        "hex; narrow strings that are not UTF-8 {\"hex\": ...}. `orvane import` reads it back "
+        "hex; narrow strings that are not UTF-8 {\"hex\": ...}; names and strings that are not "
+        "Unicode text {\"codepoints\": [...]}, such a value under a stand-in member name that "
+        "begins with \"/\" and with its name in its object. `orvane import` reads it back "
         "exactly.");
     command->callback([&globals, path, output] {
         const zq::kel::WString top = bucketPath(*path);

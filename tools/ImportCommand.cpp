@@ -1,12 +1,10 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
-#include <fstream>
-#include <iostream>
-#include <iterator>
 #include <map>
 #include <set>
 
+#include "DocumentStream.h"
 #include "ImportDocument.h"
 #include "Session.h"
 #include "StoreFiles.h"
@@ -29,50 +27,122 @@ namespace {
     throw JsonError{at, message};
 }
 
-// Parses while watching for repeated member names, which a JSON reader
-// would otherwise settle silently by keeping the last.
-Json parseStrict(const std::string& text) {
+// Builds the document as a JSON reader does, but refuses repeated member
+// names, which a reader would settle silently by keeping the last, and
+// moves each string into place: a blob's hex is held once, not twice.
+class StrictBuilder {
+  public:
+    using string_t = std::string;
+
+    // With `stream`, a stand-in for a blob's hex becomes its bytes in a
+    // blob's place and its hex again anywhere else.
+    explicit StrictBuilder(DocumentStream* stream = nullptr) : stream_(stream) {}
+
+    bool null() { return put(Json(nullptr)); }
+    bool boolean(bool value) { return put(Json(value)); }
+    bool number_integer(int64_t value) { return put(Json(value)); }
+    bool number_unsigned(uint64_t value) { return put(Json(value)); }
+    bool number_float(double value, const std::string&) { return put(Json(value)); }
+    bool string(std::string& value) {
+        std::vector<unsigned char> bytes;
+        if (stream_ == nullptr || !stream_->take(value, bytes)) return put(Json(std::move(value)));
+        if (inBlobPlace()) return put(Json::binary(std::move(bytes)));
+        return put(Json(toHex(bytes.data(), bytes.size())));
+    }
+    bool binary(Json::binary_t& value) { return put(Json::binary(std::move(value))); }
+    bool start_object(size_t) { return open(Json::object()); }
+    bool start_array(size_t) { return open(Json::array()); }
+    bool end_object() { return close(); }
+    bool end_array() { return close(); }
+    bool key(std::string& name) {
+        Frame& frame = frames_.back();
+        if (!frame.keys.insert(name).second) bad(pointer() + pointerStep(name), "repeated member");
+        frame.key = std::move(name);
+        return true;
+    }
+    bool parse_error(size_t, const std::string&, const nlohmann::detail::exception& error) {
+        if (const auto* parse = dynamic_cast<const Json::parse_error*>(&error)) throw *parse;
+        if (const auto* range = dynamic_cast<const Json::out_of_range*>(&error)) throw *range;
+        throw Json::other_error::create(501, error.what(), nullptr);
+    }
+
+    Json document;
+
+  private:
     struct Frame {
-        bool array;
-        size_t index;
-        std::string key;
+        Json* container;
+        std::string key;  // of the member being read, in an object
         std::set<std::string> keys;
     };
-    std::vector<Frame> frames;
-    auto pointer = [&frames] {
-        std::string at;
-        for (const Frame& f : frames)
-            at += f.array ? "/" + std::to_string(f.index) : pointerStep(f.key);
-        return at;
-    };
-    auto elementDone = [&frames] {
-        if (!frames.empty() && frames.back().array) ++frames.back().index;
-    };
-    Json::parser_callback_t watch = [&](int, Json::parse_event_t event, Json& parsed) {
-        switch (event) {
-            case Json::parse_event_t::object_start:
-                frames.push_back(Frame{false, 0, {}, {}});
-                break;
-            case Json::parse_event_t::array_start:
-                frames.push_back(Frame{true, 0, {}, {}});
-                break;
-            case Json::parse_event_t::key:
-                frames.back().key = parsed.get<std::string>();
-                if (!frames.back().keys.insert(frames.back().key).second)
-                    bad(pointer(), "repeated member");
-                break;
-            case Json::parse_event_t::object_end:
-            case Json::parse_event_t::array_end:
-                frames.pop_back();
-                elementDone();
-                break;
-            case Json::parse_event_t::value:
-                elementDone();
-                break;
+
+    // Where the value just read goes; its place in the document.
+    Json* place(Json&& value) {
+        if (frames_.empty()) {
+            document = std::move(value);
+            return &document;
         }
+        Frame& frame = frames_.back();
+        if (frame.container->is_array()) {
+            frame.container->push_back(std::move(value));
+            return &frame.container->back();
+        }
+        Json& member = (*frame.container)[frame.key];
+        member = std::move(value);
+        return &member;
+    }
+    bool put(Json&& value) {
+        place(std::move(value));
         return true;
-    };
-    return Json::parse(text, watch);
+    }
+    bool open(Json&& container) {
+        frames_.push_back(Frame{place(std::move(container)), {}, {}});
+        return true;
+    }
+    bool close() {
+        frames_.pop_back();
+        return true;
+    }
+    // The JSON pointer of the innermost open container.
+    std::string pointer() const {
+        std::string at;
+        for (size_t i = 0; i + 1 < frames_.size(); ++i) {
+            const Json& container = *frames_[i].container;
+            at += container.is_array() ? "/" + std::to_string(container.size() - 1)
+                                       : pointerStep(frames_[i].key);
+        }
+        return at;
+    }
+
+    // A blob's value, or a narrow string's {"hex": ...}, as export writes them.
+    bool inBlobPlace() const {
+        if (frames_.empty() || !frames_.back().container->is_object()) return false;
+        const Json& object = *frames_.back().container;
+        const std::string& key = frames_.back().key;
+        return key == "hex" ||
+               (key == "value" && object.contains("type") && object["type"] == "blob");
+    }
+
+    std::vector<Frame> frames_;
+    DocumentStream* stream_;
+};
+
+Json parseStrict(std::FILE* in) {
+    DocumentStream stream(in);
+    StrictBuilder builder(&stream);
+    Json::sax_parse(stream.begin(), stream.end(), &builder);
+    if (stream.failed()) throw ToolError(kExitStore, "cannot read the document");
+    return std::move(builder.document);
+}
+
+Json parseAndClose(std::FILE* in) {
+    try {
+        Json document = parseStrict(in);
+        std::fclose(in);
+        return document;
+    } catch (...) {
+        std::fclose(in);
+        throw;
+    }
 }
 
 struct NoCaseLess {
@@ -93,7 +163,8 @@ size_t depthOf(const WString& path) {
     return path.length() == 1 ? 0 : static_cast<size_t>(std::count(path.begin(), path.end(), L'/'));
 }
 
-std::vector<PlannedBucket> plan(const Json& document,
+// Blob bytes the reader decoded are moved out of `document` into the plan.
+std::vector<PlannedBucket> plan(Json& document,
                                 const std::function<bool(const WString&)>& inRegistry) {
     if (!document.is_object()) bad("", "expected an object");
     for (auto it = document.begin(); it != document.end(); ++it) {
@@ -107,12 +178,12 @@ std::vector<PlannedBucket> plan(const Json& document,
     if (!document.contains("version") || document["version"] != 1) bad("/version", "expected 1");
     if (!document.contains("buckets") || !document["buckets"].is_array())
         bad("/buckets", "expected an array");
-    const Json& buckets = document["buckets"];
+    Json& buckets = document["buckets"];
     std::vector<PlannedBucket> planned;
     std::set<zq::orvane::Digest> names;
     for (size_t i = 0; i < buckets.size(); ++i) {
         const std::string at = "/buckets/" + std::to_string(i);
-        const Json& b = buckets[i];
+        Json& b = buckets[i];
         if (!b.is_object()) bad(at, "expected {\"name\": ..., \"values\": {...}}");
         for (auto it = b.begin(); it != b.end(); ++it) {
             if (it.key() != "name" && it.key() != "values")
@@ -120,32 +191,26 @@ std::vector<PlannedBucket> plan(const Json& document,
         }
         PlannedBucket bucket;
         bucket.index = i;
-        if (!b.contains("name") || !b["name"].is_string() ||
-            !fromUtf8(b["name"].get<std::string>(), bucket.name) || !wellFormedPath(bucket.name)) {
+        if (!b.contains("name") || !nameFromJson(b["name"], bucket.name) ||
+            !wellFormedPath(bucket.name)) {
             bad(at + "/name", "expected a bucket path: \"/\" or \"/name/name...\"");
         }
         if (!names.insert(zq::orvane::Digest(bucket.name)).second) {
-            bad(at + "/name",
-                "the bucket " + quotedText(b["name"].get<std::string>()) + " appears twice");
+            bad(at + "/name", "the bucket " + quotedText(toUtf8(bucket.name)) + " appears twice");
         }
         bucket.depth = depthOf(bucket.name);
         std::set<WString, NoCaseLess> seen;
         if (b.contains("values")) {
-            const Json& values = b["values"];
+            Json& values = b["values"];
             if (!values.is_object()) bad(at + "/values", "expected an object");
             for (auto it = values.begin(); it != values.end(); ++it) {
                 const std::string here = at + "/values" + pointerStep(it.key());
-                WString name;
-                if (it.key().empty() || !fromUtf8(it.key(), name))
-                    bad(here, "a value needs a name");
-                if (name[0] == L'/') {
-                    bad(here, "a value name begins with \"/\" only in a link to a child bucket");
-                }
+                const WString name = valueNameFromJson(it.key(), it.value(), here);
                 if (!seen.insert(name).second) {
                     bad(here, "the name repeats " + quotedText(toUtf8(*seen.find(name))) +
                                   " (value names ignore case)");
                 }
-                bucket.values.emplace_back(name, valueFromJson(it.value(), here));
+                bucket.values.emplace_back(name, takeValueFromJson(it.value(), here));
             }
         }
         planned.push_back(std::move(bucket));
@@ -167,24 +232,29 @@ std::vector<PlannedBucket> plan(const Json& document,
 
 }  // namespace
 
-Json parseImportDocument(const std::string& text) { return parseStrict(text); }
+// Read as a file is, so that a fuzzer reaches the document stream too.
+Json parseImportDocument(const std::string& text) {
+    std::string bytes = text.empty() ? std::string(" ") : text;  // no stream of no bytes
+    std::FILE* in = fmemopen(bytes.data(), bytes.size(), "rb");
+    if (in == nullptr) throw ToolError(kExitStore, "cannot read the document");
+    return parseAndClose(in);
+}
 
 std::vector<PlannedBucket> planImport(const Json& document,
                                       const std::function<bool(const WString&)>& inRegistry) {
-    return plan(document, inRegistry);
+    Json copy = document;
+    return plan(copy, inRegistry);
 }
 
 namespace {
 
-std::string readAll(const std::string& file) {
-    if (file == "-") {
-        return std::string(std::istreambuf_iterator<char>(std::cin),
-                           std::istreambuf_iterator<char>());
-    }
-    // The user's document, read like standard input: not a store file.
-    std::ifstream in(file, std::ios::binary);
-    if (!in) throw ToolError(kExitNotFound, "cannot read " + file);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+// The user's document, read as it is parsed: its text is never held whole.
+// Standard streams, as for standard input: not a store file.
+Json readDocument(const std::string& file) {
+    if (file == "-") return parseStrict(stdin);
+    std::FILE* in = std::fopen(file.c_str(), "rb");
+    if (in == nullptr) throw ToolError(kExitNotFound, "cannot read " + file);
+    return parseAndClose(in);
 }
 
 // What an import did to one bucket, said in one line on standard error:
@@ -194,14 +264,15 @@ class BucketReport {
     explicit BucketReport(zq::orvane::IBucket* old) {
         if (old == nullptr) return;
         forEachDataValue(*old, [this](const WString& name, const AutoRef<IBucketValue>& value) {
-            before_.emplace(name, valueJson(*value));
+            before_.emplace(name, value);
         });
     }
 
-    void stored(const WString& name, const IBucketValue& value) {
+    // Compared as values, not as text: a large blob is not spelt out again.
+    void stored(const WString& name, const AutoRef<IBucketValue>& value) {
         auto found = before_.find(name);
         if (found == before_.end()) return;
-        if (found->second != valueJson(value)) changed_.push_back(name);
+        if (!value->isEqual(found->second, value)) changed_.push_back(name);
         before_.erase(found);
     }
 
@@ -227,7 +298,7 @@ class BucketReport {
             parts += (i == 0 ? "" : ", ") + quotedText(toUtf8(names[i]));
     }
 
-    std::map<WString, Json, NoCaseLess> before_;
+    std::map<WString, AutoRef<IBucketValue>, NoCaseLess> before_;
     std::vector<WString> changed_;
 };
 
@@ -249,10 +320,9 @@ void addImportCommand(CLI::App& app, const Globals& globals) {
         "whole document is checked first: the first bad element is named by its JSON pointer "
         "and nothing is written.");
     command->callback([&globals, file, merge] {
-        const std::string text = readAll(*file);
         Json document;
         try {
-            document = parseStrict(text);
+            document = readDocument(*file);
         } catch (const Json::parse_error& e) {
             throw ToolError(kExitUsage, *file + ": not JSON: " + e.what());
         } catch (const JsonError& e) {
@@ -270,11 +340,12 @@ void addImportCommand(CLI::App& app, const Globals& globals) {
             throw ToolError(kExitUsage, *file + ": " + (e.pointer.empty() ? "/" : e.pointer) +
                                             ": " + e.message);
         }
+        document = Json();  // each value is in `planned` now
         Session session(globals, Session::kMayCreate);
         Transaction transaction(session.manager(), session.directory());
         size_t values = 0;
         std::vector<std::string> lines;
-        for (const PlannedBucket& p : planned) {
+        for (PlannedBucket& p : planned) {
             BucketReport report(session.find(p.name).get());
             StatusChain status;
             status.clear();
@@ -282,11 +353,13 @@ void addImportCommand(CLI::App& app, const Globals& globals) {
                 session.manager().createBucket(p.name, true, status);
             checkStatus(status, "making bucket " + toUtf8(p.name));
             if (!*merge) bucket->removeDataValues();
-            for (const auto& [name, makeValue] : p.values) {
-                const AutoRef<IBucketValue> value = makeValue(session.manager());
+            for (auto& [name, makeValue] : p.values) {
+                AutoRef<IBucketValue> value = makeValue(session.manager());
+                // Its bytes are in the value now: a blob is held twice at most.
+                makeValue = nullptr;
                 bucket->setValue(name, value, status, true);
                 checkStatus(status, "storing value " + toUtf8(name));
-                report.stored(name, *value);
+                report.stored(name, value);
             }
             values += p.values.size();
             transaction.put(bucket, "storing bucket " + toUtf8(p.name));

@@ -17,20 +17,16 @@ void addStatCommand(CLI::App& app, const Globals& globals) {
         "gives them back.");
     command->callback([&globals] {
         const std::string directory = dataDirectory(globals);
-        StoreImage image;
-        {
-            ProcessLock lock;
-            image = readStore(directory);
-        }
+        zq::orvane::StoreCheck check = checkStore(directory);
         std::printf("directory      %s\n", directory.c_str());
-        std::printf("file size      %lld\n", static_cast<long long>(image.fileSize));
-        std::printf("committed      %lld\n", static_cast<long long>(image.committedLength));
-        std::printf("generation     %lld\n", static_cast<long long>(image.generation));
-        if (!image.problems.empty()) {
+        std::printf("file size      %lld\n", static_cast<long long>(check.fileSize()));
+        std::printf("committed      %lld\n", static_cast<long long>(check.committedLength()));
+        std::printf("generation     %lld\n", static_cast<long long>(check.generation()));
+        if (!check.problems().empty()) {
             // Counts past the damage would be guesses: records there may not decode.
-            std::string damage = damageSummary(image);
+            std::string damage = check.damageSummary();
             if (damage.empty()) {
-                const Problem& first = image.problems.front();
+                const auto& first = check.problems().front();
                 damage = first.file + ":" + std::to_string(first.offset) + ": " + first.message;
             }
             std::printf("damage         %s\n", damage.c_str());
@@ -40,12 +36,13 @@ void addStatCommand(CLI::App& app, const Globals& globals) {
         int64_t liveBytes = 0;
         size_t values = 0;
         size_t links = 0;
-        for (const auto& [digest, record] : image.live) {
+        for (const auto& [digest, record] : check.live()) {
             liveBytes += 8 + record.length;
-            const unsigned char* cursor = image.bytes.data() + record.offset + 8;
+            const std::vector<unsigned char> content = check.recordContent(record);
+            const unsigned char* cursor = content.data();
             zq::kel::AutoRef<zq::orvane::Bucket> bucket(new zq::orvane::Bucket());
             try {
-                bucket->deserialize(cursor, cursor + record.length);
+                bucket->deserialize(cursor, content.data() + content.size());
             } catch (const std::exception&) {
                 throw ToolError(kExitStore, "a record does not decode; `orvane verify` names it");
             }
@@ -54,11 +51,12 @@ void addStatCommand(CLI::App& app, const Globals& globals) {
                 ++(isChildLink(*bucket, name, *value) ? links : values);
             });
         }
-        std::printf("segments       %zu\n", image.segments.size());
-        std::printf("buckets        %zu\n", image.live.size());
+        std::printf("segments       %zu\n", check.segments().size());
+        std::printf("buckets        %zu\n", check.live().size());
         std::printf("values         %zu\n", values);
         std::printf("child links    %zu\n", links);
-        std::printf("dead bytes     %lld\n", static_cast<long long>(image.recordBytes - liveBytes));
+        std::printf("dead bytes     %lld\n",
+                    static_cast<long long>(check.recordBytes() - liveBytes));
     });
 }
 

@@ -2,12 +2,14 @@
 #define ORVANE_TOOLS_STOREFILES_H
 
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <string>
-#include <vector>
 
-#include "source/SegmentFormat.h"
+#include "Tool.h"
+#include "kel/osdep/SharedCounter.h"
+#include "source/Options.h"
+#include "source/SingleFileBucketStore.h"
+#include "source/StoreCheck.h"
 #include "zq/orvane/Orvane.h"
 
 namespace zq {
@@ -39,56 +41,40 @@ class ProcessLock {
     std::unique_ptr<zq::kel::osdep::Mutex> mutex_;
 };
 
-// Something wrong in a file of the registry, at a byte offset.
-struct Problem {
-    std::string file;
-    int64_t offset;
-    std::string message;
+// The registry's files checked offline through the library's own reader,
+// without opening the store (which would repair and compact) and without
+// the process lock. Throws ToolError (not found) when the directory holds
+// no registry.
+zq::orvane::StoreCheck checkStore(const std::string& directory);
+// The same, and every live record decoded as a bucket, every child link
+// naming a bucket, every bucket but the root linked from its parent.
+zq::orvane::StoreCheck checkRegistry(const std::string& directory);
+
+// The store itself for compact and repair, as a writer's manager has it:
+// the process lock is held for the object's life, the change count moved
+// (running managers look at the files again), and open() runs the open's
+// own repairs of what a crash left.
+class LockedStore {
+  public:
+    LockedStore(const Globals& globals, const std::string& directory);
+    ~LockedStore();
+    LockedStore(const LockedStore&) = delete;
+    LockedStore& operator=(const LockedStore&) = delete;
+
+    // Throws ToolError unless the open succeeds; a warning it reported
+    // (a repair of its own) stays in `status`.
+    zq::orvane::SingleFileBucketStore& open(zq::kel::StatusChain& status);
+    void close();
+
+  private:
+    ProcessLock lock_;
+    std::unique_ptr<zq::kel::osdep::SharedCounter> changes_;
+    std::unique_ptr<zq::kel::osdep::SharedCounter::Change> change_;
+    std::unique_ptr<zq::orvane::Options> options_;
+    std::unique_ptr<zq::orvane::SingleFileBucketStore> store_;
+    const Globals& globals_;
+    std::string directory_;
 };
-
-struct RecordRef {
-    zq::orvane::DigestKey digest;
-    int64_t entry;   // offset of its update entry
-    int64_t offset;  // offset of its length field
-    int64_t length;  // the length field; 0 or less hides older records
-};
-
-struct SegmentRef {
-    int64_t start = 0;
-    int64_t end = 0;
-    std::vector<RecordRef> records;  // the well-formed ones, in entry order
-    std::vector<zq::orvane::DigestKey> deletions;
-    bool damaged = false;  // its checksum does not match
-};
-
-// The committed state of a registry directory as its files hold it, read
-// without opening the store (which would repair and compact): the newest
-// commit mark, "registry.bin", and its segments walked back from the
-// committed end as the store walks them, checking every field on the way.
-struct StoreImage {
-    std::string directory;
-    int64_t generation = 0;  // 0: no commit mark
-    int64_t committedLength = 0;
-    int64_t fileSize = 0;
-    std::vector<unsigned char> bytes;  // the committed part of "registry.bin"
-    std::vector<SegmentRef> segments;  // newest first
-    // Newest record of each bucket that no newer segment deleted.
-    std::map<zq::orvane::DigestKey, RecordRef> live;
-    int64_t recordBytes = 0;  // every record of every segment, length fields included
-    std::vector<Problem> problems;
-    std::vector<std::string> notes;  // worth knowing, not damage
-
-    void problem(const std::string& file, int64_t offset, const std::string& message) {
-        problems.push_back(Problem{file, offset, message});
-    }
-};
-
-// Throws ToolError (not found) when the directory holds no registry.
-StoreImage readStore(const std::string& directory);
-
-// Where the newest damaged segment ends and what the library's open does
-// about it, in one line; empty when every checksum matches.
-std::string damageSummary(const StoreImage& image);
 
 // The committed buckets as the files hold them, read under the process lock
 // without opening the store. Commands check what they are about to change
@@ -103,7 +89,7 @@ class OfflineView {
     zq::kel::AutoRef<zq::orvane::IBucket> find(const zq::kel::WString& path) const;
 
   private:
-    StoreImage image_;
+    std::unique_ptr<zq::orvane::StoreCheck> check_;
 };
 
 }  // namespace orvane_tool

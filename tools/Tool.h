@@ -54,6 +54,7 @@ void addCompactCommand(CLI::App& app, const Globals& globals);
 void addMvCommand(CLI::App& app, const Globals& globals);
 void addCpCommand(CLI::App& app, const Globals& globals);
 void addDiffCommand(CLI::App& app, const Globals& globals);
+void addRepairCommand(CLI::App& app, const Globals& globals);
 void addWatchCommand(CLI::App& app, const Globals& globals);
 
 }  // namespace orvane_tool

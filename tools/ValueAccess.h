@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <functional>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "Session.h"
@@ -21,7 +22,7 @@ using RawValueMaker = std::function<zq::kel::AutoRef<zq::orvane::IBucketValue>(
 
 // The maker with the library's status turned into a ToolError.
 inline ValueMaker checkedMaker(RawValueMaker raw) {
-    return [raw](zq::orvane::IBucketManager& manager) {
+    return [raw = std::move(raw)](zq::orvane::IBucketManager& manager) {
         zq::kel::StatusChain status;
         status.clear();
         zq::kel::AutoRef<zq::orvane::IBucketValue> value = raw(manager, status);
@@ -147,8 +148,8 @@ RawValueMaker makerFor(uint32_t tag, Source& source) {
                 [text](IBucketManager& m, StatusChain& s) { return m.createStringValue(text, s); };
         }
         case zq::orvane::kBLOB: {
-            const std::vector<unsigned char> bytes = source.blob();
-            return [bytes](IBucketManager& m, StatusChain& s) {
+            // Moved, not copied: a blob may be most of what the process holds.
+            return [bytes = source.blob()](IBucketManager& m, StatusChain& s) {
                 return m.createBlobValue(bytes.data(), static_cast<uint32_t>(bytes.size()), false,
                                          s);
             };

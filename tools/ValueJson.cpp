@@ -120,10 +120,27 @@ Json valueJson(const IBucketValue& value) {
 
 Json bucketJson(zq::orvane::IBucket& bucket) {
     Json values = Json::object();
+    ValueMembers members;
     forEachDataValue(bucket, [&](const WString& name, const AutoRef<IBucketValue>& value) {
-        values[toUtf8(name)] = valueJson(*value);
+        auto [key, json] = members.member(name, *value);
+        values[key] = std::move(json);
     });
-    return Json{{"name", toUtf8(bucket.getFullName())}, {"values", std::move(values)}};
+    return Json{{"name", nameJson(bucket.getFullName())}, {"values", std::move(values)}};
+}
+
+Json nameJson(const WString& name) { return wideJson(name); }
+
+std::pair<std::string, Json> ValueMembers::member(const WString& name, const IBucketValue& value) {
+    if (isScalarText(name)) return {toUtf8(name), valueJson(value)};
+    WString shown(L"/");
+    for (wchar_t c : name)
+        shown += isScalarText(WString(&c, 1)) ? c : L'\uFFFD';
+    std::string key = toUtf8(shown);
+    for (int n = 2; !standIns_.insert(key).second; ++n)
+        key = toUtf8(shown) + "#" + std::to_string(n);
+    Json json{{"name", nameJson(name)}};
+    json.update(valueJson(value));
+    return {key, std::move(json)};
 }
 
 // ---------------------------------------------------------------- reading
@@ -134,9 +151,14 @@ namespace {
     throw JsonError{at, message};
 }
 
-std::string hexString(const Json& j, const std::string& at, std::vector<unsigned char>& bytes) {
-    if (!j.is_string() || !fromHex(j.get<std::string>(), bytes)) bad(at, "expected a hex string");
-    return j.get<std::string>();
+// A document reader may hand over a blob's hex already decoded.
+void hexString(const Json& j, const std::string& at, std::vector<unsigned char>& bytes) {
+    if (j.is_binary()) {
+        bytes.assign(j.get_binary().begin(), j.get_binary().end());
+        return;
+    }
+    if (!j.is_string() || !fromHex(j.get_ref<const std::string&>(), bytes))
+        bad(at, "expected a hex string");
 }
 
 NString narrowFrom(const Json& j, const std::string& at) {
@@ -175,6 +197,31 @@ WString wideFrom(const Json& j, const std::string& at) {
     }
     bad(at, "expected a string or {\"codepoints\": [...]}");
 }
+
+}  // namespace
+
+bool nameFromJson(const Json& j, WString& out) {
+    try {
+        out = wideFrom(j, "");
+    } catch (const JsonError&) {
+        return false;
+    }
+    return true;
+}
+
+WString valueNameFromJson(const std::string& key, const Json& object, const std::string& at) {
+    const bool inObject = object.is_object() && object.contains("name");
+    const std::string here = inObject ? at + "/name" : at;
+    WString name;
+    if (!(inObject ? nameFromJson(object["name"], name) : fromUtf8(key, name)) || name.empty()) {
+        bad(here, "a value needs a name");
+    }
+    if (name[0] == L'/')
+        bad(here, "a value name begins with \"/\" only in a link to a child bucket");
+    return name;
+}
+
+namespace {
 
 template <class T>
 T elementFrom(const Json& j, const std::string& at) {
@@ -225,6 +272,7 @@ const Json& arrayAt(const Json& j, const std::string& at) {
 struct JsonSource {
     const Json& j;
     const std::string& here;
+    Json* takeFrom;  // the same element, when its blob bytes may be taken
 
     const Json& at(size_t i) const { return i == kWhole ? j : j[i]; }
     std::string path(size_t i) const { return i == kWhole ? here : here + "/" + std::to_string(i); }
@@ -239,7 +287,11 @@ struct JsonSource {
     }
     std::vector<unsigned char> blob() const {
         std::vector<unsigned char> bytes;
-        hexString(j, here, bytes);
+        if (takeFrom != nullptr && takeFrom->is_binary()) {
+            bytes = std::move(static_cast<std::vector<std::uint8_t>&>(takeFrom->get_binary()));
+        } else {
+            hexString(j, here, bytes);
+        }
         return bytes;
     }
     NString narrow(size_t i) const { return narrowFrom(at(i), path(i)); }
@@ -250,10 +302,12 @@ struct JsonSource {
     }
 };
 
-ValueMaker valueFromJson(const Json& object, const std::string& at) {
+namespace {
+
+ValueMaker makeValueFromJson(const Json& object, const std::string& at, Json* takeFrom) {
     if (!object.is_object()) bad(at, "expected {\"type\": ..., \"value\": ...}");
     for (auto it = object.begin(); it != object.end(); ++it) {
-        if (it.key() != "type" && it.key() != "value")
+        if (it.key() != "type" && it.key() != "value" && it.key() != "name")
             bad(at + pointerStep(it.key()), "unexpected member");
     }
     if (!object.contains("type") || !object["type"].is_string())
@@ -264,9 +318,18 @@ ValueMaker valueFromJson(const Json& object, const std::string& at) {
     if (!object.contains("value")) bad(at + "/value", "missing");
     const Json& j = object["value"];
     const std::string here = at + "/value";
-    JsonSource source{j, here};
-    const RawValueMaker maker = makerFor(tag, source);
-    return checkedMaker(maker);
+    JsonSource source{j, here, takeFrom != nullptr ? &(*takeFrom)["value"] : nullptr};
+    return checkedMaker(makerFor(tag, source));
+}
+
+}  // namespace
+
+ValueMaker valueFromJson(const Json& object, const std::string& at) {
+    return makeValueFromJson(object, at, nullptr);
+}
+
+ValueMaker takeValueFromJson(Json& object, const std::string& at) {
+    return makeValueFromJson(object, at, &object);
 }
 
 }  // namespace orvane_tool

@@ -113,6 +113,7 @@ int main(int argc, char** argv) {
     addVerifyCommand(app, globals);
     addStatCommand(app, globals);
     addCompactCommand(app, globals);
+    addRepairCommand(app, globals);
     addWatchCommand(app, globals);
     addHelpCommand(app);
     addGeneratorFlags(app);

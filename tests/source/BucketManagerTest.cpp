@@ -307,22 +307,30 @@ TEST_F(BucketManagerTest, PurgeKeepsTheDebugFilesAndLeavesOnlyANewRoot) {
     EXPECT_TRUE(m->bucketExists(WString(L"/"), status));
 }
 
-TEST_F(BucketManagerTest, OverTheSizeLimitPutsAreRefused) {
+// The limit is the commit's: the puts of a transaction that would leave
+// too much are taken, its commit is refused and writes nothing.
+TEST_F(BucketManagerTest, OverTheSizeLimitCommitsAreRefused) {
     orvane::overrideManagerOptions({{Options::kDiskMaxRegistryFileSizeKB, WString(L"1")}});
     StatusChain status = fresh();
     AutoRef<IBucketManager> m = open(status);
-    transact(*m, status, [&](const Guid& id) {
-        for (int i = 0; i < 20; ++i) {
-            const std::wstring name = L"/n" + std::to_wstring(i);
-            m->putBucket(bucketWith(*m, name.c_str(), i, status), true, id, status);
-        }
-    });
-    ASSERT_EQ(status.getCode(), 0);
+    const std::string before = dir_.read("reg/registry.bin");
     Guid id;
     m->beginTransaction(id, status);
     m->beginUpdate(id, status);
-    EXPECT_FALSE(m->putBucket(bucketWith(*m, L"/more", 1, status), true, id, status));
+    for (int i = 0; i < 20; ++i) {
+        const std::wstring name = L"/n" + std::to_wstring(i);
+        EXPECT_TRUE(m->putBucket(bucketWith(*m, name.c_str(), i, status), true, id, status));
+    }
+    m->commit(id, status);
     EXPECT_EQ(status.getCode(), st::kOverSizeLimit);
+    StatusChain end = fresh();
+    m->endTransaction(id, end);
+    EXPECT_EQ(dir_.read("reg/registry.bin"), before);
+    status = fresh();
+    EXPECT_FALSE(m->bucketExists(WString(L"/n0"), status));
+    EXPECT_TRUE(transact(*m, status, [&](const Guid& small) {
+        m->putBucket(bucketWith(*m, L"/one", 1, status), true, small, status);
+    }));
 }
 
 }  // namespace

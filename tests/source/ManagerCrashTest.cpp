@@ -42,14 +42,16 @@ bool commit(BucketManager& manager, const State& changes) {
     });
 }
 
-// Enough to pass the 1 KB limit, "/a" rewritten so the compaction drops a record.
-State bigChange() {
-    State changes = {{L"/a", 11}};
+// Forty buckets, all rewritten by bigChange(): the commit passes the 7 KB
+// limit and the compaction that follows drops as much as it wrote.
+State manyBuckets(int32_t base) {
+    State changes = {{L"/a", base + 1}};
     for (int i = 0; i < 40; ++i) {
-        changes[L"/n" + std::to_wstring(i)] = i;
+        changes[L"/n" + std::to_wstring(i)] = base + i;
     }
     return changes;
 }
+State bigChange() { return manyBuckets(100); }
 
 State applied(State state, const State& changes) {
     for (const auto& [name, value] : changes) {
@@ -95,11 +97,11 @@ const std::vector<Sweep>& sweeps() {
          },
          kRootOnly},
         {"commit that compacts",
-         {{Options::kDiskMaxRegistryFileSizeKB, WString(L"1")}},
-         kOld,
+         {{Options::kDiskMaxRegistryFileSizeKB, WString(L"7")}},
+         applied(kOld, manyBuckets(0)),
          false,
          [](AutoRef<BucketManager>& manager) { return commit(*manager, bigChange()); },
-         applied(kOld, bigChange())},
+         applied(applied(kOld, manyBuckets(0)), bigChange())},
         {"purge",
          {},
          kOld,

@@ -241,10 +241,10 @@ class WarmLookupTest : public ManagerFixture {
 };
 
 TEST_F(WarmLookupTest, SeesAnotherProcessCommitAndItsCompaction) {
-    orvane::overrideManagerOptions({{orvane::Options::kDiskMaxRegistryFileSizeKB, WString(L"4")}});
+    orvane::overrideManagerOptions({{orvane::Options::kDiskMaxRegistryFileSizeKB, WString(L"8")}});
     AutoRef<IBucketManager> m = warm();
     Peer peer(registry(), {[](orvane::BucketManager& other) { return putX(other, 2); },
-                           [](orvane::BucketManager& other) { return putX(other, 3, 5000); }});
+                           [](orvane::BucketManager& other) { return putX(other, 3, 7000); }});
     EXPECT_EQ(valueOf(*m, L"/x"), 1);
     ASSERT_TRUE(peer.next());
     EXPECT_EQ(valueOf(*m, L"/x"), 2);

@@ -277,36 +277,75 @@ TEST_F(StoreBehaviourTest, OperationsOnAClosedStoreReportIt) {
     }
 }
 
-TEST_F(StoreBehaviourTest, OverTheSizeLimitACommitCompacts) {
+// Ten buckets of about 85 bytes each: written twice, the file passes 1 KB
+// while what is live stays under it.
+State tenBuckets(int32_t base) {
+    State state;
+    for (int i = 0; i < 10; ++i) {
+        state[L"/m" + std::to_wstring(i)] = base + i;
+    }
+    return state;
+}
+
+TEST_F(StoreBehaviourTest, ACommitThatPassesTheLimitCompacts) {
     const auto options = optionsWith({{Options::kDiskMaxRegistryFileSizeKB, WString(L"1")}});
     SingleFileBucketStore store(dir_, options.get(), fs_);
     store_.reset();
     store.open(0, status_);
-    commitChanges(store, {{L"/a", 1}}, nullptr, status_);
-    commitChanges(store, {{L"/b", 2}}, nullptr, status_);
-    EXPECT_EQ(store.facts().segments, 2u);
-    State many;
-    for (int i = 0; i < 30; ++i) {
-        many[L"/m" + std::to_wstring(i)] = i;
-    }
-    commitChanges(store, many, nullptr, status_);
+    commitChanges(store, tenBuckets(0), nullptr, status_);
+    EXPECT_EQ(store.facts().segments, 1u);
+    commitChanges(store, tenBuckets(100), nullptr, status_);
     ASSERT_EQ(status_.getCode(), 0);
     EXPECT_EQ(store.facts().segments, 1u);
     EXPECT_EQ(store.facts().generation, 1);
-    EXPECT_TRUE(store.isOverSizeLimit());  // one segment, still above 1 KB
+    EXPECT_LE(store.facts().committedLength, 1024);
+    EXPECT_FALSE(store.isOverSizeLimit());
     EXPECT_TRUE(fs_.exists("/reg/commitmark.1"));
-    EXPECT_EQ(readState(store, {L"/a", L"/m29"}), (State{{L"/a", 1}, {L"/m29", 29}}));
+    EXPECT_EQ(readState(store, {L"/m0", L"/m9"}), (State{{L"/m0", 100}, {L"/m9", 109}}));
+}
+
+// One rule in every process: a commit after which the live data would be
+// over the limit is refused before a byte is written, and one that brings
+// it back under the limit is not.
+TEST_F(StoreBehaviourTest, ACommitThatWouldLeaveTooMuchIsRefusedBeforeAnythingIsWritten) {
+    const auto options = optionsWith({{Options::kDiskMaxRegistryFileSizeKB, WString(L"1")}});
+    SingleFileBucketStore store(dir_, options.get(), fs_);
+    store_.reset();
+    store.open(0, status_);
+    commitChanges(store, tenBuckets(0), nullptr, status_);
+    ASSERT_EQ(status_.getCode(), 0);
+    const std::string before = fs_.contents("/reg/registry.bin");
+
+    State more = tenBuckets(100);
+    more[L"/extra"] = 1;
+    for (int i = 0; i < 5; ++i) {
+        more[L"/x" + std::to_wstring(i)] = i;
+    }
+    commitChanges(store, more, nullptr, status_);
+    EXPECT_EQ(status_.getCode(), orvane::status::kOverSizeLimit);
+    EXPECT_EQ(fs_.contents("/reg/registry.bin"), before);
+    status_ = okStatus();
+    EXPECT_EQ(readState(store, {L"/m0", L"/extra"}), (State{{L"/m0", 0}}));
+
+    // Deleting half makes room for the rest.
+    State swap;
+    for (int i = 0; i < 5; ++i) {
+        swap[L"/m" + std::to_wstring(i)] = -2;
+        swap[L"/x" + std::to_wstring(i)] = i;
+    }
+    commitChanges(store, swap, nullptr, status_);
+    EXPECT_EQ(status_.getCode(), 0);
 }
 
 TEST_F(StoreBehaviourTest, TheLimitIsComputedInThirtyTwoBits) {
-    // 4194304 KB shifted by 10 wraps to 0: every non-empty file is over it.
+    // 4194304 KB shifted by 10 wraps to 0: nothing fits.
     const auto options = optionsWith({{Options::kDiskMaxRegistryFileSizeKB, WString(L"4194304")}});
     SingleFileBucketStore store(dir_, options.get(), fs_);
     store_.reset();
     store.open(0, status_);
     commitChanges(store, {{L"/a", 1}}, nullptr, status_);
-    commitChanges(store, {{L"/b", 1}}, nullptr, status_);
-    EXPECT_EQ(store.facts().segments, 1u);
+    EXPECT_EQ(status_.getCode(), orvane::status::kOverSizeLimit);
+    EXPECT_EQ(fs_.contents("/reg/registry.bin"), "");
 }
 
 // Another process's commits and compactions, seen through refresh().

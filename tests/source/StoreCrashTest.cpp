@@ -66,10 +66,10 @@ State reopenAndRead(SimulatedFileSystem& fs, const Options* options = nullptr,
     return status.isFatal() ? State{{L"<open failed>", 0}} : readState(store, names);
 }
 
-std::unique_ptr<Options> smallLimit() {
+std::unique_ptr<Options> limitOfKB(const wchar_t* kilobytes) {
     StatusChain status = okStatus();
     return std::make_unique<Options>(
-        Options::Values{{Options::kDiskMaxRegistryFileSizeKB, WString(L"1")}}, status);
+        Options::Values{{Options::kDiskMaxRegistryFileSizeKB, WString(kilobytes)}}, status);
 }
 
 class StoreCrashTest : public testing::Test {
@@ -125,8 +125,9 @@ TEST_F(StoreCrashTest, CommitStoppedAtEveryCall) {
 }
 
 TEST_F(StoreCrashTest, CommitThatCompactsStoppedAtEveryCall) {
-    const std::unique_ptr<Options> options = smallLimit();
-    // Enough data to pass 1 KB, so the commit compacts.
+    // Enough data to pass 4 KB, so the commit compacts, and few enough dead
+    // records that what stays fits (3,800 bytes of 4,388).
+    const std::unique_ptr<Options> options = limitOfKB(L"4");
     State big = kChange;
     for (int i = 0; i < 40; ++i) {
         big[L"/n" + std::to_wstring(i)] = i;

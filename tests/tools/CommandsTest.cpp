@@ -2,6 +2,7 @@
 // change and the exit code of each kind of failure.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,6 +14,9 @@
 namespace zq {
 namespace test {
 namespace {
+
+const std::vector<std::vector<std::string>> kReadingCommands{
+    {"ls", "-r"}, {"get", "/net"}, {"dump"}, {"export"}, {"verify"}, {"stat"}};
 
 class ToolCommandsTest : public ::testing::Test {
   protected:
@@ -185,8 +189,7 @@ TEST_F(ToolCommandsTest, ReadingCommandsNeitherWaitNorWrite) {
     const std::string file = tool.dir().read("reg/registry.bin") + "torn";
     tool.dir().write("reg/registry.bin", file);
     const auto start = std::chrono::steady_clock::now();
-    for (const std::vector<std::string>& command : std::vector<std::vector<std::string>>{
-             {"ls", "-r"}, {"get", "/net"}, {"dump"}, {"export"}}) {
+    for (const std::vector<std::string>& command : kReadingCommands) {
         const ToolResult r = tool.run(command);
         EXPECT_EQ(r.exitCode, 0) << command[0] << r.err;
     }
@@ -194,6 +197,20 @@ TEST_F(ToolCommandsTest, ReadingCommandsNeitherWaitNorWrite) {
     EXPECT_EQ(tool.dir().read("reg/registry.bin"), file);
     ::kill(writer, SIGKILL);
     ::waitpid(writer, nullptr, 0);
+}
+
+// A user who may read the registry but not write its directory reads it all.
+TEST_F(ToolCommandsTest, ReadingCommandsNeedNoWritePermission) {
+    if (::geteuid() == 0) GTEST_SKIP() << "root writes where permissions say it may not";
+    populate();
+    const std::string before = tool.snapshot();
+    ASSERT_EQ(::chmod(tool.registry().c_str(), 0555), 0);
+    for (const std::vector<std::string>& command : kReadingCommands) {
+        const ToolResult r = tool.run(command);
+        EXPECT_EQ(r.exitCode, 0) << command[0] << r.err;
+    }
+    ::chmod(tool.registry().c_str(), 0755);
+    EXPECT_EQ(tool.snapshot(), before);
 }
 
 TEST_F(ToolCommandsTest, DefaultsToTheLibrarysDataDirectory) {

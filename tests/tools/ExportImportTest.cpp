@@ -2,13 +2,45 @@
 // whole before one transaction writes it.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <functional>
 #include <nlohmann/json.hpp>
 
+#include "support/Child.h"
 #include "tools/ToolRunner.h"
+#include "zq/orvane/Orvane.h"
 
 namespace zq {
 namespace test {
 namespace {
+
+using kel::AutoRef;
+using kel::WString;
+
+// Runs `use` in a client of the tool's registry in a child process (a
+// process has one manager), in one committed transaction: 0 when it
+// returned true and all succeeded.
+int inClient(
+    const ToolRunner& tool,
+    const std::function<bool(orvane::IBucketManager&, const kel::Guid&, kel::StatusChain&)>& use) {
+    return inChild([&] {
+        setenv("ZQPUBAPPDATADIR", tool.dir().path().c_str(), 1);
+        setenv("ZQKELTMPSHAREDFILEDIR", tool.dir().path().c_str(), 1);
+        kel::StatusChain status;
+        status.clear();
+        AutoRef<orvane::IBucketManager> m =
+            orvane::publicInterface::GetInterface(2, status)->createBucketManager(
+                WString(tool.registry().c_str()), WString(), status);
+        if (!m) return 1;
+        kel::Guid id;
+        m->beginTransaction(id, status);
+        m->beginUpdate(id, status);
+        const bool good = use(*m, id, status);
+        m->commit(id, status);
+        m->endTransaction(id, status);
+        return good && status.isNotFatal() ? 0 : 2;
+    });
+}
 
 // Values no plain JSON number or string could carry: NaN payloads, signed
 // zeros, 64-bit extremes, bytes that are not UTF-8, characters that are not
@@ -74,6 +106,46 @@ TEST(ToolExportImportTest, ExportThenImportIntoAnEmptyRegistryGivesTheSameExport
     EXPECT_EQ(second.run({"get", "/odd", "a/b"}).out, "[]\n");
 }
 
+// Names a client stored that are not Unicode text: a lone surrogate, a
+// value past U+10FFFF. A second registry built from the export holds the
+// very same names, and a narrow string's stray bytes come back as they were.
+TEST(ToolExportImportTest, NamesThatAreNotUnicodeTextRoundTrip) {
+    const WString bucket(L"/odd\xD800");
+    const WString named(L"v\xDC00");
+    const WString far(L"w\x110000");
+    const auto store = [&](orvane::IBucketManager& m, const kel::Guid& id, kel::StatusChain& s) {
+        AutoRef<orvane::IBucket> b = m.createBucket(bucket, true, s);
+        b->setInt32Value(named, 7, s, true);
+        b->setAnsiStringValue(far, kel::NString("\xff\xfe"), s, true);
+        m.putBucket(b, true, id, s);
+    };
+    const auto check = [&](orvane::IBucketManager& m, const kel::Guid&, kel::StatusChain& s) {
+        AutoRef<orvane::IBucket> b = m.getBucket(bucket, s);
+        if (!b || b->getFullName() != bucket) return false;
+        AutoRef<orvane::IBucketValue> v = b->getValue(named, s);
+        AutoRef<orvane::IBucketValue> w = b->getValue(far, s);
+        return v && v->getInt32(s) == 7 && w && w->getAnsiString(s) == kel::NString("\xff\xfe") &&
+               s.isNotFatal();
+    };
+    ToolRunner first;
+    ASSERT_EQ(inClient(first,
+                       [&](auto& m, const auto& id, auto& s) {
+                           store(m, id, s);
+                           return true;
+                       }),
+              0);
+    const ToolResult exported = first.run({"export"});
+    ASSERT_EQ(exported.exitCode, 0) << exported.err;
+    const auto doc = nlohmann::json::parse(exported.out);
+    EXPECT_EQ(doc["buckets"][1]["name"]["codepoints"].dump(), "[47,111,100,100,55296]");
+
+    ToolRunner second;
+    const ToolResult imported = second.run({"import", "-"}, exported.out);
+    ASSERT_EQ(imported.exitCode, 0) << imported.err;
+    EXPECT_EQ(inClient(second, check), 0);
+    EXPECT_EQ(second.run({"export"}).out, exported.out);
+}
+
 TEST(ToolExportImportTest, ExportOfASubtreeAndToAFile) {
     ToolRunner tool;
     ASSERT_EQ(tool.run({"set", "-p", "/a/b", "x", "int8", "1"}).exitCode, 0);
@@ -118,6 +190,9 @@ TEST(ToolExportImportTest, BadDocumentsNameTheFirstBadElementAndWriteNothing) {
          "/buckets/1/values/~1zzz"},
         {head + good + R"({"name": "/OK", "values": {}}]})", "/buckets/1/name"},
         {head + R"({"name": "/p/q", "values": {}}]})", "/buckets/0/name"},
+        {head + R"({"name": "/b", "values": {"/s": {"name": {"codepoints": [47, 120]},
+                                               "type": "bool", "value": true}}}]})",
+         "/buckets/0/values/~1s/name"},
         {head + R"({"name": "/b", "values": {"X": {"type": "bool", "value": true},
                                                "x": {"type": "bool", "value": true}}}]})",
          "/buckets/0/values/x"},

@@ -39,7 +39,10 @@ std::string bigDocument() {
 TEST(ToolPerformanceTest, ImportAndExportOfTenThousandBuckets) {
     ToolRunner tool;
     tool.dir().write("big.json", bigDocument());
-    const ToolResult imported = tool.run({"import", tool.dir().file("big.json")});
+    // About 4 MB once stored, past the default limit of 1 MiB.
+    tool.dir().write("Orvane.ini", "[Orvane]\nDiskMaxRegistryFileSizeKB=16384\n");
+    const ToolResult imported = tool.run(
+        {"--options", tool.dir().file("Orvane.ini"), "import", tool.dir().file("big.json")});
     ASSERT_EQ(imported.exitCode, 0) << imported.err;
     EXPECT_EQ(imported.err,
               "orvane: created " + tool.registry() + "\nimported 10101 buckets, 100000 values\n");

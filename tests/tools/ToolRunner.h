@@ -3,6 +3,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -24,6 +25,7 @@ struct ToolResult {
     std::string out;
     std::string err;
     double seconds = 0;
+    long peakKilobytes = 0;  // the process's peak resident set
 };
 
 // Runs the built `orvane` binary as a user would, in a registry of its own:
@@ -73,11 +75,13 @@ class ToolRunner {
             _exit(127);
         }
         int status = 0;
-        waitpid(pid, &status, 0);
+        struct rusage usage {};
+        wait4(pid, &status, 0, &usage);
         ToolResult result;
         result.seconds =
             std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
         result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        result.peakKilobytes = usage.ru_maxrss;
         result.out = dir_.read(".stdout");
         result.err = dir_.read(".stderr");
         return result;
