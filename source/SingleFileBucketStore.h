@@ -54,6 +54,10 @@ class SingleFileBucketStore : public IBucketStore {
     bool wasRepairedOnOpen() override { return repairedOnOpen_; }
     bool isOverSizeLimit() override { return overSize_; }
     Refresh refresh(kel::StatusChain& status) override;
+    // refresh, for a caller told which mark arrived last (a watcher): that
+    // mark is read instead of the directory listed for the newest one. 0,
+    // or a mark gone meanwhile: as refresh.
+    Refresh refreshFromMark(int64_t generation, kel::StatusChain& status);
     bool catchUp(kel::StatusChain& status) override;
     uint64_t viewVersion() const override { return view_.load(std::memory_order_acquire); }
 
@@ -202,7 +206,7 @@ class SingleFileBucketStore : public IBucketStore {
     // place, whose identity is not known yet.
     void rememberSignature(bool fileReplaced = false) noexcept;
     void settle(const kel::osdep::FileSystem::Status& now);
-    Refresh tryRefresh(const kel::osdep::FileSystem::Status& before);
+    Refresh tryRefresh(const kel::osdep::FileSystem::Status& before, int64_t markHint);
     bool extendView(kel::osdep::File& file, const kel::osdep::File::Identity& identity,
                     int64_t length);
     void viewChanged() { view_.fetch_add(1, std::memory_order_acq_rel); }

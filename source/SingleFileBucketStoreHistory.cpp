@@ -26,6 +26,11 @@ Digest digestOf(const DigestKey& key) {
 // empty one, which no later view follows: the watcher compares everything.
 SingleFileBucketStore::Position SingleFileBucketStore::position() {
     Lock lock(mutex_);
+    // What the view verified last is where it stands: no read needed.
+    if (file_ && verified_.length == committedLength_ && verified_.file == fileIdentity_ &&
+        committedLength_ != 0) {
+        return verified_;
+    }
     try {
         return file_ ? VerifiedPrefix::of(*file_, fileIdentity_, committedLength_) : Position();
     } catch (...) {

@@ -30,6 +30,8 @@ WString folded(const WString& name) {
     return out;
 }
 
+constexpr int kLookAgainMilliseconds = 10;
+
 Digest digestOf(const DigestKey& key) {
     const unsigned char* cursor = key.data();
     return Digest(cursor, key.data() + key.size());
@@ -37,18 +39,6 @@ Digest digestOf(const DigestKey& key) {
 
 bool samePosition(const Watcher::Position& a, const Watcher::Position& b) {
     return a.file == b.file && a.length == b.length && a.checksum == b.checksum;
-}
-
-// A mark arriving or written, or another file under the data file's name:
-// what a commit, a compaction, a recovery or a purge ends with. The data
-// file's own writes come before their mark and tell nothing yet, and a mark
-// leaving its name is a commit moving it aside to write the next.
-bool endsAChange(const char* name, kel::osdep::DirectoryWatch::Change change) {
-    using kel::osdep::DirectoryWatch;
-    if (CommitMarks::isMarkName(name)) {
-        return change != DirectoryWatch::kLeft;
-    }
-    return change == DirectoryWatch::kArrived && WString(L"registry.bin") == WString(name);
 }
 
 }  // namespace
@@ -92,6 +82,7 @@ bool Watcher::start(const std::string& since, StatusChain& status) {
         seen_.position = from.position;
         seen_.subtree = subtree_;
         told_ = seen_;
+        lookAgain_ = true;  // the view is ahead of what the caller was told
     } else if (status.isNotFatal() && from.subtree != subtree_) {
         // Another file, and other content: what changed cannot be told.
         pending_ = WatchBatch();
@@ -230,8 +221,16 @@ bool Watcher::wait(int timeoutMilliseconds, StatusChain& status) {
                 std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
             left = static_cast<int>(std::max<int64_t>(0, remaining.count()));
         }
-        if (!notices_.waitReadable(left)) {
+        // Files met half way through a compaction's swap are looked at again
+        // soon, whether or not another notice comes.
+        if (lookAgain_ && (left < 0 || left > kLookAgainMilliseconds)) {
+            left = kLookAgainMilliseconds;
+        }
+        if (!notices_.waitReadable(left) && !lookAgain_) {
             return false;
+        }
+        if (timeoutMilliseconds >= 0 && Clock::now() >= deadline) {
+            return havePending_ || collect(status);
         }
     }
 }
@@ -239,11 +238,32 @@ bool Watcher::wait(int timeoutMilliseconds, StatusChain& status) {
 // The digests that may differ from what is held: those the new segments
 // touched, or, when the view is no longer the held one's file grown, every
 // bucket held and every bucket there is.
+// A mark or the data file arriving under its name: what a commit, a
+// compaction, a recovery or a purge ends with. A removal comes with one of
+// those and tells nothing alone. `lastMark`: the generation of the last
+// mark to arrive, when nothing arrived after it, else 0.
+bool Watcher::endsAChange(const char* name, kel::osdep::DirectoryWatch::Change change,
+                          int64_t& lastMark) {
+    if (change != kel::osdep::DirectoryWatch::kArrived) {
+        return false;
+    }
+    lastMark = CommitMarks::generationOf(name);
+    // Bytes, not text: a stray name in the directory need not be UTF-8.
+    return lastMark != 0 || std::strcmp(name, "registry.bin") == 0;
+}
+
 bool Watcher::collect(StatusChain& status) {
-    notices_.drain(endsAChange);
-    store_.refresh(status);
+    int64_t lastMark = 0;
+    if (!notices_.drain([&lastMark](const char* name, kel::osdep::DirectoryWatch::Change change) {
+            return endsAChange(name, change, lastMark);
+        }) &&
+        !lookAgain_) {
+        return false;  // no mark arrived: nothing was committed since the last look
+    }
+    lookAgain_ = store_.refreshFromMark(lastMark, status) == IBucketStore::Refresh::kUnsettled;
     const Position now = store_.position();
     if (status.isFatal() || samePosition(now, seen_.position)) {
+        lookAgain_ = lookAgain_ || status.isFatal();
         return false;
     }
     std::vector<DigestKey> touched;
@@ -256,6 +276,7 @@ bool Watcher::collect(StatusChain& status) {
         }
     }
     if (status.isFatal()) {
+        lookAgain_ = true;
         return false;
     }
     // Newest segment first: each bucket takes the place of the newest
@@ -273,7 +294,8 @@ bool Watcher::collect(StatusChain& status) {
     for (const DigestKey& digest : order) {
         compare(digest, batch.changes, held, status);
         if (status.isFatal()) {
-            return false;  // the next look starts over from seen_
+            lookAgain_ = true;  // and starts over from seen_
+            return false;
         }
     }
     for (auto& entry : held) {

@@ -66,6 +66,8 @@ class Watcher {
     // Gathers what changed since the position into pending_; true when
     // pending_ has something to hand out. A failure changes nothing held.
     bool collect(kel::StatusChain& status);
+    static bool endsAChange(const char* name, kel::osdep::DirectoryWatch::Change change,
+                            int64_t& lastMark);
     // What the bucket of `digest` is now, against what is held: its change
     // (if any) goes to `changes`, its new digest to `held`.
     void compare(const DigestKey& digest, std::vector<WatchChange>& changes,
@@ -87,6 +89,11 @@ class Watcher {
     State told_;           // what the caller was told of
     WatchBatch pending_;
     bool havePending_ = false;
+    // The last look found the files half way through a change, or failed:
+    // the next one refreshes whether or not a notice came. The first look
+    // after the view was loaded only needs a notice: the directory was
+    // watched before the view was read.
+    bool lookAgain_ = false;
 };
 
 }  // namespace orvane

@@ -15,10 +15,11 @@ namespace osdep {
 
 namespace {
 
-// What a store's writers do to its files: a commit writes a mark in place
-// or renames one in, a compaction renames and removes.
-constexpr uint32_t kNotices = IN_MODIFY | IN_CLOSE_WRITE | IN_CREATE | IN_DELETE | IN_MOVED_FROM |
-                              IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF;
+// What ends a change of a store's files: a commit renames its mark into
+// place, a compaction renames its files in, a purge removes and creates.
+// Nothing else is asked for: every notice costs each writer a little, for
+// every watcher.
+constexpr uint32_t kNotices = IN_CREATE | IN_MOVED_TO | IN_DELETE | IN_DELETE_SELF | IN_MOVE_SELF;
 
 }  // namespace
 
@@ -51,9 +52,7 @@ bool DirectoryWatch::drain(const std::function<bool(const char* name, Change cha
             const auto* event = reinterpret_cast<const struct inotify_event*>(buffer + at);
             const bool lost = (event->mask & (IN_Q_OVERFLOW | IN_IGNORED)) != 0;
             const bool self = (event->mask & (IN_DELETE_SELF | IN_MOVE_SELF)) != 0;
-            const Change change = (event->mask & (IN_CREATE | IN_MOVED_TO)) != 0      ? kArrived
-                                  : (event->mask & (IN_MODIFY | IN_CLOSE_WRITE)) != 0 ? kWritten
-                                                                                      : kLeft;
+            const Change change = (event->mask & (IN_CREATE | IN_MOVED_TO)) != 0 ? kArrived : kLeft;
             any = any || lost || self || (event->len != 0 && matters(event->name, change));
             at += static_cast<ssize_t>(sizeof(struct inotify_event) + event->len);
         }

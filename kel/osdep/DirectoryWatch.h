@@ -10,7 +10,7 @@ namespace kel {
 namespace osdep {
 
 // A descriptor that becomes readable when a file in one directory is
-// created, written, renamed or removed. Needs only the right to read the
+// created, renamed into it or removed. Needs only the right to read the
 // directory; costs the processes changing it nothing they would notice.
 //
 // Not synchronised: one thread at a time.
@@ -24,7 +24,7 @@ class DirectoryWatch {
 
     int fd() const { return fd_; }
     // What a notice says of a file.
-    enum Change { kArrived, kWritten, kLeft };  // created or renamed in; bytes; gone
+    enum Change { kArrived, kLeft };  // created or renamed in; removed
     // Takes every waiting notice without blocking; true when `matters` held
     // for at least one, or when notices were lost (the queue overflowed):
     // then anything may have changed.
