@@ -55,6 +55,42 @@ WString CommitMarks::nameOf(int64_t generation) {
     return name;
 }
 
+// Byte by byte: a name in the directory need not be UTF-8.
+int64_t CommitMarks::generationOf(const char* name) {
+    size_t at = 0;
+    for (; kMarkPrefix[at] != 0; ++at) {
+        if (static_cast<wchar_t>(static_cast<unsigned char>(name[at])) != kMarkPrefix[at]) {
+            return 0;
+        }
+    }
+    int64_t generation = 0;
+    for (; name[at] >= '0' && name[at] <= '9'; ++at) {
+        if (generation > (INT64_MAX - 9) / 10) {
+            return 0;
+        }
+        generation = 10 * generation + (name[at] - '0');
+    }
+    return name[at] == 0 ? generation : 0;
+}
+
+CommitMarks::Mark CommitMarks::peek(int64_t generation) {
+    Mark mark;
+    try {
+        mark.committedLength = readLengthUnlocked(pathOf(generation));
+    } catch (const kel::osdep::PosixError& e) {
+        if (e.osErrorCode() != ENOENT) {
+            throw;
+        }
+        return Mark();
+    } catch (const kel::exception::UnableToConvert&) {
+        return Mark();
+    }
+    if (mark.committedLength >= 0) {
+        mark.generation = generation;
+    }
+    return mark;
+}
+
 WString CommitMarks::pathOf(int64_t generation) const {
     return kel::osdep::join(directory_, nameOf(generation));
 }

@@ -31,6 +31,8 @@ class CommitMarks {
     CommitMarks(kel::osdep::FileSystem& fs, const kel::WString& directory, const Options* options);
 
     static kel::WString nameOf(int64_t generation);
+    // N of a mark's file name "commitmark.N"; 0 for any other name.
+    static int64_t generationOf(const char* name);
     kel::WString pathOf(int64_t generation) const;
     kel::WString newMarkPath() const;  // "newCommitmark"
     kel::WString oldMarkPath() const;  // "oldCommitmark"
@@ -78,6 +80,10 @@ class CommitMarks {
     // Whatever this object knew of the marks and the spare no longer holds:
     // another process may have changed them, or the generations restart.
     void forgetSpare();
+    // Mark `generation` as peekNewest reads it, for a caller told which
+    // mark arrived: no listing. No mark (generation 0) when it is gone,
+    // or was being rewritten while read.
+    Mark peek(int64_t generation);
     // The content of a mark file as the store writes it.
     static std::string contentFor(int64_t committedLength);
 

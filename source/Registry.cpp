@@ -164,5 +164,14 @@ std::vector<std::string> Registry::children(std::string_view path,
     });
 }
 
+std::unique_ptr<Watch> Registry::watch(std::string_view path, std::error_code& ec,
+                                       std::string_view since) const noexcept {
+    return reading(manager_.get(), ec, [&](IBucketManager& manager, StatusChain& status) {
+        WString widePath;
+        if (!RegistryText::toWide(path, widePath, status)) return std::unique_ptr<Watch>();
+        return Watch::open(manager, widePath, status, std::string(since));
+    });
+}
+
 }  // namespace orvane
 }  // namespace zq

@@ -27,6 +27,9 @@ constexpr int64_t kUpdateEntrySize = 40;
 constexpr int64_t kDeletionEntrySize = 32;
 constexpr int64_t kTrailerSize = 64;
 constexpr int64_t kRecordLengthSize = 8;
+// A serialized bucket begins with its format and version words; what follows
+// (name and values) is its content, which a store of equal values repeats.
+constexpr size_t kBucketContentOffset = 8;
 constexpr char kMark[] = "@@@@SFBSMARK@@@@";
 constexpr size_t kMarkSize = 16;
 // Offsets counted back from the segment end.

@@ -54,6 +54,10 @@ class SingleFileBucketStore : public IBucketStore {
     bool wasRepairedOnOpen() override { return repairedOnOpen_; }
     bool isOverSizeLimit() override { return overSize_; }
     Refresh refresh(kel::StatusChain& status) override;
+    // refresh, for a caller told which mark arrived last (a watcher): that
+    // mark is read instead of the directory listed for the newest one. 0,
+    // or a mark gone meanwhile: as refresh.
+    Refresh refreshFromMark(int64_t generation, kel::StatusChain& status);
     bool catchUp(kel::StatusChain& status) override;
     uint64_t viewVersion() const override { return view_.load(std::memory_order_acquire); }
 
@@ -97,6 +101,25 @@ class SingleFileBucketStore : public IBucketStore {
     // Reads the compacted index back to count live buckets: may throw.
     Facts facts();
     bool isOpen() const { return open_; }
+
+    // ------------------------------------------------ what changed, for watchers
+    // Where the view stands: the file, how much of it, and the checksum of
+    // the segment ending there, which tells the same bytes apart from a file
+    // cut and written again.
+    using Position = VerifiedPrefix;
+    Position position();
+    // The digests that segments between `from` and the view's end updated
+    // or deleted. False when the view is not `from`'s file grown by appends
+    // (a compaction or a purge replaced it): only a full comparison can tell.
+    bool touchedSince(const Position& from, std::vector<DigestKey>& touched,
+                      kel::StatusChain& status);
+    // The buckets as they were at `at`, a position touchedSince accepted:
+    // one per digest, null where none existed.
+    std::vector<kel::AutoRef<IBucket>> readBucketsAsOf(const Position& at,
+                                                       const std::vector<DigestKey>& digests,
+                                                       kel::StatusChain& status);
+    // Every bucket that exists in the view.
+    std::vector<DigestKey> liveDigests(kel::StatusChain& status);
 
   private:
     // What a stat of "registry.bin" says; when it has not changed, no other
@@ -183,7 +206,9 @@ class SingleFileBucketStore : public IBucketStore {
     // place, whose identity is not known yet.
     void rememberSignature(bool fileReplaced = false) noexcept;
     void settle(const kel::osdep::FileSystem::Status& now);
-    Refresh tryRefresh(const kel::osdep::FileSystem::Status& before);
+    Refresh tryRefresh(const kel::osdep::FileSystem::Status& before, int64_t markHint);
+    bool extendView(kel::osdep::File& file, const kel::osdep::File::Identity& identity,
+                    int64_t length);
     void viewChanged() { view_.fetch_add(1, std::memory_order_acq_rel); }
     // How much of `file`, the file `identity`, needs no new check: what this
     // process verified or wrote, or another one noted since the last restart.

@@ -102,6 +102,11 @@ void pauseBeforeAttempt(int attempt) {
 }  // namespace
 
 SingleFileBucketStore::Refresh SingleFileBucketStore::refresh(StatusChain& status) {
+    return refreshFromMark(0, status);
+}
+
+SingleFileBucketStore::Refresh SingleFileBucketStore::refreshFromMark(int64_t generation,
+                                                                      StatusChain& status) {
     return storeOperation(status, [&] {
         Lock lock(mutex_);
         if (!open_) {
@@ -116,7 +121,7 @@ SingleFileBucketStore::Refresh SingleFileBucketStore::refresh(StatusChain& statu
             if (attempt > 0) {
                 now = fs_.stat(livePath_);
             }
-            const Refresh found = tryRefresh(now);
+            const Refresh found = tryRefresh(now, attempt == 0 ? generation : 0);
             if (found != Refresh::kUnsettled) {
                 return found;
             }
@@ -133,7 +138,8 @@ SingleFileBucketStore::Refresh SingleFileBucketStore::refresh(StatusChain& statu
 // the mark is read between two looks at the name, and the look is thrown
 // away when they differ. Comparing marks alone is not enough: a new file
 // may reach the same generation and length as the old one had.
-SingleFileBucketStore::Refresh SingleFileBucketStore::tryRefresh(const FileSystem::Status& before) {
+SingleFileBucketStore::Refresh SingleFileBucketStore::tryRefresh(const FileSystem::Status& before,
+                                                                 int64_t markHint) {
     if (!before.exists) {
         return Refresh::kUnsettled;  // between two renames of a swap
     }
@@ -144,7 +150,10 @@ SingleFileBucketStore::Refresh SingleFileBucketStore::tryRefresh(const FileSyste
         reopened = fs_.open(livePath_, FileSystem::kRead);
         identity = reopened->identity();
     }
-    const CommitMarks::Mark mark = marks_.peekNewest();
+    CommitMarks::Mark mark = markHint > 0 ? marks_.peek(markHint) : CommitMarks::Mark();
+    if (mark.generation == 0) {
+        mark = marks_.peekNewest();
+    }
     const FileSystem::Status after = fs_.stat(livePath_);
     if (!after.exists || after.device != identity.device || after.inode != identity.inode ||
         mark.generation == 0) {
@@ -159,6 +168,13 @@ SingleFileBucketStore::Refresh SingleFileBucketStore::tryRefresh(const FileSyste
     File& file = reopened ? *reopened : *file_;
     if (file.size() < mark.committedLength) {
         return Refresh::kUnsettled;  // the mark names bytes that are not there
+    }
+    if (!reopened && extendView(file, identity, mark.committedLength)) {
+        generation_ = mark.generation;
+        committedLength_ = mark.committedLength;
+        settle(after);
+        viewChanged();
+        return Refresh::kChanged;
     }
     StoreIndex fresh;
     fresh.load(file, mark.committedLength, verifiedBelow(file, identity, mark.committedLength));
@@ -175,6 +191,22 @@ SingleFileBucketStore::Refresh SingleFileBucketStore::tryRefresh(const FileSyste
     settle(after);
     viewChanged();
     return Refresh::kChanged;
+}
+
+// When the bytes the view stands on are still those it verified, the file
+// has only grown by appends: the view takes in the new segments alone, so
+// a refresh after a commit reads what the commit wrote, not the whole file.
+bool SingleFileBucketStore::extendView(File& file, const File::Identity& identity, int64_t length) {
+    if (committedLength_ == 0 || verified_.length != committedLength_ ||
+        verified_.holdsFor(file, identity, committedLength_) != committedLength_) {
+        return false;
+    }
+    const VerifiedPrefix grown = VerifiedPrefix::of(file, identity, length);
+    if (!index_.extend(file, committedLength_, length, verifiedBelow(file, identity, length))) {
+        return false;
+    }
+    verified_ = grown;
+    return true;
 }
 
 // ---------------------------------------------------------------- reading only

@@ -563,6 +563,14 @@ void makeRoom(Hashed& hashed, size_t more) {
 StoreIndex::Staged StoreIndex::stage(const SegmentDescriptor& segment,
                                      const std::vector<std::pair<DigestKey, int64_t>>& updates,
                                      const std::vector<DigestKey>& deletions) {
+    Staged staged = prepare(segment, updates, deletions);
+    makeRoomFor(staged.locations.size(), staged.deleted.size(), 1);
+    return staged;
+}
+
+StoreIndex::Staged StoreIndex::prepare(const SegmentDescriptor& segment,
+                                       const std::vector<std::pair<DigestKey, int64_t>>& updates,
+                                       const std::vector<DigestKey>& deletions) {
     Staged staged;
     staged.segment = segment;
     staged.deleted.insert(deletions.begin(), deletions.end());
@@ -570,13 +578,59 @@ StoreIndex::Staged StoreIndex::stage(const SegmentDescriptor& segment,
     for (const auto& [digest, offset] : updates) {
         staged.locations[digest] = Location{segment.number, ordinal++, offset};
     }
-    // With this room no insert in apply rehashes or reallocates.
-    makeRoom(locations_, staged.locations.size());
-    makeRoom(deleted_, staged.deleted.size());
-    if (segments_.size() == segments_.capacity()) {
-        segments_.reserve(2 * segments_.size() + 1);
-    }
     return staged;
+}
+
+// With this room no insert in apply rehashes or reallocates.
+void StoreIndex::makeRoomFor(size_t locations, size_t deletions, size_t segments) {
+    makeRoom(locations_, locations);
+    makeRoom(deleted_, deletions);
+    if (segments_.size() + segments > segments_.capacity()) {
+        segments_.reserve(2 * segments_.size() + segments);
+    }
+}
+
+// Everything that can fail comes before the first change: the scans, the
+// checks and the room; the staged segments then apply oldest first.
+bool StoreIndex::extend(File& file, int64_t from, int64_t to, int64_t verifiedBelow) {
+    if (walkPosition_ > 0 || from <= 0 || to <= from) {
+        return false;
+    }
+    std::vector<SegmentScan> scans;  // newest first
+    int64_t end = to;
+    while (end > from) {
+        scans.push_back(scanSegment(file, end, 0));
+        if (end > verifiedBelow && !segmentVerifies(file, scans.back().descriptor.start, end)) {
+            return false;
+        }
+        end = scans.back().descriptor.start;
+    }
+    if (end != from) {
+        return false;
+    }
+    std::vector<Staged> staged;
+    staged.reserve(scans.size());
+    size_t locations = 0;
+    size_t deletions = 0;
+    for (auto scan = scans.rbegin(); scan != scans.rend(); ++scan) {
+        scan->descriptor.number = segmentCount_ + static_cast<uint32_t>(staged.size()) + 1;
+        // A bucket both written and deleted by one segment is deleted, as a load reads it.
+        const std::unordered_set<DigestKey, DigestKeyHash> gone(scan->deletions.begin(),
+                                                                scan->deletions.end());
+        std::vector<std::pair<DigestKey, int64_t>> kept;
+        kept.reserve(scan->updates.size());
+        for (const auto& update : scan->updates) {
+            if (gone.count(update.first) == 0) kept.push_back(update);
+        }
+        staged.push_back(prepare(scan->descriptor, kept, scan->deletions));
+        locations += staged.back().locations.size();
+        deletions += staged.back().deleted.size();
+    }
+    makeRoomFor(locations, deletions, staged.size());
+    for (Staged& segment : staged) {
+        apply(segment);
+    }
+    return true;
 }
 
 // The staged nodes move over as they are.

@@ -175,6 +175,12 @@ class StoreIndex {
                  const std::vector<DigestKey>& deletions);
     // Once the segment is committed: records it without allocating.
     void apply(Staged& staged) noexcept;
+    // Takes in the segments a file that this index describes up to `from`
+    // has grown by, up to `to`, checking the checksum of each that ends above
+    // `verifiedBelow`. False, and the index as it was, when they are not
+    // whole segments from `from` to `to` that verify; read errors throw,
+    // also with the index as it was.
+    bool extend(kel::osdep::File& file, int64_t from, int64_t to, int64_t verifiedBelow);
     // After a compaction: one segment whose entries are in digest order.
     void replaceBySingleSegment(const SegmentDescriptor& segment,
                                 const std::vector<std::pair<DigestKey, int64_t>>& updates);
@@ -190,6 +196,10 @@ class StoreIndex {
     int64_t previousIndexForNextCommit() const;
 
   private:
+    Staged prepare(const SegmentDescriptor& segment,
+                   const std::vector<std::pair<DigestKey, int64_t>>& updates,
+                   const std::vector<DigestKey>& deletions);
+    void makeRoomFor(size_t locations, size_t deletions, size_t segments);
     void absorb(SegmentScan& scan);
     void resumeWalk(kel::osdep::File& file);
     const Location* findInBase(kel::osdep::File& file, const DigestKey& digest);

@@ -55,6 +55,7 @@ void addMvCommand(CLI::App& app, const Globals& globals);
 void addCpCommand(CLI::App& app, const Globals& globals);
 void addDiffCommand(CLI::App& app, const Globals& globals);
 void addRepairCommand(CLI::App& app, const Globals& globals);
+void addWatchCommand(CLI::App& app, const Globals& globals);
 
 }  // namespace orvane_tool
 

@@ -114,6 +114,7 @@ int main(int argc, char** argv) {
     addStatCommand(app, globals);
     addCompactCommand(app, globals);
     addRepairCommand(app, globals);
+    addWatchCommand(app, globals);
     addHelpCommand(app);
     addGeneratorFlags(app);
     const std::string unknown = unknownCommand(app, argc, argv);

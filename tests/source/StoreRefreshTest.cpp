@@ -6,6 +6,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 
 #include "kel/osdep/SimulatedFileSystem.h"
 #include "source/CommitMarks.h"
@@ -257,6 +258,47 @@ TEST(StoreRefreshTest, AWriterNeverAppendsToAFileRenamedAway) {
     reopened.open(0, reopen);
     EXPECT_EQ(reopen.getCode(), 0);
     EXPECT_EQ(valueOfX(reopened), 5);
+}
+
+// A reader that follows a writer's appends reads what they added, not the
+// whole file again, and sees what a reader opened afresh sees; a new segment
+// that does not verify is never taken in.
+TEST(StoreRefreshTest, ARefreshReadsOnlyWhatWasAppendedAndChecksIt) {
+    World w;
+    State expected;
+    std::set<std::wstring> names{L"/x"};
+    for (int32_t v = 0; v < 200; ++v) {
+        const std::wstring name = L"/n" + std::to_wstring(v % 20);
+        names.insert(name);
+        commitChanges(w.writer, {{name, v}}, &expected, w.status);
+    }
+    HookedFileSystem counting(w.fs, 0, [] {});
+    SingleFileBucketStore reader(kDir, nullptr, counting);
+    StatusChain read = okStatus();
+    reader.openForReading(read);
+    commitChanges(w.writer, {{L"/x", 7}, {L"/n3", -2}}, &expected, w.status);
+    counting.arm();
+    EXPECT_EQ(reader.refresh(read), Refresh::kChanged);
+    EXPECT_LT(counting.calls(), 40u) << "a full load reads each of the 201 segments";
+    EXPECT_EQ(readState(reader, names), expected);
+    SingleFileBucketStore fresh(kDir, nullptr, w.fs);
+    StatusChain freshStatus = okStatus();
+    fresh.openForReading(freshStatus);
+    EXPECT_EQ(readState(fresh, names), expected);
+
+    const int64_t end = w.writer.facts().committedLength;
+    commitX(w.writer, 8);
+    std::unique_ptr<File> file =
+        w.fs.open(WString(L"/reg/registry.bin"), FileSystem::kReadWrite, 0);
+    unsigned char byte = 0;
+    ASSERT_EQ(file->readAt(end + 40, &byte, 1), 1u);
+    byte ^= 0x10;
+    file->writeAt(end + 40, &byte, 1);
+    reader.refresh(read);
+    StatusChain lookup = okStatus();
+    reader.readBucket(WString(L"/x"), lookup);
+    EXPECT_EQ(lookup.getCode(), orvane::status::kOutsideFile) << "damage is never served";
+    EXPECT_EQ(read.getCode(), 0);
 }
 
 }  // namespace

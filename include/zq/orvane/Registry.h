@@ -13,6 +13,7 @@
 //   });
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -27,6 +28,7 @@
 #include "zq/orvane/RegistryValue.h"
 #include "zq/orvane/StatusCodes.h"
 #include "zq/orvane/Transaction.h"
+#include "zq/orvane/Watch.h"
 
 namespace zq {
 namespace orvane {
@@ -146,6 +148,17 @@ class ZQ_EXPORT Registry {
     std::vector<std::string> children(std::string_view path) const {
         return detail::orThrow("listing children",
                                [&](std::error_code& ec) { return children(path, ec); });
+    }
+
+    // Every change other processes (and this one) commit to `path` and its
+    // descendants from now on, or after `since` (a Watch::state()); see
+    // <zq/orvane/Watch.h>. Null on failure.
+    std::unique_ptr<Watch> watch(std::string_view path, std::error_code& ec,
+                                 std::string_view since = std::string_view()) const noexcept;
+    std::unique_ptr<Watch> watch(std::string_view path,
+                                 std::string_view since = std::string_view()) const {
+        return detail::orThrow("watching",
+                               [&](std::error_code& ec) { return watch(path, ec, since); });
     }
 
     // Runs `body` in a transaction and commits it; a throw out of `body`
