@@ -113,45 +113,6 @@ TEST(ToolAdministrationTest, OptionsFileMustBeUsable) {
     }
 }
 
-// A process that holds a transaction on the registry until killed.
-class LockHolder {
-  public:
-    explicit LockHolder(const ToolRunner& tool, int seconds = 30) {
-        int held[2];
-        if (::pipe(held) != 0) throw std::runtime_error("pipe");
-        pid_ = ::fork();
-        if (pid_ == 0) {
-            setenv("ZQPUBAPPDATADIR", tool.dir().path().c_str(), 1);
-            setenv("ZQKELTMPSHAREDFILEDIR", tool.dir().path().c_str(), 1);
-            kel::StatusChain s;
-            s.clear();
-            kel::AutoRef<orvane::IBucketManager> m =
-                orvane::publicInterface::GetInterface(2, s)->createBucketManager(
-                    kel::WString(tool.registry().c_str()), kel::WString(), s);
-            kel::Guid id;
-            const char said = m && m->beginTransaction(id, s) ? 'b' : 'x';
-            if (::write(held[1], &said, 1) != 1) ::_exit(1);
-            ::sleep(seconds);
-            m->endTransaction(id, s);
-            ::_exit(0);
-        }
-        char said = 0;
-        began_ = ::read(held[0], &said, 1) == 1 && said == 'b';
-        ::close(held[0]);
-        ::close(held[1]);
-    }
-    ~LockHolder() {
-        ::kill(pid_, SIGKILL);
-        ::waitpid(pid_, nullptr, 0);
-    }
-    bool began() const { return began_; }
-    pid_t pid() const { return pid_; }
-
-  private:
-    pid_t pid_;
-    bool began_ = false;
-};
-
 TEST(ToolAdministrationTest, WritesWaitForTheLockSayWhoHoldsItAndTimeOut) {
     ToolRunner tool;
     ASSERT_EQ(tool.run({"set", "/a", "x", "int8", "1"}).exitCode, 0);

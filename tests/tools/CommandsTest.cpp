@@ -165,27 +165,8 @@ TEST_F(ToolCommandsTest, ReadingCommandsDoNotCreateARegistry) {
 // writer may cut, the reading commands answer at once and change no byte.
 TEST_F(ToolCommandsTest, ReadingCommandsNeitherWaitNorWrite) {
     populate();
-    int held[2];
-    ASSERT_EQ(::pipe(held), 0);
-    const pid_t writer = ::fork();
-    if (writer == 0) {
-        setenv("ZQPUBAPPDATADIR", tool.dir().path().c_str(), 1);
-        setenv("ZQKELTMPSHAREDFILEDIR", tool.dir().path().c_str(), 1);
-        kel::StatusChain s;
-        s.clear();
-        kel::AutoRef<orvane::IBucketManager> m =
-            orvane::publicInterface::GetInterface(2, s)->createBucketManager(
-                kel::WString(tool.registry().c_str()), kel::WString(), s);
-        kel::Guid id;
-        const bool began = m && m->beginTransaction(id, s);
-        const char said = began ? 'b' : 'x';
-        if (::write(held[1], &said, 1) != 1) ::_exit(1);
-        ::sleep(15);  // longer than the commands may take
-        ::_exit(0);
-    }
-    char said = 0;
-    ASSERT_EQ(::read(held[0], &said, 1), 1);
-    ASSERT_EQ(said, 'b');
+    LockHolder holder(tool, 15);  // longer than the commands may take
+    ASSERT_TRUE(holder.began());
     const std::string file = tool.dir().read("reg/registry.bin") + "torn";
     tool.dir().write("reg/registry.bin", file);
     const auto start = std::chrono::steady_clock::now();
@@ -195,8 +176,6 @@ TEST_F(ToolCommandsTest, ReadingCommandsNeitherWaitNorWrite) {
     }
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
     EXPECT_EQ(tool.dir().read("reg/registry.bin"), file);
-    ::kill(writer, SIGKILL);
-    ::waitpid(writer, nullptr, 0);
 }
 
 // A user who may read the registry but not write its directory reads it all.

@@ -3,6 +3,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,6 +16,7 @@
 #include <vector>
 
 #include "support/TempDir.h"
+#include "zq/orvane/Orvane.h"
 
 namespace zq {
 namespace test {
@@ -107,6 +109,45 @@ class ToolRunner {
   private:
     TempDir dir_;
     std::string registry_;
+};
+
+// A process that holds a transaction on the registry until killed.
+class LockHolder {
+  public:
+    explicit LockHolder(const ToolRunner& tool, int seconds = 30) {
+        int held[2];
+        if (::pipe(held) != 0) throw std::runtime_error("pipe");
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            setenv("ZQPUBAPPDATADIR", tool.dir().path().c_str(), 1);
+            setenv("ZQKELTMPSHAREDFILEDIR", tool.dir().path().c_str(), 1);
+            zq::kel::StatusChain s;
+            s.clear();
+            zq::kel::AutoRef<zq::orvane::IBucketManager> m =
+                zq::orvane::publicInterface::GetInterface(2, s)->createBucketManager(
+                    zq::kel::WString(tool.registry().c_str()), zq::kel::WString(), s);
+            zq::kel::Guid id;
+            const char said = m && m->beginTransaction(id, s) ? 'b' : 'x';
+            if (::write(held[1], &said, 1) != 1) ::_exit(1);
+            ::sleep(seconds);
+            m->endTransaction(id, s);
+            ::_exit(0);
+        }
+        char said = 0;
+        began_ = ::read(held[0], &said, 1) == 1 && said == 'b';
+        ::close(held[0]);
+        ::close(held[1]);
+    }
+    ~LockHolder() {
+        ::kill(pid_, SIGKILL);
+        ::waitpid(pid_, nullptr, 0);
+    }
+    bool began() const { return began_; }
+    pid_t pid() const { return pid_; }
+
+  private:
+    pid_t pid_;
+    bool began_ = false;
 };
 
 }  // namespace test
