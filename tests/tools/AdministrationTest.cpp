@@ -166,14 +166,20 @@ TEST(ToolAdministrationTest, ErrorsNameThePathTheCodeAndTheSystemsReason) {
     }
 
     ASSERT_EQ(tool.run({"set", "/a", "x", "int8", "1"}).exitCode, 0);
-    tool.dir().write("big", std::string(300000, 'b'));
     // The commit's write crosses the limit; SIGXFSZ must not kill the tool.
-    const ToolResult tooLarge = tool.runBare(
-        {"--data-dir", tool.registry(), "set", "/a", "big", "blob", "@" + tool.dir().file("big")},
-        "", [] {
-            const rlimit limit{64 * 1024, 64 * 1024};
-            ::setrlimit(RLIMIT_FSIZE, &limit);
-        });
+    // The limit leaves room for every other file the tool writes as it
+    // ends (a coverage build's counters among them); the registry's own
+    // limit is raised so that the write is tried at all.
+    constexpr size_t kFileLimit = 4 << 20;
+    tool.dir().write("big", std::string(kFileLimit + 1, 'b'));
+    tool.dir().write("roomy.ini", "[Orvane]\nDiskMaxRegistryFileSizeKB=65536\n");
+    const ToolResult tooLarge =
+        tool.runBare({"--data-dir", tool.registry(), "--options", tool.dir().file("roomy.ini"),
+                      "set", "/a", "big", "blob", "@" + tool.dir().file("big")},
+                     "", [] {
+                         const rlimit limit{kFileLimit, kFileLimit};
+                         ::setrlimit(RLIMIT_FSIZE, &limit);
+                     });
     EXPECT_EQ(tooLarge.exitCode, 4);
     for (const char* part : {"committing to", "-314509", "File too large"}) {
         EXPECT_TRUE(contains(tooLarge.err, part)) << part << " in " << tooLarge.err;
