@@ -50,7 +50,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         index.load(*file, store.facts().committedLength, 0);
         // A damaged index knows no full list of what lives: its lookups say so.
         if (index.damagedEnd() == 0) {
-            index.forEachLive(*file, [&store](const orvane::DigestKey& key) {
+            index.forEachLive(*file, [&store](const orvane::DigestKey& key, int64_t) {
                 const unsigned char* cursor = key.data();
                 StatusChain read = ok();
                 store.readBucketByDigest(orvane::Digest(cursor, key.data() + key.size()), read);

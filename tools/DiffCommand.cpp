@@ -152,8 +152,9 @@ std::vector<std::string> differences(const Registry& a, const Registry& b) {
             continue;
         }
         const BucketValues& right = found->second;
-        const auto value = [&left](char side, const std::string& name, const Json& v) {
-            return std::string(1, side) + " " + left.name + " " + quotedText(name) + " = " +
+        const std::string& bucketName = left.name;  // a binding is no lambda capture
+        const auto value = [&bucketName](char side, const std::string& name, const Json& v) {
+            return std::string(1, side) + " " + bucketName + " " + quotedText(name) + " = " +
                    v.dump();
         };
         for (const auto& [key, named] : left.values) {
