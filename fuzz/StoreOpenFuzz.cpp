@@ -51,9 +51,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         // A damaged index knows no full list of what lives: its lookups say so.
         if (index.damagedEnd() == 0) {
             index.forEachLive(*file, [&store](const orvane::DigestKey& key, int64_t) {
-                const unsigned char* cursor = key.data();
                 StatusChain read = ok();
-                store.readBucketByDigest(orvane::Digest(cursor, key.data() + key.size()), read);
+                store.readBucketByDigest(orvane::digestOf(key), read);
             });
         }
 

@@ -78,6 +78,11 @@ inline DigestKey keyOf(const Digest& digest) {
     return key;
 }
 
+inline Digest digestOf(const DigestKey& key) {
+    const unsigned char* cursor = key.data();
+    return Digest(cursor, key.data() + key.size());
+}
+
 struct DigestKeyHash {
     size_t operator()(const DigestKey& key) const {
         // The bytes are already uniformly distributed.

@@ -15,11 +15,6 @@ using kel::StatusChain;
 using store::Lock;
 using store::storeOperation;
 
-Digest digestOf(const DigestKey& key) {
-    const unsigned char* cursor = key.data();
-    return Digest(cursor, key.data() + key.size());
-}
-
 }  // namespace
 
 // A position that cannot be read back (no file yet, a read error) is the

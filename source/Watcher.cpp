@@ -8,8 +8,8 @@
 #include <functional>
 #include <unordered_set>
 
-#include "kel/CaseFold.h"
 #include "source/CommitMarks.h"
+#include "source/FoldedKey.h"
 #include "source/Sha256.h"
 #include "zq/orvane/StatusCodes.h"
 
@@ -22,20 +22,7 @@ using kel::AutoRef;
 using kel::StatusChain;
 using kel::WString;
 
-WString folded(const WString& name) {
-    WString out(name);
-    for (size_t i = 0; i < out.length(); ++i) {
-        out[i] = kel::foldLower(out[i]);
-    }
-    return out;
-}
-
 constexpr int kLookAgainMilliseconds = 10;
-
-Digest digestOf(const DigestKey& key) {
-    const unsigned char* cursor = key.data();
-    return Digest(cursor, key.data() + key.size());
-}
 
 bool samePosition(const Watcher::Position& a, const Watcher::Position& b) {
     return a.file == b.file && a.length == b.length && a.checksum == b.checksum;
@@ -47,7 +34,7 @@ Watcher::Watcher(const WString& directory, const WString& path, kel::osdep::File
     : store_(directory, nullptr, fs),
       notices_(directory),  // before the view: a commit after it always wakes
       path_(path),
-      folded_(folded(path)) {
+      folded_(FoldedKey(path).toString()) {
     if (folded_ != WString(L"/")) {
         folded_ += L"/";
     }
@@ -133,7 +120,7 @@ void Watcher::forEachInSubtree(
 }
 
 bool Watcher::inSubtree(const WString& fullName) const {
-    const WString name = folded(fullName);
+    const WString name = FoldedKey(fullName).toString();
     if (folded_.length() == 1) {
         return true;  // the root's subtree is everything
     }

@@ -1,6 +1,5 @@
 #include "Assignments.h"
 
-#include <fstream>
 #include <iostream>
 #include <iterator>
 
@@ -32,7 +31,7 @@ class WordReader {
         if (word == "-") return fitted(standardInput(), tag);
         if (word.size() < 2 || word[0] != '@') return word;
         if (word[1] == '@') return word.substr(1);
-        return fitted(file(word.substr(1)), tag);
+        return fitted(readUserFile(word.substr(1)), tag);
     }
 
   private:
@@ -41,15 +40,6 @@ class WordReader {
         readInput_ = true;
         return std::string(std::istreambuf_iterator<char>(std::cin),
                            std::istreambuf_iterator<char>());
-    }
-
-    // The user's own file, read as standard input is: not a store file.
-    static std::string file(const std::string& path) {
-        std::ifstream in(path, std::ios::binary);
-        if (!in) throw ToolError(kExitNotFound, "cannot read " + path);
-        std::string bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-        if (in.bad()) throw ToolError(kExitStore, "cannot read " + path);
-        return bytes;
     }
 
     // Blobs are typed in hex but read as bytes; text values keep every byte.

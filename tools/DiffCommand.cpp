@@ -5,8 +5,6 @@
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstdio>
-#include <fstream>
-#include <iterator>
 #include <map>
 
 #include "ImportDocument.h"
@@ -126,16 +124,10 @@ Registry fromDocument(const std::string& text, const std::string& origin) {
     return registry;
 }
 
-std::string fileText(const std::string& file) {
-    std::ifstream in(file, std::ios::binary);
-    if (!in) throw ToolError(kExitNotFound, "cannot read " + file);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
 Registry load(const Globals& globals, const std::string& path) {
     struct stat info;
     if (::stat(path.c_str(), &info) != 0) throw ToolError(kExitNotFound, "no such file " + path);
-    return fromDocument(S_ISDIR(info.st_mode) ? exportedByChild(globals, path) : fileText(path),
+    return fromDocument(S_ISDIR(info.st_mode) ? exportedByChild(globals, path) : readUserFile(path),
                         path);
 }
 

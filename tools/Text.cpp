@@ -1,6 +1,8 @@
 #include "Text.h"
 
 #include <cstdio>
+#include <fstream>
+#include <iterator>
 
 #include "Tool.h"
 #include "zq/orvane/StatusCodes.h"
@@ -181,6 +183,14 @@ zq::kel::WString bucketPath(const std::string& text) {
                                         ": a path is \"/\" or \"/name/name...\"");
     }
     return path;
+}
+
+std::string readUserFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) throw ToolError(kExitNotFound, "cannot read " + path);
+    std::string bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    if (in.bad()) throw ToolError(kExitStore, "cannot read " + path);
+    return bytes;
 }
 
 }  // namespace orvane_tool

@@ -32,6 +32,11 @@ std::string quotedText(const std::string& utf8OrBytes);
 // The message of a library status: "-314528: the parent bucket does not exist".
 std::string describeStatus(int32_t code);
 
+// The bytes of a file the user named (a value, a document): the user's
+// own file, read with standard streams, not through the store's file layer.
+// ToolError: not found when it cannot be opened, a store error when a read fails.
+std::string readUserFile(const std::string& path);
+
 // A bucket path as the user typed it, checked: "/" or "/a/b".
 zq::kel::WString bucketPath(const std::string& text);
 
