@@ -197,9 +197,7 @@ class OrvaneStore : public Store {
         ::setenv("ZQKELTMPSHAREDFILEDIR", shared.c_str(), 1);
         ::setenv("ZQPUBAPPDATADIR", directory.c_str(), 1);
         const std::string ini = directory + "/Orvane.ini";
-        if (::access(ini.c_str(), F_OK) != 0) {
-            std::ofstream(ini) << "[Orvane]\nDiskMaxRegistryFileSizeKB=65536\n";
-        }
+        if (::access(ini.c_str(), F_OK) != 0) limitOrvaneFile(directory, 65536);
         StatusChain status = fresh();
         auto* orvane = zq::orvane::publicInterface::GetInterface(2, status);
         check(status, "GetInterface");
@@ -250,6 +248,42 @@ class OrvaneStore : public Store {
         check(s, "fill");
     }
 
+    void commitBlob(const std::vector<unsigned char>& blob) override {
+        StatusChain s = fresh();
+        Guid id;
+        manager_->beginTransaction(id, s);
+        manager_->beginUpdate(id, s);
+        AutoRef<IBucket> bucket = manager_->createBucket(WString(L"/blob"), false, s);
+        bucket->setBlobValue(WString(L"data"), blob.data(), static_cast<uint32_t>(blob.size()), s,
+                             true);
+        manager_->putBucket(bucket, true, id, s);
+        manager_->commit(id, s);
+        manager_->endTransaction(id, s);
+        check(s, "blob commit");
+    }
+
+    void commitMany(int count) override {
+        StatusChain s = fresh();
+        Guid id;
+        manager_->beginTransaction(id, s);
+        manager_->beginUpdate(id, s);
+        manager_->putBucket(manager_->createBucket(WString(L"/many"), false, s), true, id, s);
+        for (int index = 0; index < count; ++index) {
+            if (index % 1000 == 0) {
+                const std::wstring group = L"/many/g" + std::to_wstring(index / 1000);
+                manager_->putBucket(manager_->createBucket(WString(group.c_str()), false, s), true,
+                                    id, s);
+            }
+            const WString name(wide(smallName(index)).c_str());
+            AutoRef<IBucket> bucket = manager_->createBucket(name, false, s);
+            bucket->setInt32Value(WString(L"value"), index, s, true);
+            manager_->putBucket(bucket, true, id, s);
+        }
+        manager_->commit(id, s);
+        manager_->endTransaction(id, s);
+        check(s, "commit of many");
+    }
+
     int32_t read(int index) override {
         StatusChain s = fresh();
         AutoRef<IBucket> bucket = manager_->getBucket(WString(wide(settingName(index)).c_str()), s);
@@ -278,9 +312,44 @@ class OrvaneStore : public Store {
     AutoRef<IBucketManager> manager_;
 };
 
+// ---------------------------------------------------------------- peers
+
+// A peer holds one record per setting, written between begin() and end().
+class RecordStore : public Store {
+  public:
+    void commit(const std::vector<int>& indexes, int32_t speed) override {
+        begin();
+        for (int index : indexes) {
+            const std::vector<unsigned char> record = encode(makeSetting(index, speed));
+            put(settingName(index), record.data(), record.size());
+        }
+        end();
+    }
+
+    void commitBlob(const std::vector<unsigned char>& blob) override {
+        begin();
+        put("/blob", blob.data(), blob.size());
+        end();
+    }
+
+    void commitMany(int count) override {
+        begin();
+        for (int index = 0; index < count; ++index) {
+            const int32_t value = index;
+            put(smallName(index), &value, sizeof value);
+        }
+        end();
+    }
+
+  protected:
+    virtual void begin() = 0;
+    virtual void put(const std::string& key, const void* bytes, size_t size) = 0;
+    virtual void end() = 0;
+};
+
 // ---------------------------------------------------------------- SQLite
 
-class SqliteStore : public Store {
+class SqliteStore : public RecordStore {
   public:
     explicit SqliteStore(bool wal) : wal_(wal) {}
     ~SqliteStore() override {
@@ -304,20 +373,6 @@ class SqliteStore : public Store {
         prepare("INSERT OR REPLACE INTO settings(name, record) VALUES(?1, ?2)", &upsert_);
     }
 
-    void commit(const std::vector<int>& indexes, int32_t speed) override {
-        exec("BEGIN IMMEDIATE");
-        for (int index : indexes) {
-            const std::string key = settingName(index);
-            const std::vector<unsigned char> record = encode(makeSetting(index, speed));
-            sqlite3_bind_text(upsert_, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
-            sqlite3_bind_blob(upsert_, 2, record.data(), static_cast<int>(record.size()),
-                              SQLITE_STATIC);
-            if (sqlite3_step(upsert_) != SQLITE_DONE) fail("sqlite: write");
-            sqlite3_reset(upsert_);
-        }
-        exec("COMMIT");
-    }
-
     int32_t read(int index) override {
         const std::string key = settingName(index);
         sqlite3_bind_text(select_, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
@@ -327,6 +382,16 @@ class SqliteStore : public Store {
         sqlite3_reset(select_);
         return s.speed;
     }
+
+  protected:
+    void begin() override { exec("BEGIN IMMEDIATE"); }
+    void put(const std::string& key, const void* bytes, size_t size) override {
+        sqlite3_bind_text(upsert_, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
+        sqlite3_bind_blob64(upsert_, 2, bytes, size, SQLITE_STATIC);
+        if (sqlite3_step(upsert_) != SQLITE_DONE) fail("sqlite: write");
+        sqlite3_reset(upsert_);
+    }
+    void end() override { exec("COMMIT"); }
 
   private:
     void exec(const char* sql) {
@@ -348,9 +413,10 @@ class SqliteStore : public Store {
 
 // ---------------------------------------------------------------- LMDB
 
-class LmdbStore : public Store {
+class LmdbStore : public RecordStore {
   public:
     ~LmdbStore() override {
+        if (txn_ != nullptr) mdb_txn_abort(txn_);
         if (env_ != nullptr) mdb_env_close(env_);
     }
     const char* name() const override { return "lmdb"; }
@@ -361,27 +427,9 @@ class LmdbStore : public Store {
         check(mdb_env_create(&env_), "create");
         check(mdb_env_set_mapsize(env_, size_t{1} << 30), "mapsize");
         check(mdb_env_open(env_, directory.c_str(), 0, 0644), "open");
-        MDB_txn* txn = nullptr;
-        check(mdb_txn_begin(env_, nullptr, 0, &txn), "begin");
-        check(mdb_dbi_open(txn, nullptr, 0, &dbi_), "dbi");
-        check(mdb_txn_commit(txn), "commit");
-    }
-
-    void commit(const std::vector<int>& indexes, int32_t speed) override {
-        MDB_txn* txn = nullptr;
-        check(mdb_txn_begin(env_, nullptr, 0, &txn), "begin");
-        for (int index : indexes) {
-            std::string key = settingName(index);
-            std::vector<unsigned char> record = encode(makeSetting(index, speed));
-            MDB_val k{key.size(), key.data()};
-            MDB_val v{record.size(), record.data()};
-            const int rc = mdb_put(txn, dbi_, &k, &v, 0);
-            if (rc != 0) {
-                mdb_txn_abort(txn);
-                check(rc, "put");
-            }
-        }
-        check(mdb_txn_commit(txn), "commit");
+        begin();
+        check(mdb_dbi_open(txn_, nullptr, 0, &dbi_), "dbi");
+        end();
     }
 
     int32_t read(int index) override {
@@ -400,11 +448,32 @@ class LmdbStore : public Store {
         return s.speed;
     }
 
+  protected:
+    void begin() override { check(mdb_txn_begin(env_, nullptr, 0, &txn_), "begin"); }
+    void put(const std::string& key, const void* bytes, size_t size) override {
+        MDB_val k{key.size(), const_cast<char*>(key.data())};
+        MDB_val v{size, const_cast<void*>(bytes)};
+        abortOn(mdb_put(txn_, dbi_, &k, &v, 0), "put");
+    }
+    void end() override {
+        MDB_txn* txn = txn_;
+        txn_ = nullptr;
+        check(mdb_txn_commit(txn), "commit");
+    }
+
   private:
     static void check(int rc, const char* what) {
         if (rc != 0) fail(std::string("lmdb: ") + what + ": " + mdb_strerror(rc));
     }
+    // A failed call leaves the transaction good only for an abort.
+    void abortOn(int rc, const char* what) {
+        if (rc == 0) return;
+        mdb_txn_abort(txn_);
+        txn_ = nullptr;
+        check(rc, what);
+    }
     MDB_env* env_ = nullptr;
+    MDB_txn* txn_ = nullptr;
     MDB_dbi dbi_ = 0;
 };
 
@@ -417,6 +486,15 @@ void Store::fill(int count) {
     for (int i = 0; i < count; ++i)
         all[static_cast<size_t>(i)] = i;
     commit(all, 0);
+}
+
+void limitOrvaneFile(const std::string& directory, int kilobytes) {
+    std::ofstream(directory + "/Orvane.ini")
+        << "[Orvane]\nDiskMaxRegistryFileSizeKB=" << kilobytes << "\n";
+}
+
+std::string smallName(int index) {
+    return "/many/g" + std::to_string(index / 1000) + "/b" + std::to_string(index);
 }
 
 const std::vector<std::string>& storeNames() {

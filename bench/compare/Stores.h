@@ -46,11 +46,23 @@ class Store {
     virtual void commit(const std::vector<int>& indexes, int32_t speed) = 0;
     // Writes settings 0 .. count-1 into an empty store, in one transaction.
     virtual void fill(int count);
+    // One durable transaction writing one new record that holds `blob`.
+    virtual void commitBlob(const std::vector<unsigned char>& blob) = 0;
+    // One durable transaction writing `count` new small records (an Orvane
+    // bucket of one value), 1,000 to a group.
+    virtual void commitMany(int count) = 0;
     // Reads setting `index` into memory and returns one of its values.
     virtual int32_t read(int index) = 0;
     // The bytes the store keeps on disk.
     virtual uint64_t diskBytes(const std::string& directory) const;
 };
+
+// Orvane's file in `directory` may grow to `kilobytes` before a commit
+// compacts it (DiskMaxRegistryFileSizeKB); call before the first open.
+void limitOrvaneFile(const std::string& directory, int kilobytes);
+
+// Name of record `index` in commitMany().
+std::string smallName(int index);
 
 // Store kinds, in table order.
 const std::vector<std::string>& storeNames();
