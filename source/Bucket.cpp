@@ -648,17 +648,26 @@ void Bucket::serialize(unsigned char*& cursor, const unsigned char* end) const {
     Lock lock(mutex_);
     RecordWriter writer(cursor, end);
     writer.require(recordSize());
+    writeFields(writer);
+}
+
+void Bucket::writeRecord(RecordWriter& writer) const {
+    Lock lock(mutex_);
+    writeFields(writer);
+}
+
+void Bucket::writeFields(RecordWriter& writer) const {
     writer.u32(kRecordFormatVersion);
     writer.u32(version_);
-    names_->full().serialize(writer.cursor(), writer.end());
+    writer.serialized(names_->full());
     writer.u32(contents_->size());
     if (const EncodedValues* encoded = contents_->encoded()) {
         writer.bytes(encoded->data(), encoded->size());
         return;
     }
     for (const auto& entry : contents_->values()) {
-        entry.second.name.serialize(writer.cursor(), writer.end());
-        entry.second.value->writeRecord(writer);  // space checked above
+        writer.serialized(entry.second.name);
+        entry.second.value->writeRecord(writer);
     }
 }
 

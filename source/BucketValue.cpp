@@ -99,9 +99,7 @@ void writeForm(RecordWriter& writer, const NString& text) {
     writer.u32(counted);
     writer.bytes(text.c_str(), counted);  // c_str ends with the 0 byte
 }
-void writeForm(RecordWriter& writer, const WString& text) {
-    text.serialize(writer.cursor(), writer.end());
-}
+void writeForm(RecordWriter& writer, const WString& text) { writer.serialized(text); }
 
 // The second argument only picks the form.
 NString readForm(RecordReader& reader, const NString*) {

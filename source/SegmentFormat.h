@@ -4,9 +4,6 @@
 #include <array>
 #include <cstdint>
 #include <cstring>
-#include <functional>
-#include <utility>
-#include <vector>
 
 #include "kel/Throw.h"
 #include "zq/orvane/Digest.h"
@@ -91,49 +88,6 @@ struct DigestKeyHash {
         return h;
     }
 };
-
-// Builds one segment in memory so that it reaches the file in one write.
-class SegmentBuilder {
-  public:
-    SegmentBuilder(int64_t start, int64_t previousIndex);
-
-    // Room for what is to come, so that the bytes are allocated once.
-    void reserve(size_t records, size_t recordBytes, size_t deletions);
-    // Room for a record of `length` bytes; the caller fills it, e.g. by
-    // serialising a bucket into it. Returns the record's absolute offset.
-    int64_t addRecord(const DigestKey& digest, uint32_t length, unsigned char*& bytes);
-    void addDeletion(const DigestKey& digest);
-    // Index entries in digest order instead of the order records were added.
-    void sortUpdatesByDigest();
-
-    // Where the segment will end once finished.
-    int64_t end() const;
-    // Lays out the index and the trailer and returns the whole segment.
-    const std::vector<unsigned char>& finish();
-    // The finished segment, moved out of the builder.
-    std::vector<unsigned char> release() { return std::move(bytes_); }
-    SegmentDescriptor descriptor(uint32_t number) const;
-
-  private:
-    struct Update {
-        DigestKey digest;
-        int64_t offset;
-    };
-
-    int64_t indexPosition() const;
-    int64_t trailerPosition() const;
-
-    int64_t start_;
-    int64_t previousIndex_;
-    size_t recordsEnd_;  // relative to the start
-    std::vector<unsigned char> bytes_;
-    std::vector<Update> updates_;
-    std::vector<DigestKey> deletions_;
-};
-
-// The checksum of the whole segment of `length` bytes at `segmentStart`:
-// SHA-256 over all but its last segment::kUncheckedTail bytes.
-Digest segmentChecksum(const unsigned char* segmentStart, int64_t length);
 
 }  // namespace orvane
 }  // namespace zq

@@ -196,25 +196,25 @@ void SingleFileBucketStore::commit(const UpdatedBuckets& updated, const DeletedN
         return;
     }
     const bool committed = storeOperation(status, [&] {
-        std::vector<std::pair<DigestKey, int64_t>> updates;
-        std::vector<DigestKey> deletions;
-        SegmentDescriptor descriptor;
-        const std::vector<unsigned char> segment =
-            buildSegment(updated, deleted, updates, deletions, descriptor);
-        const int64_t end = committedLength_ + descriptor.length;
+        CommitPlan plan;
+        planCommit(updated, deleted, plan);
+        SegmentWriter writer(*file_, committedLength_, index_.previousIndexForNextCommit(),
+                             plan.buckets.size(), plan.recordBytes, plan.deletions.size());
+        const SegmentDescriptor descriptor = writer.descriptor(index_.segmentCount() + 1);
+        const int64_t end = writer.end();
         if (end > segment::kMaxFileSize) {
             status.setCode(status::kOverSizeLimit);
             return false;
         }
         if (overSize(end)) {
-            const int64_t after = sizeOnceCompacted(descriptor, updates, deletions);
+            const int64_t after = sizeOnceCompacted(descriptor, plan);
             if (overSize(after)) {
                 refuseOverLimit(after, status);
                 return false;
             }
         }
-        StoreIndex::Staged staged = index_.stage(descriptor, updates, deletions);
-        appendSegment(segment, end);
+        StoreIndex::Staged staged = index_.stage(descriptor, plan.updates, plan.deletions);
+        appendSegment(writer, plan);
         // Memory follows the disk only once the segment is synced and its
         // mark written, and nothing from here on can fail: the commit is made.
         index_.apply(staged);
@@ -237,28 +237,21 @@ void SingleFileBucketStore::commit(const UpdatedBuckets& updated, const DeletedN
     }
 }
 
-// Lays the whole segment out in memory: records in name order, then the
-// deletions. A bucket that is also deleted by this commit gets no record, so
-// every position is computed from what is really written.
-std::vector<unsigned char> SingleFileBucketStore::buildSegment(
-    const UpdatedBuckets& updated, const DeletedNames& deleted,
-    std::vector<std::pair<DigestKey, int64_t>>& updates, std::vector<DigestKey>& deletions,
-    SegmentDescriptor& descriptor) {
+// Records in name order, then the deletions. A bucket that is also deleted
+// by this commit gets no record, so every position is computed from what is
+// really written.
+void SingleFileBucketStore::planCommit(const UpdatedBuckets& updated, const DeletedNames& deleted,
+                                       CommitPlan& plan) {
     std::unordered_set<DigestKey, DigestKeyHash> deletedKeys;
     for (const WString& name : deleted) {
         const DigestKey key = keyOf(Digest(name));
         if (deletedKeys.insert(key).second) {
-            deletions.push_back(key);
+            plan.deletions.push_back(key);
         }
     }
-    struct Record {
-        DigestKey key;
-        const IBucket* bucket;
-        uint32_t length;
-    };
-    std::vector<Record> records;
-    records.reserve(updated.size());
-    size_t recordBytes = 0;
+    plan.buckets.reserve(updated.size());
+    plan.updates.reserve(updated.size());
+    int64_t offset = committedLength_ + segment::kHeaderSize;
     for (const auto& [name, bucket] : updated) {
         if (!bucket) {
             ZQ_THROW(InvalidArgument);
@@ -268,41 +261,29 @@ std::vector<unsigned char> SingleFileBucketStore::buildSegment(
         if (deletedKeys.count(key) != 0 || !bucket->isPersistent()) {
             continue;
         }
-        records.push_back(Record{key, bucket.get(), bucket->serializationSize()});
-        recordBytes += records.back().length;
+        const uint32_t length = bucket->serializationSize();
+        plan.buckets.push_back(bucket.get());
+        plan.updates.emplace_back(key, offset);
+        plan.recordBytes += length;
+        offset = SegmentWriter::nextOffset(offset, length);
     }
-    // Sized once: the segment never moves while it is laid out.
-    SegmentBuilder builder(committedLength_, index_.previousIndexForNextCommit());
-    builder.reserve(records.size(), recordBytes, deletions.size());
-    for (const Record& record : records) {
-        unsigned char* bytes = nullptr;
-        const int64_t offset = builder.addRecord(record.key, record.length, bytes);
-        record.bucket->serialize(bytes, bytes + record.length);
-        updates.emplace_back(record.key, offset);
-    }
-    for (const DigestKey& key : deletions) {
-        builder.addDeletion(key);
-    }
-    builder.finish();
-    descriptor = builder.descriptor(index_.segmentCount() + 1);
-    // Moved out, not copied: a commit of a large value holds it twice at most.
-    return builder.release();
 }
 
-// One write and one data sync for the segment, whatever its size: the sync
-// is the commit point. The mark follows unsynced, for other processes to
-// see at once; a crash that loses it loses nothing, as the next open rolls
-// forward over the segment.
-void SingleFileBucketStore::appendSegment(const std::vector<unsigned char>& segment, int64_t end) {
+// The sync is the commit point. The mark follows unsynced, for other
+// processes to see at once; a crash that loses it loses nothing, as the next
+// open rolls forward over the segment.
+void SingleFileBucketStore::appendSegment(SegmentWriter& writer, const CommitPlan& plan) {
     const int64_t start = committedLength_;
+    const int64_t end = writer.end();
     const VerifiedPrefix verified = verified_;
     try {
-        file_->writeAt(start, segment.data(), segment.size());
+        writeRecords(writer, plan);
+        writer.finish(plan.updates, plan.deletions);
         file_->sync();
         // Written here, from memory. Noted before the mark names it, so
         // that a process the mark sends to the file finds the note.
         if (verified_.length == start) {
-            verified_ = VerifiedPrefix::of(file_->identity(), end, segment.data() + segment.size());
+            verified_ = VerifiedPrefix::of(file_->identity(), end, writer.trailerEnd());
             noteVerified();
         }
     } catch (...) {
@@ -317,6 +298,27 @@ void SingleFileBucketStore::appendSegment(const std::vector<unsigned char>& segm
         verified_ = verified;
         rollBackAppend(start, true);
         throw;
+    }
+}
+
+// Each record's length is where the next begins, less its length word.
+void SingleFileBucketStore::writeRecords(SegmentWriter& writer, const CommitPlan& plan) {
+    const int64_t recordsEnd = writer.descriptor(0).indexPosition;
+    for (size_t i = 0; i < plan.buckets.size(); ++i) {
+        const int64_t next = i + 1 < plan.updates.size() ? plan.updates[i + 1].second : recordsEnd;
+        const auto length =
+            static_cast<uint32_t>(next - plan.updates[i].second - segment::kRecordLengthSize);
+        const IBucket* bucket = plan.buckets[i];
+        writer.addRecord(length, [&](RecordWriter& out) {
+            if (const auto* own = dynamic_cast<const Bucket*>(bucket)) {
+                own->writeRecord(out);
+                return;
+            }
+            std::vector<unsigned char> bytes(length);
+            unsigned char* cursor = bytes.data();
+            bucket->serialize(cursor, cursor + length);
+            out.bytes(bytes.data(), length);
+        });
     }
 }
 
@@ -347,15 +349,15 @@ void SingleFileBucketStore::rollBackAppend(int64_t start, bool markMayExist) {
 // it would be over the limit even once compacted. A commit that leaves it
 // over the limit only until the compaction that follows is made. Where
 // damage hides what is live, the file's whole length counts.
-int64_t SingleFileBucketStore::sizeOnceCompacted(
-    const SegmentDescriptor& written, const std::vector<std::pair<DigestKey, int64_t>>& updates,
-    const std::vector<DigestKey>& deletions) {
+int64_t SingleFileBucketStore::sizeOnceCompacted(const SegmentDescriptor& written,
+                                                 const CommitPlan& plan) {
     if (index_.damagedEnd() != 0) {
         return committedLength_ + written.length;
     }
     int64_t size = compactedSize();
-    std::unordered_set<DigestKey, DigestKeyHash> replaced(deletions.begin(), deletions.end());
-    for (const auto& update : updates) {
+    std::unordered_set<DigestKey, DigestKeyHash> replaced(plan.deletions.begin(),
+                                                          plan.deletions.end());
+    for (const auto& update : plan.updates) {
         replaced.insert(update.first);
     }
     for (const DigestKey& digest : replaced) {
@@ -366,7 +368,7 @@ int64_t SingleFileBucketStore::sizeOnceCompacted(
         }
     }
     return size + written.indexPosition - written.dataStart +
-           segment::kUpdateEntrySize * static_cast<int64_t>(updates.size());
+           segment::kUpdateEntrySize * static_cast<int64_t>(plan.updates.size());
 }
 
 void SingleFileBucketStore::refuseOverLimit(int64_t size, StatusChain& status) const {
@@ -489,40 +491,36 @@ void SingleFileBucketStore::collectLive(int64_t from, int64_t downTo, int64_t ve
 // Writes `live` as the one segment of a new file and swaps it in.
 void SingleFileBucketStore::writeCompacted(const std::vector<LiveRecord>& live) {
     removeIfPresent(newPath_);
-    size_t liveBytes = 0;
-    for (const LiveRecord& record : live) {
-        liveBytes += static_cast<size_t>(record.length);
-    }
-    SegmentBuilder builder(0, 0);
-    builder.reserve(live.size(), liveBytes, 0);
-    std::vector<std::pair<DigestKey, int64_t>> entries;
+    int64_t liveBytes = 0;
+    int64_t offset = segment::kHeaderSize;
+    SegmentWriter::Updates entries;
     entries.reserve(live.size());
     for (const LiveRecord& record : live) {
-        const size_t length = segment::lengthInMemory(record.length);
-        unsigned char* bytes = nullptr;
-        const int64_t offset =
-            builder.addRecord(record.digest, static_cast<uint32_t>(length), bytes);
-        readExactly(*file_, record.offset + segment::kRecordLengthSize, bytes, length);
         entries.emplace_back(record.digest, offset);
+        offset = SegmentWriter::nextOffset(offset, record.length);
+        liveBytes += record.length;
     }
-    builder.sortUpdatesByDigest();
     std::sort(entries.begin(), entries.end());
-    const std::vector<unsigned char>& image = builder.finish();
-    const int64_t end = builder.end();
 
     std::unique_ptr<File> fresh;
     StoreIndex compacted;
+    VerifiedPrefix verified;
+    int64_t end = 0;
     try {
         touchFile(fs_, newPath_, options_);
         fresh = fs_.open(newPath_,
                          FileSystem::kReadWrite | FileSystem::kCreate | FileSystem::kTruncate);
-        fresh->writeAt(0, image.data(), image.size());
+        SegmentWriter writer(*fresh, 0, 0, live.size(), liveBytes, 0);
+        copyRecords(writer, live);
+        writer.finish(entries, {});
         fresh->sync();
+        end = writer.end();
         // The new mark is written only once the new file is durable: its
         // presence tells the recovery that rolling forward is safe.
         writeFileAtomically(fs_, marks_.newMarkPath(), CommitMarks::contentFor(end), options_);
         // Built before the swap, so that nothing after it runs out of memory.
-        compacted.replaceBySingleSegment(builder.descriptor(0), entries);
+        compacted.replaceBySingleSegment(writer.descriptor(0), entries);
+        verified = VerifiedPrefix::of(File::Identity(), end, writer.trailerEnd());
         marks_.removeAllBut(generation_);
     } catch (...) {
         // On a full disk a copy left behind would fail every later commit.
@@ -534,11 +532,32 @@ void SingleFileBucketStore::writeCompacted(const std::vector<LiveRecord>& live) 
 
     index_ = std::move(compacted);
     committedLength_ = end;
-    verified_ = VerifiedPrefix::of(file_->identity(), end, image.data() + image.size());
+    verified.file = file_->identity();
+    verified_ = verified;
     noteVerified();
     generation_ = 1;
     overSize_ = overSize(end);
     viewChanged();
+}
+
+// Records are copied through a bounded buffer, whatever their size.
+void SingleFileBucketStore::copyRecords(SegmentWriter& writer,
+                                        const std::vector<LiveRecord>& live) {
+    std::vector<unsigned char> piece;
+    for (const LiveRecord& record : live) {
+        const size_t length = segment::lengthInMemory(record.length);
+        piece.resize(std::min(std::max(piece.size(), length), SegmentWriter::kPieceSize));
+        writer.addRecord(static_cast<uint32_t>(length), [&](RecordWriter& out) {
+            int64_t at = record.offset + segment::kRecordLengthSize;
+            for (size_t left = length; left != 0;) {
+                const size_t count = std::min(left, piece.size());
+                readExactly(*file_, at, piece.data(), count);
+                out.bytes(piece.data(), count);
+                at += static_cast<int64_t>(count);
+                left -= count;
+            }
+        });
+    }
 }
 
 // Before the swap's first rename the live file and its mark stand alone.

@@ -14,6 +14,7 @@
 #include "kel/osdep/SharedCounter.h"
 #include "source/CommitMarks.h"
 #include "source/IBucketStore.h"
+#include "source/SegmentWriter.h"
 #include "source/StoreIndex.h"
 
 namespace zq {
@@ -23,7 +24,7 @@ class Options;
 
 // All persistent buckets in one append-only file, "registry.bin", whose
 // committed length the newest commit mark records. A commit appends one
-// segment with one write and one data sync, then writes the next mark
+// segment, written in pieces, syncs it once, then writes the next mark
 // unsynced; an open rolls forward over whole, verified segments past the
 // mark, so a crash at any instant leaves the old state or the new one. The file is compacted into
 // a single segment on open and when it outgrows its limit.
@@ -164,12 +165,17 @@ class SingleFileBucketStore : public IBucketStore {
     void rename(const kel::WString& from, const kel::WString& to);
     void removeIfPresent(const kel::WString& path);
 
-    std::vector<unsigned char> buildSegment(const UpdatedBuckets& updated,
-                                            const DeletedNames& deleted,
-                                            std::vector<std::pair<DigestKey, int64_t>>& updates,
-                                            std::vector<DigestKey>& deletions,
-                                            SegmentDescriptor& descriptor);
-    void appendSegment(const std::vector<unsigned char>& segment, int64_t end);
+    // What a commit writes: the buckets that get a record, in the order
+    // written, their index entries and the deletions.
+    struct CommitPlan {
+        std::vector<const IBucket*> buckets;
+        SegmentWriter::Updates updates;
+        std::vector<DigestKey> deletions;
+        int64_t recordBytes = 0;
+    };
+    void planCommit(const UpdatedBuckets& updated, const DeletedNames& deleted, CommitPlan& plan);
+    void appendSegment(SegmentWriter& writer, const CommitPlan& plan);
+    void writeRecords(SegmentWriter& writer, const CommitPlan& plan);
     void rollBackAppend(int64_t start, bool markMayExist);
 
     // True when it wrote a new file and swapped it in.
@@ -184,15 +190,14 @@ class SingleFileBucketStore : public IBucketStore {
                      std::unordered_set<DigestKey, DigestKeyHash>& settled,
                      std::vector<LiveRecord>& live);
     void writeCompacted(const std::vector<LiveRecord>& live);
+    void copyRecords(SegmentWriter& writer, const std::vector<LiveRecord>& live);
     void repairLocked(Repair& repair);
     void readDropped(Repair& repair, std::vector<DigestKey>& unnamed);
     void nameFromRebuilt(Repair& repair, const std::vector<DigestKey>& unnamed);
     void discardCompactedFiles() noexcept;
     void swapInCompactedFile(std::unique_ptr<kel::osdep::File> fresh, int64_t end);
     bool overSize(int64_t committedLength) const;
-    int64_t sizeOnceCompacted(const SegmentDescriptor& written,
-                              const std::vector<std::pair<DigestKey, int64_t>>& updates,
-                              const std::vector<DigestKey>& deletions);
+    int64_t sizeOnceCompacted(const SegmentDescriptor& written, const CommitPlan& plan);
     void refuseOverLimit(int64_t size, kel::StatusChain& status) const;
     int64_t compactedSize();
 

@@ -27,6 +27,8 @@ const WString kDir(L"/reg");
 const State kFirst = {{L"/", -1}, {L"/a", 1}, {L"/b", 2}, {L"/c", 3}};
 const State kSecondChanges = {{L"/a", 11}, {L"/b", -2}, {L"/d", 4}};
 const State kChange = {{L"/a", 21}, {L"/c", -2}, {L"/e", 5}};
+// kChange's two updates padded by this much make a segment of three pieces.
+constexpr uint32_t kPiecesPadding = 1300 * 1024;
 
 State applied(State state, const State& changes) {
     for (const auto& [name, value] : changes) {
@@ -41,10 +43,10 @@ State applied(State state, const State& changes) {
 
 // A store directory whose file holds two segments, both durable; their
 // marks are not, so a reopen after a crash rolls forward over them.
-std::unique_ptr<SimulatedFileSystem> twoSegmentWorld() {
+std::unique_ptr<SimulatedFileSystem> twoSegmentWorld(uint32_t padding = 0) {
     auto fs = std::make_unique<SimulatedFileSystem>();
     fs->makeDirectory(kDir, 0777);
-    commitInTurn(kDir, {kFirst, kSecondChanges}, *fs);
+    commitInTurn(kDir, {kFirst, kSecondChanges}, *fs, padding);
     return fs;
 }
 
@@ -81,11 +83,11 @@ class StoreCrashTest : public testing::Test {
 // Runs `step` on an open store in a fresh world, stopping the world at its
 // k-th call, for every k; `check` sees the state after a crash and reopen.
 template <class Step>
-void crashAtEveryCall(const Options* options, Step&& step, const State& before,
-                      const State& after) {
+void crashAtEveryCall(const Options* options, Step&& step, const State& before, const State& after,
+                      uint32_t worldPadding = 0) {
     uint64_t total = 0;
     {
-        auto fs = twoSegmentWorld();
+        auto fs = twoSegmentWorld(worldPadding);
         SingleFileBucketStore store(kDir, options, *fs);
         StatusChain status = okStatus();
         store.open(0, status);
@@ -96,7 +98,7 @@ void crashAtEveryCall(const Options* options, Step&& step, const State& before,
         ASSERT_GT(total, 5u);
     }
     for (uint64_t k = 1; k <= total + 1; ++k) {
-        auto fs = twoSegmentWorld();
+        auto fs = twoSegmentWorld(worldPadding);
         StatusChain status = okStatus();
         {
             SingleFileBucketStore store(kDir, options, *fs);
@@ -122,6 +124,29 @@ TEST_F(StoreCrashTest, CommitStoppedAtEveryCall) {
             commitChanges(store, kChange, nullptr, status);
         },
         before_, after_);
+}
+
+// Stops after the first piece, between pieces, after the last one and at
+// the sync: the reopen sees the commit wholly or not at all.
+TEST_F(StoreCrashTest, CommitInPiecesStoppedAtEveryCall) {
+    crashAtEveryCall(
+        nullptr,
+        [](SingleFileBucketStore& store, StatusChain& status) {
+            commitChanges(store, kChange, nullptr, status, kPiecesPadding);
+        },
+        before_, after_);
+}
+
+// Records larger than a piece are copied through the bounded buffer. The
+// open compacted the world already: a commit gives it a second segment.
+TEST_F(StoreCrashTest, CompactionOfLargeRecordsStoppedAtEveryCall) {
+    crashAtEveryCall(
+        nullptr,
+        [](SingleFileBucketStore& store, StatusChain& status) {
+            commitChanges(store, kChange, nullptr, status);
+            store.compactNow(status);
+        },
+        before_, after_, kPiecesPadding);
 }
 
 TEST_F(StoreCrashTest, CommitThatCompactsStoppedAtEveryCall) {
@@ -272,7 +297,12 @@ State numbered(const std::wstring& prefix, int count) {
 // One data sync of the store's file, before the mark is renamed into place,
 // and no other sync at all: no sync of the mark, none of the directory.
 TEST_F(StoreCrashTest, ACommitSyncsItsDataOnceWhateverItsSize) {
-    for (const int count : {1, 500}) {
+    const struct {
+        int count;
+        uint32_t padding;
+        size_t writes;  // of the data file: a segment up to 1 MiB is one
+    } cases[] = {{1, 0, 1}, {500, 0, 1}, {2, kPiecesPadding, 3}};
+    for (const auto& [count, padding, writes] : cases) {
         auto fs = twoSegmentWorld();
         SingleFileBucketStore store(kDir, nullptr, *fs);
         StatusChain status = okStatus();
@@ -280,7 +310,7 @@ TEST_F(StoreCrashTest, ACommitSyncsItsDataOnceWhateverItsSize) {
         const uint64_t syncs = fs->calls(SimulatedFileSystem::kSyncCall);
         const uint64_t directorySyncs = fs->calls(SimulatedFileSystem::kSyncDirCall);
         fs->clearJournal();
-        commitChanges(store, numbered(L"/h", count), nullptr, status);
+        commitChanges(store, numbered(L"/h", count), nullptr, status, padding);
         ASSERT_EQ(status.getCode(), 0) << count;
         EXPECT_EQ(fs->calls(SimulatedFileSystem::kSyncCall) - syncs, 1u) << count;
         EXPECT_EQ(fs->calls(SimulatedFileSystem::kSyncDirCall) - directorySyncs, 0u) << count;
@@ -295,6 +325,10 @@ TEST_F(StoreCrashTest, ACommitSyncsItsDataOnceWhateverItsSize) {
             std::find_if(journal.begin(), journal.end(), [](const std::string& line) {
                 return line.rfind("rename", 0) == 0 && line.find("commitmark.") != line.npos;
             });
+        const auto dataWrites = std::count_if(
+            journal.begin(), journal.end(),
+            [](const std::string& line) { return line.rfind("write " + kLive, 0) == 0; });
+        EXPECT_EQ(static_cast<size_t>(dataWrites), writes) << count;
         ASSERT_NE(dataSync, journal.end()) << count;
         ASSERT_NE(markRename, journal.end()) << count;
         EXPECT_LT(dataSync, markRename) << count;
@@ -396,20 +430,29 @@ TEST_F(StoreCrashTest, TheOpenRollsForwardOnlyOverWholeVerifiedSegments) {
     }
 }
 
-// A commit whose sync or mark fails has changed nothing: the file is back at
-// its old bytes, durably, the status says so, and the next commit lands.
-TEST_F(StoreCrashTest, AFailedSyncOrMarkLeavesTheFileAsItWas) {
+// A commit whose write, sync or mark fails has changed nothing: the file is
+// back at its old bytes, durably, the status says so, and the next commit
+// lands. A padded commit goes out in three pieces, then the mark is written.
+TEST_F(StoreCrashTest, AFailedWriteSyncOrMarkLeavesTheFileAsItWas) {
     const struct {
         const char* what;
         SimulatedFileSystem::Op op;
         uint64_t nth;
         int error;
+        size_t torn;
+        uint32_t padding;
     } cases[] = {
-        {"data sync, EIO", SimulatedFileSystem::kSyncCall, 1, EIO},
-        {"data sync, ENOSPC", SimulatedFileSystem::kSyncCall, 1, ENOSPC},
-        {"mark created", SimulatedFileSystem::kOpenCall, 1, ENOSPC},
-        {"mark written", SimulatedFileSystem::kWriteCall, 2, ENOSPC},
-        {"mark renamed", SimulatedFileSystem::kRenameCall, 1, EIO},
+        {"segment written, torn", SimulatedFileSystem::kWriteCall, 1, ENOSPC, 100, 0},
+        {"data sync, EIO", SimulatedFileSystem::kSyncCall, 1, EIO, 0, 0},
+        {"data sync, ENOSPC", SimulatedFileSystem::kSyncCall, 1, ENOSPC, 0, 0},
+        {"mark created", SimulatedFileSystem::kOpenCall, 1, ENOSPC, 0, 0},
+        {"mark written", SimulatedFileSystem::kWriteCall, 2, ENOSPC, 0, 0},
+        {"mark renamed", SimulatedFileSystem::kRenameCall, 1, EIO, 0, 0},
+        {"first piece", SimulatedFileSystem::kWriteCall, 1, EIO, 0, kPiecesPadding},
+        {"middle piece, torn", SimulatedFileSystem::kWriteCall, 2, ENOSPC, 4096, kPiecesPadding},
+        {"last piece", SimulatedFileSystem::kWriteCall, 3, ENOSPC, 0, kPiecesPadding},
+        {"sync after the pieces", SimulatedFileSystem::kSyncCall, 1, EIO, 0, kPiecesPadding},
+        {"mark after the pieces", SimulatedFileSystem::kWriteCall, 4, ENOSPC, 0, kPiecesPadding},
     };
     for (const auto& c : cases) {
         for (const bool crash : {true, false}) {
@@ -419,8 +462,8 @@ TEST_F(StoreCrashTest, AFailedSyncOrMarkLeavesTheFileAsItWas) {
             store.open(0, status);
             const std::string old = fs->contents(kLive);
             const int64_t oldMark = newestMarkLength(*fs);
-            fs->failCall(c.op, c.nth, c.error);
-            commitChanges(store, kChange, nullptr, status);
+            fs->failCall(c.op, c.nth, c.error, c.torn);
+            commitChanges(store, kChange, nullptr, status, c.padding);
             EXPECT_EQ(status.getCode(), orvane::status::kFileSystem) << c.what;
             EXPECT_EQ(fs->contents(kLive), old) << c.what;
             EXPECT_EQ(newestMarkLength(*fs), oldMark) << c.what;

@@ -42,16 +42,24 @@ inline AutoRef<IBucket> makeBucket(const std::wstring& name, int32_t value = -1)
 using State = std::map<std::wstring, int32_t>;
 
 // Commits `changes` (value -2 deletes the name) and applies them to `state`.
+// Each updated bucket also holds a blob "pad" of `padding` bytes, e.g. to
+// make the commit's segment larger than one piece of the writer.
 inline void commitChanges(IBucketStore& store, const State& changes, State* state,
-                          StatusChain& status) {
+                          StatusChain& status, uint32_t padding = 0) {
     IBucketStore::UpdatedBuckets updated;
     IBucketStore::DeletedNames deleted;
+    const std::vector<unsigned char> pad(padding, 0x5a);
     for (const auto& [name, value] : changes) {
         if (value == -2) {
             deleted.insert(WString(name.c_str()));
-        } else {
-            updated[WString(name.c_str())] = makeBucket(name, value);
+            continue;
         }
+        AutoRef<IBucket> bucket = makeBucket(name, value);
+        if (padding != 0) {
+            StatusChain padded = okStatus();
+            bucket->setBlobValue(WString(L"pad"), pad.data(), padding, padded, true);
+        }
+        updated[WString(name.c_str())] = bucket;
     }
     store.commit(updated, deleted, status);
     if (state != nullptr && status.isNotFatal()) {
@@ -86,12 +94,12 @@ inline State readState(IBucketStore& store, const std::set<std::wstring>& names)
 // Opens a store on `dir` and commits each of `commits` in turn; the store is
 // closed again on return. Fails the test on any error.
 inline void commitInTurn(const WString& dir, std::initializer_list<State> commits,
-                         kel::osdep::FileSystem& fs) {
+                         kel::osdep::FileSystem& fs, uint32_t padding = 0) {
     orvane::SingleFileBucketStore store(dir, nullptr, fs);
     StatusChain status = okStatus();
     store.open(0, status);
     for (const State& changes : commits) {
-        commitChanges(store, changes, nullptr, status);
+        commitChanges(store, changes, nullptr, status, padding);
     }
     EXPECT_EQ(status.getCode(), 0);
 }

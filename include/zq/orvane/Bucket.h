@@ -15,6 +15,7 @@ namespace orvane {
 
 class BucketContents;
 class BucketNames;
+class RecordWriter;
 
 // The one implementation of IBucket. A client reaches it only to weigh a
 // bucket: static_cast<Bucket*>(bucket.get())->getMemUsage().
@@ -40,6 +41,8 @@ class ZQ_EXPORT Bucket
     uint32_t serializationSize() const override;
     void serialize(unsigned char*& cursor, const unsigned char* end) const override;
     void deserialize(const unsigned char*& cursor, const unsigned char* end) override;
+    // serialize, for a store that writes the record out in pieces.
+    void writeRecord(RecordWriter& writer) const;
     // deserialize, for the store's record found by `name`, whose digest is
     // `digest`: a record that spells the name the same way is not hashed
     // again, and lack of memory throws std::bad_alloc, not damage.
@@ -143,6 +146,7 @@ class ZQ_EXPORT Bucket
     void mergeWalk(IBucket& other, Take& take, kel::StatusChain& status);
     bool sameNameAs(const IBucket& other) const;    // case-insensitively
     uint32_t recordSize() const;                    // mutex_ held
+    void writeFields(RecordWriter& writer) const;   // mutex_ held
     uint32_t memUsageLocked() const;                // mutex_ held
     bool sameContentAs(const Bucket& other) const;  // isEqualTo; lack of memory throws
     // Lets std::bad_alloc through.
