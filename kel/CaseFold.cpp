@@ -40,18 +40,11 @@ wchar_t mapThrough(const CaseRun* runs, size_t count, wchar_t ch) {
 
 }  // namespace
 
-wchar_t foldLower(wchar_t ch) {
-    // Nearly every name is ASCII.
-    if (static_cast<uint32_t>(ch) < 0x80) {
-        return ch >= L'A' && ch <= L'Z' ? static_cast<wchar_t>(ch + (L'a' - L'A')) : ch;
-    }
+wchar_t foldLowerTable(wchar_t ch) {
     return mapThrough(casetable::kLower, casetable::kLowerCount, ch);
 }
 
-wchar_t foldUpper(wchar_t ch) {
-    if (static_cast<uint32_t>(ch) < 0x80) {
-        return ch >= L'a' && ch <= L'z' ? static_cast<wchar_t>(ch - (L'a' - L'A')) : ch;
-    }
+wchar_t foldUpperTable(wchar_t ch) {
     return mapThrough(casetable::kUpper, casetable::kUpperCount, ch);
 }
 

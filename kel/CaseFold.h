@@ -13,8 +13,23 @@ namespace kel {
 // process in the "C" locale and one in a UTF-8 locale fold every name alike.
 // A value without a mapping, including anything past U+10FFFF, is returned
 // unchanged. Safe from any thread.
-wchar_t foldLower(wchar_t ch);
-wchar_t foldUpper(wchar_t ch);
+wchar_t foldLowerTable(wchar_t ch);
+wchar_t foldUpperTable(wchar_t ch);
+
+// Nearly every name is ASCII: that case stays inline, without a call.
+inline wchar_t foldLower(wchar_t ch) {
+    if (static_cast<uint32_t>(ch) < 0x80) {
+        return ch >= L'A' && ch <= L'Z' ? static_cast<wchar_t>(ch + (L'a' - L'A')) : ch;
+    }
+    return foldLowerTable(ch);
+}
+
+inline wchar_t foldUpper(wchar_t ch) {
+    if (static_cast<uint32_t>(ch) < 0x80) {
+        return ch >= L'a' && ch <= L'z' ? static_cast<wchar_t>(ch - (L'a' - L'A')) : ch;
+    }
+    return foldUpperTable(ch);
+}
 
 namespace casetable {
 

@@ -251,6 +251,8 @@ void CommitMarks::removeAllBut(int64_t keep) {
 void CommitMarks::forgetSpare() {
     writtenGeneration_ = 0;
     spareKnown_ = false;
+    writtenFile_.reset();
+    spareFile_.reset();
 }
 
 void CommitMarks::removeListedBut(const std::vector<std::pair<int64_t, WString>>& marks,
@@ -262,15 +264,25 @@ void CommitMarks::removeListedBut(const std::vector<std::pair<int64_t, WString>>
     }
 }
 
+// The name must still lead to the file this object parked there: a stat
+// tells when the file is open already.
 std::unique_ptr<kel::osdep::File> CommitMarks::takeSpare() {
     if (!spareKnown_) {
         return nullptr;
     }
     spareKnown_ = false;
-    std::unique_ptr<kel::osdep::File> file;
+    std::unique_ptr<kel::osdep::File> file = std::move(spareFile_);
     try {
+        if (file) {
+            const FileSystem::Status now = fs_.stat(spareMarkPath());
+            if (now.exists && now.device == spare_.device && now.inode == spare_.inode) {
+                return file;
+            }
+            return nullptr;
+        }
         file = fs_.open(spareMarkPath(), FileSystem::kReadWrite);
         if (file->identity() == spare_) {
+            spareBytes_ = static_cast<size_t>(file->size());
             return file;
         }
     } catch (const kel::osdep::PosixError&) {
@@ -279,34 +291,39 @@ std::unique_ptr<kel::osdep::File> CommitMarks::takeSpare() {
     return nullptr;
 }
 
+void CommitMarks::rewriteSpare(kel::osdep::File& spare, const WString& path,
+                               const std::string& bytes) {
+    try {
+        spare.writeAt(0, bytes.data(), bytes.size());
+        if (spareBytes_ > bytes.size()) {
+            spare.truncate(static_cast<int64_t>(bytes.size()));
+        }
+        fs_.rename(spareMarkPath(), path);
+    } catch (...) {
+        try {
+            fs_.removeFile(spareMarkPath(), FileSystem::kRemoveIfPresent);
+        } catch (...) {
+            // The first failure is the one to report.
+        }
+        throw;
+    }
+}
+
 void CommitMarks::write(int64_t generation, int64_t committedLength, Durability durability) {
     const bool follows =
         durability == kVisible && generation > 1 && writtenGeneration_ == generation - 1;
     const kel::osdep::File::Identity previous = written_;
     const kel::osdep::File::Identity spareIdentity = spare_;
     std::unique_ptr<kel::osdep::File> spare = follows ? takeSpare() : nullptr;
+    std::unique_ptr<kel::osdep::File> previousFile = follows ? std::move(writtenFile_) : nullptr;
+    const size_t previousBytes = writtenBytes_;
     // Until this write is done a failure may leave any file under any name.
     forgetSpare();
     const WString path = pathOf(generation);
     const std::string bytes = contentFor(committedLength);
     kel::osdep::File::Identity written;
     if (spare) {
-        try {
-            spare->writeAt(0, bytes.data(), bytes.size());
-            if (spare->size() > static_cast<int64_t>(bytes.size())) {
-                spare->truncate(static_cast<int64_t>(bytes.size()));
-            }
-            spare->close();
-            fs_.rename(spareMarkPath(), path);
-        } catch (...) {
-            spare.reset();
-            try {
-                fs_.removeFile(spareMarkPath(), FileSystem::kRemoveIfPresent);
-            } catch (...) {
-                // The first failure is the one to report.
-            }
-            throw;
-        }
+        rewriteSpare(*spare, path, bytes);
         written = spareIdentity;
     } else {
         AtomicFileWriter writer(fs_, path, bytes, options_, spareMarkPath());
@@ -333,8 +350,14 @@ void CommitMarks::write(int64_t generation, int64_t committedLength, Durability 
     }
     writtenGeneration_ = generation;
     written_ = written;
+    writtenFile_ = std::move(spare);
+    writtenBytes_ = bytes.size();
     spareKnown_ = parked;
     spare_ = previous;
+    if (parked) {
+        spareFile_ = std::move(previousFile);
+        spareBytes_ = previousBytes;
+    }
 }
 
 }  // namespace orvane

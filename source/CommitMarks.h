@@ -99,6 +99,8 @@ class CommitMarks {
     int64_t readLengthUnlocked(const kel::WString& path);
     // The spare this object moved aside, open, or null when there is none.
     std::unique_ptr<kel::osdep::File> takeSpare();
+    // Writes the next mark into the spare and gives it the mark's name.
+    void rewriteSpare(kel::osdep::File& spare, const kel::WString& path, const std::string& bytes);
 
     kel::osdep::FileSystem& fs_;
     kel::WString directory_;
@@ -109,6 +111,14 @@ class CommitMarks {
     kel::osdep::File::Identity written_;
     bool spareKnown_ = false;
     kel::osdep::File::Identity spare_;
+    // Both kept open while they take turns, so that a commit's mark costs a
+    // write and two renames, not an open and a close besides. Null: opened
+    // by name when needed. `spareBytes_` is the length of what the spare
+    // holds, so that it is cut only when the next mark is shorter.
+    std::unique_ptr<kel::osdep::File> writtenFile_;
+    std::unique_ptr<kel::osdep::File> spareFile_;
+    size_t writtenBytes_ = 0;
+    size_t spareBytes_ = 0;
 };
 
 // Base-10 signed 64-bit text, whole; UnableToConvert otherwise.

@@ -24,13 +24,23 @@ FoldedKey::FoldedKey(const WString& fullName) : text_(inline_), length_(fullName
 FoldedKey::FoldedKey(const WString& folded, uint64_t hash)
     : text_(folded.c_str()), length_(folded.length()), hash_(hash) {}
 
-// FNV-1a over the code units.
+// Two code units per multiply, then a final mix: the hash only lives in
+// memory, so it may change, and a lookup of a typical name spent a quarter
+// of its time in a multiply per character.
 uint64_t FoldedKey::hashOf(const wchar_t* text, size_t length) {
-    uint64_t hash = 14695981039346656037ull;
-    for (size_t i = 0; i < length; ++i) {
-        hash = (hash ^ static_cast<uint32_t>(text[i])) * 1099511628211ull;
+    constexpr uint64_t kMultiplier = 0x9E3779B97F4A7C15ull;
+    uint64_t hash = 0xCBF29CE484222325ull ^ length;
+    size_t i = 0;
+    for (; i + 2 <= length; i += 2) {
+        const uint64_t pair = static_cast<uint64_t>(static_cast<uint32_t>(text[i])) << 32 |
+                              static_cast<uint32_t>(text[i + 1]);
+        hash = (hash ^ pair) * kMultiplier;
+        hash ^= hash >> 29;
     }
-    return hash;
+    if (i < length) {
+        hash = (hash ^ static_cast<uint32_t>(text[i])) * kMultiplier;
+    }
+    return hash ^ (hash >> 32);
 }
 
 bool KeyOrder::operator()(const WString& a, const FoldedKey& b) const {

@@ -225,6 +225,29 @@ TEST(StoreRefreshTest, ConsecutiveCommitsReuseTheMarkBeforeLast) {
     EXPECT_EQ(marks.peekNewest().committedLength, writer.facts().committedLength);
 }
 
+// The writer keeps the mark and the spare open between commits; a spare that
+// another file replaced under its name is never written through the old one.
+TEST(StoreRefreshTest, ASpareReplacedUnderItsNameIsNotWrittenThroughTheOldFile) {
+    World w;
+    SimulatedFileSystem& fs = w.fs;
+    SingleFileBucketStore& writer = w.writer;
+    for (int i = 1; i <= 4; ++i) {
+        commitX(writer, i);
+    }
+    orvane::CommitMarks marks(fs, kDir, nullptr);
+    const std::string stranger = "123456789012";
+    fs.removeFile(marks.spareMarkPath(), FileSystem::kRemoveMustExist);
+    fs.open(marks.spareMarkPath(), FileSystem::kReadWrite | FileSystem::kCreate)
+        ->writeAt(0, stranger.data(), stranger.size());
+    for (int i = 5; i <= 7; ++i) {
+        commitX(writer, i);
+        ASSERT_EQ(w.status.getCode(), 0);
+        const orvane::CommitMarks::Mark newest = marks.peekNewest();
+        EXPECT_EQ(newest.generation, writer.facts().generation);
+        EXPECT_EQ(newest.committedLength, writer.facts().committedLength) << "commit " << i;
+    }
+}
+
 // A writer that finds the data file renamed away by a compaction that died
 // half way finishes that compaction before it writes, and its commit lands
 // in the file named "registry.bin".
