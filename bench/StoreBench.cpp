@@ -6,9 +6,12 @@
 #include <fcntl.h>
 #include <ftw.h>
 #include <stdlib.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -170,5 +173,93 @@ void BM_ReadByDigest(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_ReadByDigest)->Unit(benchmark::kMicrosecond);
+
+// Seconds that `body` reports, run in a fresh child: nothing of the store
+// is in its memory or its page tables yet.
+double timedInChild(const std::function<double()>& body) {
+    int pipe[2];
+    if (::pipe(pipe) != 0) throw std::runtime_error("pipe");
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        const double seconds = body();
+        ::_exit(::write(pipe[1], &seconds, sizeof seconds) == sizeof seconds ? 0 : 1);
+    }
+    ::close(pipe[1]);
+    double seconds = -1;
+    if (::read(pipe[0], &seconds, sizeof seconds) != sizeof seconds) seconds = -1;
+    ::close(pipe[0]);
+    ::waitpid(pid, nullptr, 0);
+    return seconds;
+}
+
+double since(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// A fresh process opens 10,000 settings and reads one; with 0 as the second
+// argument the file is read, not mapped. No notes are shared, so the open
+// checks the checksum of every byte, as the first after a restart does:
+// what it reads in bulk goes through the map.
+void BM_OpenTenThousandAndReadOne(benchmark::State& state) {
+    BenchDir dir;
+    fillStore(dir, static_cast<int>(state.range(0)));
+    state.SetLabel(state.range(1) != 0 ? "mapped" : "read");
+    unsigned seed = 1;
+    for (auto _ : state) {
+        const int index = static_cast<int>(::rand_r(&seed) % state.range(0));
+        const double seconds = timedInChild([&] {
+            const auto start = std::chrono::steady_clock::now();
+            SingleFileBucketStore store(dir.wide(), nullptr, zq::kel::osdep::FileSystem::posix());
+            store.limitMapping(state.range(1) != 0 ? zq::kel::osdep::MappedFile::kDefaultLimit : 0);
+            StatusChain status = ok();
+            store.open(0, status);
+            AutoRef<IBucket> bucket = store.readBucket(WString(settingName(index).c_str()), status);
+            return bucket ? since(start) : -1;
+        });
+        if (seconds < 0) state.SkipWithError("open or read failed");
+        state.SetIterationTime(seconds);
+    }
+}
+BENCHMARK(BM_OpenTenThousandAndReadOne)
+    ->Args({10000, 1})
+    ->Args({10000, 0})
+    ->UseManualTime()
+    ->Iterations(20)
+    ->Unit(benchmark::kMicrosecond);
+
+// The first reads of a fresh process: 100 random settings of 10,000, each
+// reading its record for the first time; the time is per read.
+void BM_ColdRead(benchmark::State& state) {
+    BenchDir dir;
+    fillStore(dir, 10000);
+    state.SetLabel(state.range(0) != 0 ? "mapped" : "read");
+    unsigned seed = 1;
+    for (auto _ : state) {
+        unsigned local = seed++;
+        const double seconds = timedInChild([&] {
+            SingleFileBucketStore store(dir.wide(), nullptr, zq::kel::osdep::FileSystem::posix());
+            store.limitMapping(state.range(0) != 0 ? zq::kel::osdep::MappedFile::kDefaultLimit : 0);
+            StatusChain status = ok();
+            store.open(0, status);
+            double total = 0;
+            for (int i = 0; i < 100; ++i) {
+                const WString name(settingName(static_cast<int>(::rand_r(&local) % 10000)).c_str());
+                const auto start = std::chrono::steady_clock::now();
+                AutoRef<IBucket> bucket = store.readBucket(name, status);
+                total += since(start);
+                if (!bucket) return -1.0;
+            }
+            return total / 100;
+        });
+        if (seconds < 0) state.SkipWithError("read failed");
+        state.SetIterationTime(seconds);
+    }
+}
+BENCHMARK(BM_ColdRead)
+    ->Arg(1)
+    ->Arg(0)
+    ->UseManualTime()
+    ->Iterations(20)
+    ->Unit(benchmark::kMicrosecond);
 
 }  // namespace

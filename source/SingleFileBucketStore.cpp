@@ -63,6 +63,10 @@ void SingleFileBucketStore::loadIndex() {
     noteVerified();
 }
 
+std::unique_ptr<File> SingleFileBucketStore::mapped(std::unique_ptr<File> file) const {
+    return std::unique_ptr<File>(new kel::osdep::MappedFile(std::move(file), mapLimit_));
+}
+
 void SingleFileBucketStore::rename(const WString& from, const WString& to) {
     fs_.rename(from, to);
     fs_.syncDirectory(directory_);
@@ -508,8 +512,9 @@ void SingleFileBucketStore::writeCompacted(const std::vector<LiveRecord>& live) 
     int64_t end = 0;
     try {
         touchFile(fs_, newPath_, options_);
-        fresh = fs_.open(newPath_,
-                         FileSystem::kReadWrite | FileSystem::kCreate | FileSystem::kTruncate);
+        // Mapped here: nothing after the swap may run out of memory.
+        fresh = mapped(fs_.open(
+            newPath_, FileSystem::kReadWrite | FileSystem::kCreate | FileSystem::kTruncate));
         SegmentWriter writer(*fresh, 0, 0, live.size(), liveBytes, 0);
         copyRecords(writer, live);
         writer.finish(entries, {});

@@ -10,6 +10,7 @@
 
 #include "kel/osdep/File.h"
 #include "kel/osdep/FileSystem.h"
+#include "kel/osdep/MappedFile.h"
 #include "kel/osdep/RecursiveMutex.h"
 #include "kel/osdep/SharedCounter.h"
 #include "source/CommitMarks.h"
@@ -66,6 +67,10 @@ class SingleFileBucketStore : public IBucketStore {
     // noted for other processes, and looked up; null (the default): none.
     // Notes are written only by a store whose caller holds the process lock.
     void shareNotes(kel::osdep::SharedCounter* notes) { notes_ = notes; }
+
+    // How much of "registry.bin" reads may take from a map of it; past that
+    // they read the file. 0: no map.
+    void limitMapping(int64_t bytes) { mapLimit_ = bytes; }
 
     // For the offline tools: compacts now, whatever the size.
     void compactNow(kel::StatusChain& status);
@@ -163,6 +168,8 @@ class SingleFileBucketStore : public IBucketStore {
     // The file's new size.
     void loadIndex();
     void rename(const kel::WString& from, const kel::WString& to);
+    // `file`, read through a map where it can be.
+    std::unique_ptr<kel::osdep::File> mapped(std::unique_ptr<kel::osdep::File> file) const;
     void removeIfPresent(const kel::WString& path);
 
     // What a commit writes: the buckets that get a record, in the order
@@ -250,6 +257,7 @@ class SingleFileBucketStore : public IBucketStore {
     // The segments of file_ whose bytes may be served without a new check.
     VerifiedPrefix verified_;
     kel::osdep::SharedCounter* notes_ = nullptr;
+    int64_t mapLimit_ = kel::osdep::MappedFile::kDefaultLimit;
     std::atomic<uint64_t> view_{0};
 };
 

@@ -3,6 +3,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+
+#include "kel/osdep/MappedRegion.h"
 
 namespace zq {
 namespace kel {
@@ -48,6 +51,11 @@ class File {
     virtual void changeMode(uint32_t permissions) = 0;
     // Later calls after the first do nothing.
     virtual void close() = 0;
+    // A read-only view of [offset, offset + length), which may reach past
+    // the end of the file; `offset` is a multiple of the page size. Null
+    // when this file is not mapped (the default) or the system refuses (no
+    // address space left): read it instead.
+    virtual std::unique_ptr<MappedRegion> map(int64_t offset, size_t length);
 
     // Reads exactly `count` bytes; meeting the end of the file throws FileReadFailed.
     void readFully(int64_t offset, void* buffer, size_t count);

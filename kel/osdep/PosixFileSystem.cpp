@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,6 +10,7 @@
 #include <cerrno>
 #include <limits>
 #include <memory>
+#include <new>
 #include <string>
 
 #include "kel/Utf8.h"
@@ -64,6 +66,13 @@ off_t toOffset(int64_t offset, int line) {
     }
     return static_cast<off_t>(offset);
 }
+
+class PosixRegion : public MappedRegion {
+  public:
+    PosixRegion(void* address, int64_t offset, size_t length)
+        : MappedRegion(static_cast<const unsigned char*>(address), offset, length) {}
+    ~PosixRegion() override { ::munmap(const_cast<unsigned char*>(bytes()), length()); }
+};
 
 class PosixFile : public File {
   public:
@@ -152,6 +161,25 @@ class PosixFile : public File {
         if (retryInterrupted([&] { return ::fchmod(descriptor(), permissions); }) != 0) {
             fail("fchmod", __LINE__);
         }
+    }
+
+    // Null where mmap refuses: a file opened for writing only, no address
+    // space left.
+    std::unique_ptr<MappedRegion> map(int64_t offset, size_t length) override {
+        if (length == 0) {
+            return nullptr;
+        }
+        void* address = ::mmap(nullptr, length, PROT_READ, MAP_SHARED, descriptor(),
+                               toOffset(offset, __LINE__));
+        if (address == MAP_FAILED) {
+            return nullptr;
+        }
+        // Out of memory for the region is one more way to be refused.
+        MappedRegion* region = new (std::nothrow) PosixRegion(address, offset, length);
+        if (region == nullptr) {
+            ::munmap(address, length);
+        }
+        return std::unique_ptr<MappedRegion>(region);
     }
 
     void close() override {
