@@ -208,80 +208,61 @@ class OrvaneStore : public Store {
     }
 
     void commit(const std::vector<int>& indexes, int32_t speed) override {
-        StatusChain s = fresh();
-        Guid id;
-        manager_->beginTransaction(id, s);
-        manager_->beginUpdate(id, s);
-        for (int index : indexes) {
-            const WString name(wide(settingName(index)).c_str());
-            AutoRef<IBucket> bucket = manager_->getBucket(name, s);
-            if (bucket) {
-                bucket->setInt32Value(WString(L"speed"), speed, s, true);
-            } else {
-                bucket = newSetting(name, makeSetting(index, speed), s);
+        transact("commit", [&](const Guid& id, StatusChain& s) {
+            for (int index : indexes) {
+                const WString name(wide(settingName(index)).c_str());
+                AutoRef<IBucket> bucket = manager_->getBucket(name, s);
+                if (bucket) {
+                    bucket->setInt32Value(WString(L"speed"), speed, s, true);
+                } else {
+                    bucket = newSetting(name, makeSetting(index, speed), s);
+                }
+                manager_->putBucket(bucket, true, id, s);
             }
-            manager_->putBucket(bucket, true, id, s);
-        }
-        manager_->commit(id, s);
-        manager_->endTransaction(id, s);
-        check(s, "commit");
+        });
     }
 
     // Parents first: a bucket is put only under an existing parent.
     void fill(int count) override {
-        StatusChain s = fresh();
-        Guid id;
-        manager_->beginTransaction(id, s);
-        manager_->beginUpdate(id, s);
-        manager_->putBucket(manager_->createBucket(WString(L"/settings"), false, s), true, id, s);
-        for (int group = 0; group * 100 < count; ++group) {
-            const std::wstring name = L"/settings/g" + std::to_wstring(group);
-            manager_->putBucket(manager_->createBucket(WString(name.c_str()), false, s), true, id,
+        transact("fill", [&](const Guid& id, StatusChain& s) {
+            manager_->putBucket(manager_->createBucket(WString(L"/settings"), false, s), true, id,
                                 s);
-        }
-        for (int index = 0; index < count; ++index) {
-            const WString name(wide(settingName(index)).c_str());
-            manager_->putBucket(newSetting(name, makeSetting(index, 0), s), true, id, s);
-        }
-        manager_->commit(id, s);
-        manager_->endTransaction(id, s);
-        check(s, "fill");
+            for (int group = 0; group * 100 < count; ++group) {
+                const std::wstring name = L"/settings/g" + std::to_wstring(group);
+                manager_->putBucket(manager_->createBucket(WString(name.c_str()), false, s), true,
+                                    id, s);
+            }
+            for (int index = 0; index < count; ++index) {
+                const WString name(wide(settingName(index)).c_str());
+                manager_->putBucket(newSetting(name, makeSetting(index, 0), s), true, id, s);
+            }
+        });
     }
 
     void commitBlob(const std::vector<unsigned char>& blob) override {
-        StatusChain s = fresh();
-        Guid id;
-        manager_->beginTransaction(id, s);
-        manager_->beginUpdate(id, s);
-        AutoRef<IBucket> bucket = manager_->createBucket(WString(L"/blob"), false, s);
-        bucket->setBlobValue(WString(L"data"), blob.data(), static_cast<uint32_t>(blob.size()), s,
-                             true);
-        manager_->putBucket(bucket, true, id, s);
-        manager_->commit(id, s);
-        manager_->endTransaction(id, s);
-        check(s, "blob commit");
+        transact("blob commit", [&](const Guid& id, StatusChain& s) {
+            AutoRef<IBucket> bucket = manager_->createBucket(WString(L"/blob"), false, s);
+            bucket->setBlobValue(WString(L"data"), blob.data(), static_cast<uint32_t>(blob.size()),
+                                 s, true);
+            manager_->putBucket(bucket, true, id, s);
+        });
     }
 
     void commitMany(int count) override {
-        StatusChain s = fresh();
-        Guid id;
-        manager_->beginTransaction(id, s);
-        manager_->beginUpdate(id, s);
-        manager_->putBucket(manager_->createBucket(WString(L"/many"), false, s), true, id, s);
-        for (int index = 0; index < count; ++index) {
-            if (index % 1000 == 0) {
-                const std::wstring group = L"/many/g" + std::to_wstring(index / 1000);
-                manager_->putBucket(manager_->createBucket(WString(group.c_str()), false, s), true,
-                                    id, s);
+        transact("commit of many", [&](const Guid& id, StatusChain& s) {
+            manager_->putBucket(manager_->createBucket(WString(L"/many"), false, s), true, id, s);
+            for (int index = 0; index < count; ++index) {
+                if (index % 1000 == 0) {
+                    const std::wstring group = L"/many/g" + std::to_wstring(index / 1000);
+                    manager_->putBucket(manager_->createBucket(WString(group.c_str()), false, s),
+                                        true, id, s);
+                }
+                const WString name(wide(smallName(index)).c_str());
+                AutoRef<IBucket> bucket = manager_->createBucket(name, false, s);
+                bucket->setInt32Value(WString(L"value"), index, s, true);
+                manager_->putBucket(bucket, true, id, s);
             }
-            const WString name(wide(smallName(index)).c_str());
-            AutoRef<IBucket> bucket = manager_->createBucket(name, false, s);
-            bucket->setInt32Value(WString(L"value"), index, s, true);
-            manager_->putBucket(bucket, true, id, s);
-        }
-        manager_->commit(id, s);
-        manager_->endTransaction(id, s);
-        check(s, "commit of many");
+        });
     }
 
     int32_t read(int index) override {
@@ -294,6 +275,19 @@ class OrvaneStore : public Store {
     }
 
   private:
+    // One transaction around `body`; a failure anywhere in it fails the run.
+    template <class Body>
+    void transact(const char* what, Body body) {
+        StatusChain s = fresh();
+        Guid id;
+        manager_->beginTransaction(id, s);
+        manager_->beginUpdate(id, s);
+        body(id, s);
+        manager_->commit(id, s);
+        manager_->endTransaction(id, s);
+        check(s, what);
+    }
+
     AutoRef<IBucket> newSetting(const WString& name, const Setting& v, StatusChain& s) {
         AutoRef<IBucket> b = manager_->createBucket(name, false, s);
         b->setInt32Value(WString(L"speed"), v.speed, s, true);
