@@ -63,8 +63,8 @@ void SingleFileBucketStore::loadIndex() {
     noteVerified();
 }
 
-std::unique_ptr<File> SingleFileBucketStore::mapped(std::unique_ptr<File> file) const {
-    return std::unique_ptr<File>(new kel::osdep::MappedFile(std::move(file), mapLimit_));
+std::unique_ptr<File> SingleFileBucketStore::openData(const WString& path, uint32_t flags) const {
+    return std::unique_ptr<File>(new kel::osdep::MappedFile(fs_.open(path, flags), mapLimit_));
 }
 
 void SingleFileBucketStore::rename(const WString& from, const WString& to) {
@@ -513,8 +513,8 @@ void SingleFileBucketStore::writeCompacted(const std::vector<LiveRecord>& live) 
     try {
         touchFile(fs_, newPath_, options_);
         // Mapped here: nothing after the swap may run out of memory.
-        fresh = mapped(fs_.open(
-            newPath_, FileSystem::kReadWrite | FileSystem::kCreate | FileSystem::kTruncate));
+        fresh = openData(newPath_,
+                         FileSystem::kReadWrite | FileSystem::kCreate | FileSystem::kTruncate);
         SegmentWriter writer(*fresh, 0, 0, live.size(), liveBytes, 0);
         copyRecords(writer, live);
         writer.finish(entries, {});

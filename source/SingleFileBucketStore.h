@@ -168,8 +168,9 @@ class SingleFileBucketStore : public IBucketStore {
     // The file's new size.
     void loadIndex();
     void rename(const kel::WString& from, const kel::WString& to);
-    // `file`, read through a map where it can be.
-    std::unique_ptr<kel::osdep::File> mapped(std::unique_ptr<kel::osdep::File> file) const;
+    // Every data file the store holds is opened here, so that its reads come
+    // from a map where they can, and the map goes with the file.
+    std::unique_ptr<kel::osdep::File> openData(const kel::WString& path, uint32_t flags) const;
     void removeIfPresent(const kel::WString& path);
 
     // What a commit writes: the buckets that get a record, in the order

@@ -201,11 +201,11 @@ void SingleFileBucketStore::openDataFile() {
         repairedOnOpen_ = true;
         committedLength_ = 0;
         touchFile(fs_, livePath_, options_);
-        file_ = mapped(fs_.open(
-            livePath_, FileSystem::kReadWrite | FileSystem::kCreate | FileSystem::kTruncate));
+        file_ = openData(livePath_,
+                         FileSystem::kReadWrite | FileSystem::kCreate | FileSystem::kTruncate);
         fs_.syncDirectory(directory_);
     } else {
-        file_ = mapped(fs_.open(livePath_, FileSystem::kReadWrite));
+        file_ = openData(livePath_, FileSystem::kReadWrite);
     }
     fileWritable_ = true;
     sizeOnOpen_ = file_->size();

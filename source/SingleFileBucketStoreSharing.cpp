@@ -147,7 +147,7 @@ SingleFileBucketStore::Refresh SingleFileBucketStore::tryRefresh(const FileSyste
     File::Identity identity{before.device, before.inode};
     if (identity != fileIdentity_) {
         // Readers never write: a process that may only read gets its file.
-        reopened = mapped(fs_.open(livePath_, FileSystem::kRead));
+        reopened = openData(livePath_, FileSystem::kRead);
         identity = reopened->identity();
     }
     CommitMarks::Mark mark = markHint > 0 ? marks_.peek(markHint) : CommitMarks::Mark();
@@ -250,7 +250,7 @@ bool SingleFileBucketStore::openLiveForReading() {
     if (!before.exists) {
         return false;
     }
-    std::unique_ptr<File> file = mapped(fs_.open(livePath_, FileSystem::kRead));
+    std::unique_ptr<File> file = openData(livePath_, FileSystem::kRead);
     const File::Identity identity = file->identity();
     const CommitMarks::Mark mark = marks_.peekNewest();
     const FileSystem::Status after = fs_.stat(livePath_);
@@ -277,11 +277,11 @@ bool SingleFileBucketStore::openLiveForReading() {
 // it is whole; else the old one set aside; else nothing: an empty store.
 void SingleFileBucketStore::openLeftoverForReading() {
     if (fs_.fileExists(newPath_) && holdsWholeFile(newPath_, marks_.newMarkPath())) {
-        std::unique_ptr<File> file = mapped(fs_.open(newPath_, FileSystem::kRead));
+        std::unique_ptr<File> file = openData(newPath_, FileSystem::kRead);
         const int64_t length = marks_.lengthIn(marks_.newMarkPath());
         adoptForReading(std::move(file), File::Identity(), 1, length);
     } else if (fs_.fileExists(previousPath_)) {
-        std::unique_ptr<File> file = mapped(fs_.open(previousPath_, FileSystem::kRead));
+        std::unique_ptr<File> file = openData(previousPath_, FileSystem::kRead);
         const int64_t length = wholeSegmentsEnd(*file, 0, file->size());
         adoptForReading(std::move(file), File::Identity(), 0, length);
     }

@@ -124,6 +124,8 @@ Registry fromDocument(const std::string& text, const std::string& origin) {
     return registry;
 }
 
+// The user's own path, not a file of the store, so no file layer: a
+// directory is a registry to export, anything else an export document.
 Registry load(const Globals& globals, const std::string& path) {
     struct stat info;
     if (::stat(path.c_str(), &info) != 0) throw ToolError(kExitNotFound, "no such file " + path);

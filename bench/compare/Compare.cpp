@@ -523,19 +523,23 @@ struct Row {
     bool timed() const { return unit == Unit::kSeconds; }
 };
 
-const char* unitName(Unit unit) {
-    switch (unit) {
-        case Unit::kSeconds:
-            return "seconds";
-        case Unit::kMemory:
-            return "bytes";
-        case Unit::kBytesPerChange:
-            return "bytes_per_changed_setting";
-        case Unit::kTimesBlob:
-            return "times_the_blob";
-    }
-    return "";
-}
+// How each unit is named in the CSV, and plotted: a label and a scale, or
+// none for time, whose label follows the size of the figures.
+struct UnitFacts {
+    const char* csvName;
+    const char* axis;
+    double scale;
+};
+constexpr UnitFacts kUnitFacts[] = {
+    {"seconds", nullptr, 1},
+    {"bytes", "MiB", 1.0 / 1048576},
+    {"bytes_per_changed_setting", "bytes", 1},
+    {"times_the_blob", "x the blob", 1},
+};
+
+const UnitFacts& factsOf(Unit unit) { return kUnitFacts[static_cast<int>(unit)]; }
+
+const char* unitName(Unit unit) { return factsOf(unit).csvName; }
 
 std::string timeText(double seconds) {
     char text[32];
@@ -707,17 +711,10 @@ std::string syncFloorText(const Report& report, const SegmentSync& segment) {
 
 // The label of a panel's y axis, and the scale of its figures.
 std::string axis(Unit unit, double top, double& scale) {
-    scale = 1;
-    switch (unit) {
-        case Unit::kMemory:
-            scale = 1.0 / 1048576;
-            return "MiB";
-        case Unit::kBytesPerChange:
-            return "bytes";
-        case Unit::kTimesBlob:
-            return "x the blob";
-        case Unit::kSeconds:
-            break;
+    const UnitFacts& facts = factsOf(unit);
+    scale = facts.scale;
+    if (facts.axis != nullptr) {
+        return facts.axis;
     }
     if (top >= 1e-3) {
         scale = 1e3;
