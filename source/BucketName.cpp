@@ -70,10 +70,13 @@ bool BucketName::isWellFormed(const WString& fullName) {
     const size_t length = fullName.length();
     if (length == 0 || fullName[0] != kSeparator) return false;
     if (length == 1) return true;
+    // No early exit: every lookup checks its name, and this loop vectorises.
+    const wchar_t* text = fullName.c_str();
+    bool doubled = false;
     for (size_t i = 1; i < length; ++i) {
-        if (fullName[i] == kSeparator && fullName[i - 1] == kSeparator) return false;
+        doubled |= (text[i] == kSeparator) & (text[i - 1] == kSeparator);
     }
-    return fullName[length - 1] != kSeparator;
+    return !doubled && text[length - 1] != kSeparator;
 }
 
 bool BucketName::check(const WString& fullName, kel::StatusChain& status) {
