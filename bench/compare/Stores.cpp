@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -184,6 +185,31 @@ void check(const StatusChain& status, const char* what) {
 
 std::wstring wide(const std::string& narrow) { return std::wstring(narrow.begin(), narrow.end()); }
 
+// The digits of a non-negative number, as std::to_string writes them
+// (std::to_wstring goes through swprintf, many times slower).
+void appendDigits(WString& out, int number) {
+    wchar_t digits[12];
+    size_t count = 0;
+    do {
+        digits[count++] = static_cast<wchar_t>(L'0' + number % 10);
+        number /= 10;
+    } while (number != 0);
+    std::reverse(digits, digits + count);
+    out.append(digits, count);
+}
+
+// settingName as an Orvane client spells it: wide from the start, built in
+// place as the narrow one is, not a narrow name converted.
+WString settingWName(int index) {
+    WString name;
+    name.reserve(32);
+    name += L"/settings/g";
+    appendDigits(name, index / 100);
+    name += L"/s";
+    appendDigits(name, index);
+    return name;
+}
+
 class OrvaneStore : public Store {
   public:
     const char* name() const override { return "orvane"; }
@@ -210,7 +236,7 @@ class OrvaneStore : public Store {
     void commit(const std::vector<int>& indexes, int32_t speed) override {
         transact("commit", [&](const Guid& id, StatusChain& s) {
             for (int index : indexes) {
-                const WString name(wide(settingName(index)).c_str());
+                const WString name = settingWName(index);
                 AutoRef<IBucket> bucket = manager_->getBucket(name, s);
                 if (bucket) {
                     bucket->setInt32Value(WString(L"speed"), speed, s, true);
@@ -233,7 +259,7 @@ class OrvaneStore : public Store {
                                     id, s);
             }
             for (int index = 0; index < count; ++index) {
-                const WString name(wide(settingName(index)).c_str());
+                const WString name = settingWName(index);
                 manager_->putBucket(newSetting(name, makeSetting(index, 0), s), true, id, s);
             }
         });
@@ -267,7 +293,7 @@ class OrvaneStore : public Store {
 
     int32_t read(int index) override {
         StatusChain s = fresh();
-        AutoRef<IBucket> bucket = manager_->getBucket(WString(wide(settingName(index)).c_str()), s);
+        AutoRef<IBucket> bucket = manager_->getBucket(settingWName(index), s);
         if (!bucket) fail("orvane: missing setting");
         const int32_t speed = bucket->getValue(WString(L"speed"), s)->getInt32(s);
         check(s, "read");
