@@ -64,11 +64,15 @@ Bucket::Bucket()
     : names_(BucketNames::empty()),
       parent_(emptyNameDigest()),
       parentKnown_(true),
-      contents_(new BucketContents()),
+      contents_(new (contentsStorage_) BucketContents()),
       persistentFlag_(true),
       version_(0),
       modified_(true),
-      modifiedTime_(kel::AbsoluteTime::now()) {}
+      modifiedTime_(kel::AbsoluteTime::now()) {
+    static_assert(sizeof(BucketContents) <= sizeof contentsStorage_ &&
+                      alignof(BucketContents) <= alignof(std::max_align_t),
+                  "the bucket's inline room is too small for its contents");
+}
 
 Bucket::Bucket(const WString& fullName, bool persistent) : Bucket() {
     persistentFlag_ = persistent;
@@ -76,26 +80,22 @@ Bucket::Bucket(const WString& fullName, bool persistent) : Bucket() {
 }
 
 // Not through Bucket(): a lookup's copy would make and drop an empty map and
-// read the clock for nothing.
-Bucket::Bucket(const Bucket& other)
-    : parent_(emptyNameDigest()),
-      parentKnown_(true),
-      persistentFlag_(true),
-      version_(0),
-      modified_(true) {
-    Lock lock(other.mutex_);
-    names_ = other.names_;
-    parent_ = other.parent_;
-    parentKnown_ = other.parentKnown_;
-    fileName_ = other.fileName_;
-    contents_.reset(new BucketContents(*other.contents_));
-    persistentFlag_ = other.persistentFlag_;
-    version_ = other.version_;
-    modified_ = other.modified_;
-    modifiedTime_ = other.modifiedTime_;
-}
+// read the clock for nothing. The source's lock is held from the first field
+// to the last.
+Bucket::Bucket(const Bucket& other) : Bucket(other, Lock(other.mutex_)) {}
 
-Bucket::~Bucket() = default;
+Bucket::Bucket(const Bucket& other, const Lock& /*held*/)
+    : names_(other.names_),
+      parent_(other.parent_),
+      parentKnown_(other.parentKnown_),
+      fileName_(other.fileName_),
+      contents_(new (contentsStorage_) BucketContents(*other.contents_)),
+      persistentFlag_(other.persistentFlag_),
+      version_(other.version_),
+      modified_(other.modified_),
+      modifiedTime_(other.modifiedTime_) {}
+
+Bucket::~Bucket() { contents_->~BucketContents(); }
 
 void Bucket::setNames(WString fullName, const Digest* digest) {
     if (fullName == names_->full()) {
@@ -320,7 +320,7 @@ AutoRef<IBucketValue> Bucket::getValue(const WString& name, StatusChain& status)
             found = contents_->find(name, fresh);
         }
         if (!found || fresh) {
-            return AutoRef<IBucketValue>(found.get());
+            return AutoRef<IBucketValue>(std::move(found));
         }
         // Stored values never change, so the copy is made outside the lock.
         return AutoRef<IBucketValue>(new BucketValue(*found));

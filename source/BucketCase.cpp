@@ -185,6 +185,15 @@ AutoRef<IBucket> BucketCase::findHeld(const FoldedKey& key) {
     return found == maps_.names.end() ? AutoRef<IBucket>() : found->second.bucket;
 }
 
+AutoRef<IBucket> BucketCase::copyHeld(const FoldedKey& key) {
+    Lock lock(mutex_);
+    const auto found = maps_.find(key);
+    if (found == maps_.names.end()) {
+        return AutoRef<IBucket>();
+    }
+    return AutoRef<IBucket>(new Bucket(*static_cast<const Bucket*>(found->second.bucket.get())));
+}
+
 AutoRef<IBucket> BucketCase::findBucketByDigest(const Digest& digest) {
     Lock lock(mutex_);
     const auto found = maps_.digests.find(digest);

@@ -71,6 +71,10 @@ class BucketCase
     // there", for a caller to whom the difference matters.
     kel::AutoRef<IBucket> findHeld(const kel::WString& fullName);
     kel::AutoRef<IBucket> findHeld(const FoldedKey& key);
+    // A private copy of the bucket held under `key`, or null. Made under the
+    // case's lock, so the held bucket's count never moves: a cached lookup
+    // spends its time copying, not on shared atomics.
+    kel::AutoRef<IBucket> copyHeld(const FoldedKey& key);
 
     // The sum of the weights of the held buckets.
     uint32_t usedBytes() const;

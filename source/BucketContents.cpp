@@ -65,8 +65,12 @@ constexpr uint32_t kEntryMemory = 12;
 constexpr uint32_t kLargestSplice = 4096;
 
 // Shared by every bucket with no values; like any shared map, never written.
+// It owns nothing (an aliasing pointer with no count), so the copies that
+// every lookup makes do not all move one count shared by every thread.
 const std::shared_ptr<BucketContents::ValueMap>& emptyMap() {
-    static const auto empty = std::make_shared<BucketContents::ValueMap>();
+    static auto* const map = new BucketContents::ValueMap();  // outlives every bucket
+    static const std::shared_ptr<BucketContents::ValueMap> empty(
+        std::shared_ptr<BucketContents::ValueMap>(), map);
     return empty;
 }
 

@@ -111,7 +111,10 @@ AutoRef<IBucket> handOut(const AutoRef<IBucket>& found, StatusChain& status) {
 AutoRef<IBucket> BucketManager::getBucket(const WString& fullName, StatusChain& status) {
     return guarded(status, kManagerCodes, [&]() -> AutoRef<IBucket> {
         if (!BucketName::check(fullName, status) || !store_) return AutoRef<IBucket>();
-        return handOut(findShared(fullName, status), status);
+        const FoldedKey key(fullName);
+        dropStaleCaches();
+        if (AutoRef<IBucket> cached = readCache_->copyHeld(key)) return cached;
+        return handOut(findShared(fullName, status, &key), status);
     });
 }
 

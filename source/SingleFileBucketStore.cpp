@@ -159,7 +159,7 @@ AutoRef<IBucket> SingleFileBucketStore::readRecord(int64_t offset, const WString
     } else {
         bucket->deserialize(cursor, bytes + total);
     }
-    return AutoRef<IBucket>(bucket);
+    return AutoRef<IBucket>(std::move(bucket));
 }
 
 bool SingleFileBucketStore::exists(const WString& name, StatusChain& status) {

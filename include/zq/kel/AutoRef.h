@@ -20,6 +20,11 @@ class AutoRef {
     AutoRef(AutoRef&& other) noexcept : ptr_(other.ptr_) { other.ptr_ = nullptr; }
     template <class U>
     AutoRef(const AutoRef<U>& other) : AutoRef(other.get()) {}  // NOLINT: upcast like a pointer
+    // Upcast that takes the reference over: no count moves.
+    template <class U>
+    AutoRef(AutoRef<U>&& other) noexcept : ptr_(other.ptr_) {  // NOLINT: as the copy
+        other.ptr_ = nullptr;
+    }
     ~AutoRef() { reset(); }
 
     AutoRef& operator=(const AutoRef& other) {
@@ -57,6 +62,8 @@ class AutoRef {
     }
 
   private:
+    template <class U>
+    friend class AutoRef;
     T* ptr_;
 };
 

@@ -1,6 +1,7 @@
 #ifndef ZQ_ORVANE_BUCKET_H
 #define ZQ_ORVANE_BUCKET_H
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -32,6 +33,7 @@ class ZQ_EXPORT Bucket
     // Same name, flags, version and values; no cursors. Throws std::bad_alloc.
     Bucket(const Bucket& other);
     Bucket& operator=(const Bucket&) = delete;
+    Bucket(Bucket&&) = delete;
     ~Bucket() override;
 
     bool isEqual(const kel::AutoRef<IBucket>& a, const kel::AutoRef<IBucket>& b) const override;
@@ -142,6 +144,8 @@ class ZQ_EXPORT Bucket
     // The values as they are now, sharing this bucket's map.
     std::unique_ptr<BucketContents> snapshotValues() const;
     bool adoptFrom(const Bucket& given);
+    // The copy, made while `held` holds other.mutex_.
+    Bucket(const Bucket& other, const std::lock_guard<std::mutex>& held);
     template <class Take>
     void mergeWalk(IBucket& other, Take& take, kel::StatusChain& status);
     bool sameNameAs(const IBucket& other) const;    // case-insensitively
@@ -163,7 +167,10 @@ class ZQ_EXPORT Bucket
     mutable Digest parent_;
     mutable bool parentKnown_;
     kel::WString fileName_;  // computed on first request
-    std::unique_ptr<BucketContents> contents_;
+    // The contents live inside the bucket, so that a lookup's copy costs one
+    // allocation, not two. Bucket.cpp checks that they fit.
+    alignas(std::max_align_t) unsigned char contentsStorage_[16 * sizeof(void*)];
+    BucketContents* const contents_;  // constructed in contentsStorage_
     bool persistentFlag_;
     uint32_t version_;
     bool modified_;
