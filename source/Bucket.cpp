@@ -731,8 +731,10 @@ uint32_t Bucket::getMemUsage() const {
 }
 
 uint32_t Bucket::memUsageLocked() const {
-    return kBucketMemory + characterMemory(names_->full()) + characterMemory(names_->shortName()) +
-           characterMemory(fileName_) + contents_->memoryUsage();
+    // The short name weighs what a copy of its text would.
+    return kBucketMemory + characterMemory(names_->full()) +
+           4 * static_cast<uint32_t>(names_->shortLength()) + characterMemory(fileName_) +
+           contents_->memoryUsage();
 }
 
 Bucket::CacheFacts Bucket::cacheFacts() const {

@@ -9,10 +9,7 @@ namespace orvane {
 
 using kel::WString;
 
-namespace {
-
-// [begin, end) of the last non-empty piece; begin == end when there is none.
-void lastPiece(const WString& fullName, size_t& begin, size_t& end) {
+void BucketName::lastPiece(const WString& fullName, size_t& begin, size_t& end) {
     end = fullName.length();
     while (end > 0 && fullName[end - 1] == BucketName::kSeparator) {
         --end;
@@ -22,8 +19,6 @@ void lastPiece(const WString& fullName, size_t& begin, size_t& end) {
         --begin;
     }
 }
-
-}  // namespace
 
 WString BucketName::shortName(const WString& fullName) {
     size_t begin;

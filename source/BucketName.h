@@ -17,6 +17,8 @@ class BucketName {
 
     // The last piece; empty for "/".
     static kel::WString shortName(const kel::WString& fullName);
+    // [begin, end) of the last non-empty piece; begin == end when there is none.
+    static void lastPiece(const kel::WString& fullName, size_t& begin, size_t& end);
     // "/" and the pieces but the last; "/" for the root and its children.
     static kel::WString parentName(const kel::WString& fullName);
     // The full name of the child `childName` of `fullName`.

@@ -1,5 +1,6 @@
 #include "source/BucketNames.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "source/BucketName.h"
@@ -11,11 +12,15 @@ namespace orvane {
 using kel::WString;
 
 BucketNames::BucketNames(WString fullName, const Digest* digest)
-    : full_(std::move(fullName)),
-      shortName_(BucketName::shortName(full_)),
-      digest_(digest != nullptr ? *digest : Digest(full_)) {
+    : full_(std::move(fullName)), digest_(digest != nullptr ? *digest : Digest(full_)) {
+    size_t end = 0;
+    BucketName::lastPiece(full_, shortBegin_, end);
+    shortLength_ = end - shortBegin_;
     const FoldedKey key(full_);
-    folded_ = key.toString();
+    foldedIsFull_ = std::equal(key.text(), key.text() + key.length(), full_.c_str());
+    if (!foldedIsFull_) {
+        folded_ = key.toString();
+    }
     foldedHash_ = key.hash();
 }
 

@@ -1,6 +1,7 @@
 #ifndef ZQ_ORVANE_BUCKETNAMES_H
 #define ZQ_ORVANE_BUCKETNAMES_H
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 
@@ -22,19 +23,24 @@ class BucketNames {
     static const std::shared_ptr<const BucketNames>& empty();
 
     const kel::WString& full() const { return full_; }
-    const kel::WString& shortName() const { return shortName_; }
+    // Made on request: only getShortName and the dumps want it as text.
+    kel::WString shortName() const { return full_.substr(shortBegin_, shortLength_); }
+    size_t shortLength() const { return shortLength_; }
     const Digest& digest() const { return digest_; }
     // As the cases key it (each character through kel::foldLower), and its hash.
-    const kel::WString& folded() const { return folded_; }
+    // Most names are folded already, and then share the full name's text.
+    const kel::WString& folded() const { return foldedIsFull_ ? full_ : folded_; }
     uint64_t foldedHash() const { return foldedHash_; }
 
   private:
     BucketNames();
 
     kel::WString full_;
-    kel::WString shortName_;
+    size_t shortBegin_ = 0;
+    size_t shortLength_ = 0;
     Digest digest_;
-    kel::WString folded_;
+    kel::WString folded_;  // empty when foldedIsFull_
+    bool foldedIsFull_ = false;
     uint64_t foldedHash_;
 };
 
