@@ -124,6 +124,44 @@ BENCHMARK(BM_CommitHundredOfTenThousandSettings)
     ->UseManualTime()
     ->Unit(benchmark::kMicrosecond);
 
+// Many children put under one parent in one transaction: each put weighs
+// the parent again, which must not walk every link it already has. The
+// complexity shows whether the time per child stays flat.
+void BM_PutChildrenUnderOneParent(benchmark::State& state) {
+    const auto children = static_cast<int>(state.range(0));
+    BenchRegistry registry;
+    for (auto _ : state) {
+        const std::vector<double> seconds = secondsInChild([&] {
+            AutoRef<IBucketManager> m = openManager(registry.registry(), registry.options());
+            StatusChain status = ok();
+            Guid id;
+            m->beginTransaction(id, status);
+            m->beginUpdate(id, status);
+            m->putBucket(m->createBucket(WString(L"/parent"), false, status), true, id, status);
+            const auto start = std::chrono::steady_clock::now();
+            for (int i = 0; i < children; ++i) {
+                const std::wstring name = L"/parent/c" + std::to_wstring(i);
+                AutoRef<IBucket> child = m->createBucket(WString(name.c_str()), false, status);
+                child->setInt32Value(WString(L"value"), i, status, true);
+                m->putBucket(child, true, id, status);
+            }
+            const double took = secondsSince(start);
+            m->endTransaction(id, status);
+            if (status.isFatal()) throw std::runtime_error("putting the children failed");
+            return std::vector<double>{took};
+        });
+        state.SetIterationTime(seconds.at(0));
+    }
+    state.SetComplexityN(children);
+}
+BENCHMARK(BM_PutChildrenUnderOneParent)
+    ->Arg(5000)
+    ->Arg(20000)
+    ->Iterations(3)
+    ->UseManualTime()
+    ->Complexity(benchmark::oN)
+    ->Unit(benchmark::kMillisecond);
+
 void BM_GetCachedBucket(benchmark::State& state) {
     IBucketManager& m = *shared().manager;
     StatusChain status = ok();

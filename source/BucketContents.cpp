@@ -74,12 +74,22 @@ const std::shared_ptr<BucketContents::ValueMap>& emptyMap() {
     return empty;
 }
 
+// An entry's part of memoryUsage. Stored values never change, so it stays
+// what it was when the entry went in.
+uint32_t weightOf(const BucketContents::Slot& slot) {
+    return static_cast<uint32_t>(slot.name.capacity()) * 4 + slot.value->getMemUsage();
+}
+
 }  // namespace
 
 BucketContents::BucketContents() : values_(emptyMap()), shared_(true), nextHandle_(1) {}
 
 BucketContents::BucketContents(const BucketContents& other)
-    : values_(other.values_), encoded_(other.encoded_), shared_(true), nextHandle_(1) {
+    : values_(other.values_),
+      encoded_(other.encoded_),
+      shared_(true),
+      mapMemory_(other.mapMemory_),
+      nextHandle_(1) {
     other.shared_ = true;
 }
 
@@ -100,6 +110,7 @@ void BucketContents::becomeEmpty() {
     values_ = emptyMap();
     encoded_.reset();
     shared_ = true;
+    mapMemory_ = 0;
     invalidateCursors();
 }
 
@@ -108,13 +119,16 @@ void BucketContents::decode() const {
         return;
     }
     auto map = std::make_shared<ValueMap>();
+    uint32_t memory = 0;
     for (uint32_t i = 0; i < encoded_->count(); ++i) {
         WString name = encoded_->nameAt(i);
         FoldedName folded(name);
-        map->emplace_hint(map->end(), std::move(folded),
-                          Slot{std::move(name), encoded_->valueAt(i)});
+        const auto at = map->emplace_hint(map->end(), std::move(folded),
+                                          Slot{std::move(name), encoded_->valueAt(i)});
+        memory += weightOf(at->second);
     }
     values_ = std::move(map);
+    mapMemory_ = memory;
     encoded_.reset();
     shared_ = false;
     for (auto& handleAndCursor : cursors_) {
@@ -126,12 +140,7 @@ uint32_t BucketContents::memoryUsage() const {
     if (encoded_) {
         return kEntryMemory * encoded_->count() + encoded_->memoryUsage();
     }
-    uint32_t total = kEntryMemory * size();
-    for (const auto& entry : *values_) {
-        total += static_cast<uint32_t>(entry.second.name.capacity()) * 4 +
-                 entry.second.value->getMemUsage();
-    }
-    return total;
+    return kEntryMemory * size() + mapMemory_;
 }
 
 BucketContents::ValueMap& BucketContents::own() {
@@ -174,17 +183,21 @@ BucketContents::Outcome BucketContents::store(const WString& name,
     }
     ValueMap& values = own();
     if (last) {
-        values.emplace_hint(values.end(), std::move(folded), Slot{name, value});
+        const auto at = values.emplace_hint(values.end(), std::move(folded), Slot{name, value});
+        mapMemory_ += weightOf(at->second);
         return Outcome::kInserted;
     }
     const auto found = values.find(folded);
     if (found == values.end()) {
-        values.emplace(std::move(folded), Slot{name, value});
+        const auto at = values.emplace(std::move(folded), Slot{name, value}).first;
+        mapMemory_ += weightOf(at->second);
         return Outcome::kInserted;
     }
     Slot& slot = found->second;
+    const uint32_t before = weightOf(slot);
     slot.name = name;  // the new spelling replaces the old one
     slot.value = value;
+    mapMemory_ = mapMemory_ - before + weightOf(slot);
     return Outcome::kReplaced;
 }
 
@@ -231,7 +244,10 @@ bool BucketContents::remove(const WString& name) {
     if (values_->count(folded) == 0) {
         return false;
     }
-    own().erase(folded);
+    ValueMap& values = own();
+    const auto at = values.find(folded);
+    mapMemory_ -= weightOf(at->second);
+    values.erase(at);
     return true;
 }
 
@@ -265,12 +281,15 @@ bool BucketContents::removeAllButChildren() {
     }
     // Only the links are copied: the data values would go at once.
     auto children = std::make_shared<ValueMap>();
+    uint32_t memory = 0;
     for (const auto& entry : *values_) {
         if (isChild(entry)) {
             children->emplace_hint(children->end(), entry);
+            memory += weightOf(entry.second);
         }
     }
     values_ = std::move(children);
+    mapMemory_ = memory;
     shared_ = false;
     invalidateCursors();
     return true;
@@ -279,6 +298,7 @@ bool BucketContents::removeAllButChildren() {
 void BucketContents::shareValues(const BucketContents& other) {
     values_ = other.values_;
     encoded_ = other.encoded_;
+    mapMemory_ = other.mapMemory_;
     shared_ = true;
     other.shared_ = true;
     invalidateCursors();
@@ -287,6 +307,7 @@ void BucketContents::shareValues(const BucketContents& other) {
 void BucketContents::swapValues(BucketContents& other) {
     values_.swap(other.values_);
     encoded_.swap(other.encoded_);
+    std::swap(mapMemory_, other.mapMemory_);
     std::swap(shared_, other.shared_);
     invalidateCursors();
     other.invalidateCursors();

@@ -139,6 +139,9 @@ class BucketContents {
     mutable std::shared_ptr<ValueMap> values_;
     mutable EncodedValues::Ptr encoded_;
     mutable bool shared_ = false;  // values_ may be another object's too
+    // The weight of the entries in values_, kept as they change: a parent
+    // weighed after each of many new links must not walk them all each time.
+    mutable uint32_t mapMemory_ = 0;
     OrvaneAtomicInt nextHandle_;
     mutable std::map<uint32_t, Cursor> cursors_;
 };

@@ -412,6 +412,23 @@ TEST(BucketTest, MemoryUse) {
     EXPECT_EQ(bucket->getMemUsage(), named + 12 + 4 * 3 + 32);
     bucket->getFileName();  // the third name string
     EXPECT_GE(bucket->getMemUsage(), named + 12 + 4 * 3 + 32 + 4 * 71);
+
+    // The weight is kept as the values change, not walked again: after
+    // replacements, removals and a child link it is what a bucket built
+    // with the end result weighs.
+    bucket->setStringValue(WString(L"XYZ"), WString(L"longer text"), status, true);
+    bucket->setInt32Value(WString(L"gone"), 2, status, false);
+    bucket->addChild(WString(L"c"), status, true);
+    bucket->removeValue(WString(L"gone"));
+    AutoRef<Bucket> built = makeBucket(L"/ab");
+    built->getFileName();
+    built->setStringValue(WString(L"XYZ"), WString(L"longer text"), status, false);
+    built->addChild(WString(L"c"), status, true);
+    EXPECT_EQ(bucket->getMemUsage(), built->getMemUsage());
+    bucket->removeDataValues();
+    built->removeValue(WString(L"XYZ"));
+    EXPECT_EQ(bucket->getMemUsage(), built->getMemUsage());
+    EXPECT_TRUE(status.isNotFatal());
 }
 
 TEST(BucketTest, Dumps) {
