@@ -205,12 +205,25 @@ const SortedSample::CachedBlock& SortedSample::cachedBlock(File& file, uint32_t 
     return slot;
 }
 
+// Digests are evenly spread, so the first guesses are where the digest's
+// head falls between the heads that bound the range, and few pages of the
+// index are touched; halving takes over when guessing stops paying.
 bool SortedSample::probe(File& file, const DigestKey& digest, uint32_t& k, int64_t& record) const {
+    constexpr int kGuesses = 4;
+    const uint64_t head = bigEndian64(digest.data());
+    uint64_t lowHead = 0;  // bounds of the heads in [low, high)
+    uint64_t highHead = UINT64_MAX;
     unsigned char entry[segment::kUpdateEntrySize];
     uint32_t low = 0;
     uint32_t high = count;
-    while (low < high) {
-        const uint32_t middle = low + (high - low) / 2;
+    for (int step = 0; low < high; ++step) {
+        uint32_t middle = low + (high - low) / 2;
+        if (step < kGuesses && lowHead <= head && head <= highHead && lowHead < highHead) {
+            const double share =
+                static_cast<double>(head - lowHead) / static_cast<double>(highHead - lowHead);
+            middle = low + std::min(high - low - 1,
+                                    static_cast<uint32_t>(share * static_cast<double>(high - low)));
+        }
         readExactly(file, entries + static_cast<int64_t>(middle) * segment::kUpdateEntrySize, entry,
                     sizeof entry);
         const int order = std::memcmp(entry, digest.data(), digest.size());
@@ -221,8 +234,10 @@ bool SortedSample::probe(File& file, const DigestKey& digest, uint32_t& k, int64
         }
         if (order < 0) {
             low = middle + 1;
+            lowHead = bigEndian64(entry);
         } else {
             high = middle;
+            highHead = bigEndian64(entry);
         }
     }
     return false;
