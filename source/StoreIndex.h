@@ -38,7 +38,7 @@ struct SortedSample {
     // The entry of `digest` (its number and record position), or false.
     // Throws DeserializationError when the block read disagrees.
     bool find(kel::osdep::File& file, const DigestKey& digest, uint32_t& k, int64_t& record) const;
-    // The same by bisection of the entries in the file, before their order
+    // The same by a search of the entries in the file, before their order
     // is known: true only for a hit whose block and its neighbours are in
     // order. A miss says nothing until the order is checked.
     bool probe(kel::osdep::File& file, const DigestKey& digest, uint32_t& k, int64_t& record) const;
@@ -146,8 +146,8 @@ inline int64_t longestWholePrefix(kel::osdep::File& file, int64_t limit) {
 // searches them after the map of newer segments, so an open neither builds a
 // map of the whole store nor holds its index. Other orders go into the map
 // like every newer segment. A base whose checksum was verified before is
-// not read at the open: its order is checked at the first lookup it cannot
-// answer by bisection, or the first walk over every bucket.
+// not read at the open: its order is checked at the first lookup that a
+// search of its entries cannot answer, or the first walk over every bucket.
 //
 // Not synchronised: the store's lock guards it.
 class StoreIndex {
