@@ -113,9 +113,11 @@ std::string CommitMarks::contentFor(int64_t committedLength) {
 }
 
 std::vector<std::pair<int64_t, WString>> CommitMarks::list(bool skipStrangers,
-                                                           std::vector<WString>* strangers) {
+                                                           std::vector<WString>* strangers,
+                                                           std::vector<WString>* names) {
     std::vector<std::pair<int64_t, WString>> marks;
-    for (const WString& name : fs_.listDirectory(directory_)) {
+    std::vector<WString> listed = fs_.listDirectory(directory_);
+    for (const WString& name : listed) {
         if (!name.startsWith(WString(kMarkPrefix))) {
             continue;
         }
@@ -134,6 +136,9 @@ std::vector<std::pair<int64_t, WString>> CommitMarks::list(bool skipStrangers,
                 throw;
             }
         }
+    }
+    if (names != nullptr) {
+        *names = std::move(listed);
     }
     return marks;
 }
@@ -187,9 +192,9 @@ int64_t CommitMarks::readLengthUnlocked(const WString& path) {
     return length;
 }
 
-CommitMarks::Mark CommitMarks::findNewest() {
+CommitMarks::Mark CommitMarks::findNewest(std::vector<WString>* names) {
     forgetSpare();
-    const auto marks = list();
+    const auto marks = list(false, nullptr, names);
     Mark newest;
     for (const auto& [generation, path] : marks) {
         if (generation > newest.generation) {

@@ -42,8 +42,9 @@ class CommitMarks {
     // Finds the newest mark and removes every older one, so that a stale mark
     // can never win once a compaction restarts the generations at 1. A name
     // that is not a mark's throws UnableToConvert; a newest mark that cannot
-    // be read as a length comes back not readable.
-    Mark findNewest();
+    // be read as a length comes back not readable. With `names`, every name
+    // the directory held when listed.
+    Mark findNewest(std::vector<kel::WString>* names = nullptr);
     // The same without changing anything, for a process that does not hold
     // the lock: names that are not marks (another process's temporary
     // files) are passed over, and a mark that vanishes while read is
@@ -91,7 +92,8 @@ class CommitMarks {
     // Generations of the marks present, with their paths.
     // With `strangers`, names that are not marks go there instead of throwing.
     std::vector<std::pair<int64_t, kel::WString>> list(
-        bool skipStrangers = false, std::vector<kel::WString>* strangers = nullptr);
+        bool skipStrangers = false, std::vector<kel::WString>* strangers = nullptr,
+        std::vector<kel::WString>* names = nullptr);
     void removeListedBut(const std::vector<std::pair<int64_t, kel::WString>>& marks, int64_t keep);
     int64_t readLength(const kel::WString& path);
     // The length in a mark that a commit may be rewriting under the lock:

@@ -148,7 +148,7 @@ class SingleFileBucketStore : public IBucketStore {
     // nothing of another process's interrupted compaction is left.
     bool filesAsLeft();
     void adoptMark(const CommitMarks::Mark& mark);
-    void recoverFiles();
+    void recoverFiles(const std::vector<kel::WString>& names);
     void finishSwap(bool markWaiting);
     bool holdsWholeFile(const kel::WString& path, const kel::WString& markPath);
     void settleCommittedLength();

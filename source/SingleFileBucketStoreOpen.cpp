@@ -94,8 +94,9 @@ void SingleFileBucketStore::reportRepairs(StatusChain& status) {
 }
 
 void SingleFileBucketStore::openFiles() {
-    adoptMark(marks_.findNewest());
-    recoverFiles();
+    std::vector<WString> names;
+    adoptMark(marks_.findNewest(&names));
+    recoverFiles(names);
     openDataFile();
     settleCommittedLength();
 }
@@ -104,12 +105,19 @@ void SingleFileBucketStore::openFiles() {
 // sequence ends with the newest complete file live and its mark found
 // again; a copy is deleted only once the file that replaces it is known
 // whole, so a stale "newCommitmark" never costs the only intact copy.
-void SingleFileBucketStore::recoverFiles() {
+//
+// `names`, listed under the process lock that keeps other writers out,
+// spare a look at each name a crash may have left: usually none is there.
+void SingleFileBucketStore::recoverFiles(const std::vector<WString>& names) {
+    const auto exists = [&](const WString& path) {
+        return std::find(names.begin(), names.end(), kel::osdep::baseName(path)) != names.end() &&
+               fs_.fileExists(path);
+    };
     const bool live = fs_.fileExists(livePath_);
-    const bool fresh = fs_.fileExists(newPath_);
-    const bool previous = fs_.fileExists(previousPath_);
-    const bool newMark = fs_.fileExists(marks_.newMarkPath());
-    const bool oldMark = fs_.fileExists(marks_.oldMarkPath());
+    const bool fresh = exists(newPath_);
+    const bool previous = exists(previousPath_);
+    const bool newMark = exists(marks_.newMarkPath());
+    const bool oldMark = exists(marks_.oldMarkPath());
     if (live) {
         if (fresh) {
             // A compaction that never reached its swap.

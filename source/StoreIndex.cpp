@@ -103,14 +103,19 @@ bool sampleChunk(const unsigned char* in, uint32_t n, const SegmentDescriptor& d
     return true;
 }
 
+// Where the update entries of `d` lie, for `sample`.
+void placeSample(const SegmentDescriptor& d, SortedSample& sample) {
+    sample.count = d.updates;
+    sample.entries = d.indexPosition + segment::kIndexHeaderSize;
+    sample.dataStart = d.dataStart;
+    sample.indexPosition = d.indexPosition;
+}
+
 // Samples the update entries of `d`, checking them; false when they are not
 // in strictly ascending order.
 bool sampleSorted(File& file, const SegmentDescriptor& d, SortedSample& sample) {
     using namespace segment;
-    sample.count = d.updates;
-    sample.entries = d.indexPosition + kIndexHeaderSize;
-    sample.dataStart = d.dataStart;
-    sample.indexPosition = d.indexPosition;
+    placeSample(d, sample);
     sample.firsts.reserve((d.updates + SortedSample::kBlock - 1) / SortedSample::kBlock);
     DigestKey last{};  // of the chunk before
     uint32_t k = 0;
@@ -122,6 +127,15 @@ bool sampleSorted(File& file, const SegmentDescriptor& d, SortedSample& sample) 
                             std::memcpy(last.data(), in + (n - 1) * kUpdateEntrySize, last.size());
                             return true;
                         });
+}
+
+bool recordsAscend(const std::vector<std::pair<DigestKey, int64_t>>& updates) {
+    for (size_t k = 1; k < updates.size(); ++k) {
+        if (updates[k].second <= updates[k - 1].second) {
+            return false;
+        }
+    }
+    return true;
 }
 
 void readEntries(File& file, const SegmentDescriptor& d, SegmentScan& scan) {
@@ -191,6 +205,66 @@ const SortedSample::CachedBlock& SortedSample::cachedBlock(File& file, uint32_t 
     return slot;
 }
 
+// Digests are evenly spread, so the first guesses are where the digest's
+// head falls between the heads that bound the range, and few pages of the
+// index are touched; halving takes over when guessing stops paying.
+bool SortedSample::probe(File& file, const DigestKey& digest, uint32_t& k, int64_t& record) const {
+    constexpr int kGuesses = 4;
+    const uint64_t head = bigEndian64(digest.data());
+    uint64_t lowHead = 0;  // bounds of the heads in [low, high)
+    uint64_t highHead = UINT64_MAX;
+    unsigned char entry[segment::kUpdateEntrySize];
+    uint32_t low = 0;
+    uint32_t high = count;
+    for (int step = 0; low < high; ++step) {
+        uint32_t middle = low + (high - low) / 2;
+        if (step < kGuesses && lowHead <= head && head <= highHead && lowHead < highHead) {
+            const double share =
+                static_cast<double>(head - lowHead) / static_cast<double>(highHead - lowHead);
+            middle = low + std::min(high - low - 1,
+                                    static_cast<uint32_t>(share * static_cast<double>(high - low)));
+        }
+        readExactly(file, entries + static_cast<int64_t>(middle) * segment::kUpdateEntrySize, entry,
+                    sizeof entry);
+        const int order = std::memcmp(entry, digest.data(), digest.size());
+        if (order == 0) {
+            k = middle;
+            record = recordOf(entry, dataStart, indexPosition);
+            return blockInOrder(file, middle / kBlock);
+        }
+        if (order < 0) {
+            low = middle + 1;
+            lowHead = bigEndian64(entry);
+        } else {
+            high = middle;
+            highHead = bigEndian64(entry);
+        }
+    }
+    return false;
+}
+
+// With the entry either side: a change since the open shows here, as a
+// sampled block's does.
+bool SortedSample::blockInOrder(File& file, uint32_t b) const {
+    using namespace segment;
+    const uint32_t first = b * kBlock;
+    const uint32_t from = first == 0 ? 0 : first - 1;
+    const uint32_t to = std::min(count, first + kBlock + 1);
+    unsigned char bytes[(kBlock + 2) * kUpdateEntrySize];
+    readExactly(file, entries + static_cast<int64_t>(from) * kUpdateEntrySize, bytes,
+                (to - from) * kUpdateEntrySize);
+    for (uint32_t i = from; i < to; ++i) {
+        const unsigned char* at = bytes + (i - from) * kUpdateEntrySize;
+        if (i >= first && i < first + kBlock) {
+            recordOf(at, dataStart, indexPosition);
+        }
+        if (i != from && !ascending(at - kUpdateEntrySize, at)) {
+            return false;
+        }
+    }
+    return true;
+}
+
 bool SortedSample::find(File& file, const DigestKey& digest, uint32_t& k, int64_t& record) const {
     const auto after = std::upper_bound(firsts.begin(), firsts.end(), digest);
     if (after == firsts.begin()) {
@@ -231,7 +305,7 @@ void SortedSample::forEach(File& file, Use use) const {
     }
 }
 
-SegmentScan scanSegment(File& file, int64_t end, uint32_t number, bool keepSorted) {
+SegmentScan scanSegment(File& file, int64_t end, uint32_t number, bool keepSorted, bool verified) {
     using namespace segment;
     constexpr int64_t kSmallest = kHeaderSize + kIndexHeaderSize + kTrailerSize;
     if (end < kSmallest) {
@@ -275,8 +349,15 @@ SegmentScan scanSegment(File& file, int64_t end, uint32_t number, bool keepSorte
     d.deletes = deletes;
     d.indexAgain = getI64(trailer);
 
-    if (keepSorted && start == 0 && deletes == 0 && sampleSorted(file, d, scan.sorted)) {
-        return scan;
+    if (keepSorted && start == 0 && deletes == 0) {
+        if (verified) {
+            placeSample(d, scan.sorted);
+            scan.sorted.ordered = false;
+            return scan;
+        }
+        if (sampleSorted(file, d, scan.sorted)) {
+            return scan;
+        }
     }
     scan.sorted = SortedSample();
     readEntries(file, d, scan);
@@ -429,7 +510,7 @@ void StoreIndex::load(File& file, int64_t committedLength, int64_t verifiedBelow
             const int64_t end = walkPosition_;
             SegmentScan scan;
             try {
-                scan = scanSegment(file, end, number, true);
+                scan = scanSegment(file, end, number, true, end <= verifiedBelow);
             } catch (const kel::exception::DeserializationError&) {
                 damagedEnd_ = end;
                 break;
@@ -461,6 +542,13 @@ void StoreIndex::absorb(SegmentScan& scan) {
             deleted_.insert(digest);
         }
     }
+    takeUpdates(scan);
+    segments_.push_back(scan.descriptor);
+    walkPosition_ = scan.descriptor.start;
+}
+
+// Under what newer segments say: older than all of them.
+void StoreIndex::takeUpdates(const SegmentScan& scan) {
     uint32_t ordinal = 0;
     for (const auto& [digest, offset] : scan.updates) {
         if (deleted_.count(digest) == 0) {
@@ -468,8 +556,34 @@ void StoreIndex::absorb(SegmentScan& scan) {
         }
         ++ordinal;
     }
-    segments_.push_back(scan.descriptor);
-    walkPosition_ = scan.descriptor.start;
+}
+
+// Its checksum vouches for the bytes of a verified base, not for their
+// order: a first commit writes its entries in name order, and those join the
+// map like a newer segment's. Such a commit writes its records in the order
+// of its entries; a base in neither order changed since it verified, unless
+// it verifies still.
+void StoreIndex::checkBaseOrder(File& file) {
+    const auto d =
+        std::find_if(segments_.begin(), segments_.end(),
+                     [&](const SegmentDescriptor& s) { return s.number == baseSegment_; });
+    if (d == segments_.end()) {
+        damaged();
+    }
+    SortedSample sample;
+    if (sampleSorted(file, *d, sample)) {
+        base_ = std::move(sample);
+        return;
+    }
+    SegmentScan scan;
+    scan.descriptor = *d;
+    readEntries(file, *d, scan);
+    if (!recordsAscend(scan.updates) && !segmentVerifies(file, d->start, d->start + d->length)) {
+        damaged();
+    }
+    locations_.reserve(locations_.size() + scan.updates.size());
+    takeUpdates(scan);
+    base_ = SortedSample();
 }
 
 void StoreIndex::resumeWalk(File& file) {
@@ -500,10 +614,19 @@ const StoreIndex::Location* StoreIndex::find(File& file, const DigestKey& digest
     }
 }
 
+// A hit in a base of unchecked order is one all the same; a miss is one
+// only once its order is known.
 const StoreIndex::Location* StoreIndex::findInBase(File& file, const DigestKey& digest) {
     uint32_t k = 0;
     int64_t record = 0;
-    if (!base_.find(file, digest, k, record)) {
+    if (!base_.ordered && !base_.probe(file, digest, k, record)) {
+        checkBaseOrder(file);
+        if (base_.empty()) {
+            const auto found = locations_.find(digest);
+            return found == locations_.end() ? nullptr : &found->second;
+        }
+    }
+    if (base_.ordered && !base_.find(file, digest, k, record)) {
         return nullptr;
     }
     found_ = Location{baseSegment_, k, record};
@@ -514,7 +637,7 @@ bool StoreIndex::shadowed(const DigestKey& digest) const {
     return locations_.count(digest) != 0 || deleted_.count(digest) != 0;
 }
 
-size_t StoreIndex::liveBuckets(File* file) const {
+size_t StoreIndex::liveBuckets(File* file) {
     if (file == nullptr) {
         return locations_.size();
     }
@@ -524,9 +647,12 @@ size_t StoreIndex::liveBuckets(File* file) const {
 }
 
 void StoreIndex::forEachLive(File& file,
-                             const std::function<void(const DigestKey&, int64_t)>& use) const {
+                             const std::function<void(const DigestKey&, int64_t)>& use) {
     if (damagedEnd_ != 0) {
         damaged();
+    }
+    if (!base_.ordered) {
+        checkBaseOrder(file);
     }
     for (const auto& [digest, location] : locations_) {
         use(digest, location.offset);

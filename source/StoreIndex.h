@@ -28,12 +28,20 @@ struct SortedSample {
     int64_t dataStart = 0;
     int64_t indexPosition = 0;
 
+    // False for a verified segment until its order is checked: nothing
+    // is sampled then, and only probe() serves.
+    bool ordered = true;
+
     bool empty() const { return count == 0; }
     // Entry `k` of the segment, met in order while it is scanned.
     void note(uint32_t k, const unsigned char* entry);
     // The entry of `digest` (its number and record position), or false.
     // Throws DeserializationError when the block read disagrees.
     bool find(kel::osdep::File& file, const DigestKey& digest, uint32_t& k, int64_t& record) const;
+    // The same by a search of the entries in the file, before their order
+    // is known: true only for a hit whose block and its neighbours are in
+    // order. A miss says nothing until the order is checked.
+    bool probe(kel::osdep::File& file, const DigestKey& digest, uint32_t& k, int64_t& record) const;
     // Calls `use` with the digest and record offset of every entry, in order.
     template <class Use>
     void forEach(kel::osdep::File& file, Use use) const;
@@ -49,6 +57,7 @@ struct SortedSample {
         std::vector<unsigned char> bytes;
     };
 
+    bool blockInOrder(kel::osdep::File& file, uint32_t b) const;
     // Reads block `b`; its entry count.
     uint32_t readBlock(kel::osdep::File& file, uint32_t b, unsigned char* out) const;
     // Block `b` from the cache, read into it when missing.
@@ -69,9 +78,10 @@ struct SegmentScan {
 // a read past the end of the file, throws DeserializationError: the file is
 // damaged, and nothing of it is trusted. With `keepSorted`, a segment at
 // offset 0 without deletions whose entries are in strictly ascending digest
-// order gives them in `sorted` and leaves `updates` empty.
+// order gives them in `sorted` and leaves `updates` empty. With `verified`
+// as well, such a segment's entries are left unread, their order unchecked.
 SegmentScan scanSegment(kel::osdep::File& file, int64_t end, uint32_t number,
-                        bool keepSorted = false);
+                        bool keepSorted = false, bool verified = false);
 
 // True when the checksum in the trailer of the segment [start, end) is that
 // of its bytes. Reads the whole segment; a short read is a mismatch.
@@ -135,7 +145,9 @@ inline int64_t longestWholePrefix(kel::osdep::File& file, int64_t limit) {
 // in strictly ascending digest order, as a compaction writes them: a lookup
 // searches them after the map of newer segments, so an open neither builds a
 // map of the whole store nor holds its index. Other orders go into the map
-// like every newer segment.
+// like every newer segment. A base whose checksum was verified before is
+// not read at the open: its order is checked at the first lookup that a
+// search of its entries cannot answer, or the first walk over every bucket.
 //
 // Not synchronised: the store's lock guards it.
 class StoreIndex {
@@ -187,11 +199,11 @@ class StoreIndex {
 
     uint32_t segmentCount() const { return segmentCount_; }
     const std::vector<SegmentDescriptor>& segments() const { return segments_; }
-    size_t liveBuckets(kel::osdep::File* file) const;
+    size_t liveBuckets(kel::osdep::File* file);
     // Calls `use` with the digest and record offset of every bucket that
     // may exist: a record whose length is 0 or less says it does not.
     void forEachLive(kel::osdep::File& file,
-                     const std::function<void(const DigestKey&, int64_t)>& use) const;
+                     const std::function<void(const DigestKey&, int64_t)>& use);
     // The index position of the segment a new commit links back to, or 0.
     int64_t previousIndexForNextCommit() const;
 
@@ -201,6 +213,8 @@ class StoreIndex {
                    const std::vector<DigestKey>& deletions);
     void makeRoomFor(size_t locations, size_t deletions, size_t segments);
     void absorb(SegmentScan& scan);
+    void takeUpdates(const SegmentScan& scan);
+    void checkBaseOrder(kel::osdep::File& file);
     void resumeWalk(kel::osdep::File& file);
     const Location* findInBase(kel::osdep::File& file, const DigestKey& digest);
     bool shadowed(const DigestKey& digest) const;

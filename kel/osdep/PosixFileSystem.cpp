@@ -246,6 +246,10 @@ std::unique_ptr<File> PosixFileSystem::open(const WString& path, uint32_t flags,
         what += name.c_str();
         throw PosixError(S_ISDIR(info.st_mode) ? EISDIR : ENXIO, what.c_str(), __LINE__, __FILE__);
     }
+    // A regular file ignores O_NONBLOCK: two system calls saved on every open.
+    if (S_ISREG(info.st_mode)) {
+        return file;
+    }
     const int status = ::fcntl(fd, F_GETFL);
     if (status == -1 || ::fcntl(fd, F_SETFL, status & ~O_NONBLOCK) == -1) {
         fail("fcntl", __LINE__);

@@ -59,6 +59,11 @@ int openSharedFile(const WString& path) {
         }
         ::usleep(1000);
     }
+    // A mode change is an inode write: only the first opener needs it.
+    struct stat info {};
+    if (::fstat(fd, &info) == 0 && (info.st_mode & 07777) == 0666) {
+        return fd;
+    }
     int result;
     do {
         result = ::fchmod(fd, 0666);

@@ -162,18 +162,20 @@ TEST_F(StoreBehaviourTest, LookupsAgreeWhateverTheOrderOfTheFirstSegment) {
             EXPECT_EQ(readState(*store_, names), state);
             EXPECT_EQ(store_->facts().liveBuckets, state.size());
         };
+        // Lookups before facts(): a reopened verified index is read as they need it.
         const auto reopen = [&] {
             store_->close(status_);
             store_->open(0, status_);
-            ASSERT_EQ(store_->facts().segments, 1u);
         };
         commitChanges(*store_, first, &state, status_);
         reopen();
         check("one segment in name order");
+        ASSERT_EQ(store_->facts().segments, 1u);
         commitChanges(*store_, newer, &state, status_);
         check("a newer segment on top");
         reopen();
         check("compacted");
+        ASSERT_EQ(store_->facts().segments, 1u);
         EXPECT_TRUE(size != 75 || state.size() == 64u);
         commitChanges(*store_, {{L"/b4", 104}, {L"/b0", -2}, {L"/c", 7}}, &state, status_);
         check("newer segments on a compacted one");
