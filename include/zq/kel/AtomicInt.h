@@ -30,14 +30,12 @@ class AtomicInt {
     }
 
   private:
+    // One locked add, not a compare-and-swap loop that contending threads
+    // repeat. Atomic signed arithmetic wraps like the hardware word; so does
+    // the sum returned.
     int32_t update(int32_t delta) noexcept {
-        int32_t seen = value_.load(std::memory_order_relaxed);
-        int32_t next;
-        do {
-            // Wraps like the hardware word rather than invoking signed overflow.
-            next = static_cast<int32_t>(static_cast<uint32_t>(seen) + static_cast<uint32_t>(delta));
-        } while (!value_.compare_exchange_weak(seen, next, std::memory_order_acq_rel));
-        return next;
+        const int32_t seen = value_.fetch_add(delta, std::memory_order_acq_rel);
+        return static_cast<int32_t>(static_cast<uint32_t>(seen) + static_cast<uint32_t>(delta));
     }
 
     std::atomic<int32_t> value_;
