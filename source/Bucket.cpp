@@ -44,13 +44,6 @@ NString digestText(const Digest& digest) {
     return NString(digest.getString(text));
 }
 
-// Every new bucket starts with the digest of the empty name; copying it
-// spares two hash computations per bucket.
-const Digest& emptyNameDigest() {
-    static const Digest digest;
-    return digest;
-}
-
 // A fresh status for an inner step whose outcome the caller filters.
 StatusChain cleared() {
     StatusChain status;
@@ -62,8 +55,6 @@ StatusChain cleared() {
 
 Bucket::Bucket()
     : names_(BucketNames::empty()),
-      parent_(emptyNameDigest()),
-      parentKnown_(true),
       contents_(new (contentsStorage_) BucketContents()),
       persistentFlag_(true),
       version_(0),
@@ -86,8 +77,6 @@ Bucket::Bucket(const Bucket& other) : Bucket(other, Lock(other.mutex_)) {}
 
 Bucket::Bucket(const Bucket& other, const Lock& /*held*/)
     : names_(other.names_),
-      parent_(other.parent_),
-      parentKnown_(other.parentKnown_),
       fileName_(other.fileName_),
       contents_(new (contentsStorage_) BucketContents(*other.contents_)),
       persistentFlag_(other.persistentFlag_),
@@ -106,7 +95,6 @@ void Bucket::setNames(WString fullName, const Digest* digest) {
     auto names = std::make_shared<const BucketNames>(std::move(fullName), digest);
     WString noFileName;  // the old one belongs to the old name
     names_ = std::move(names);
-    parentKnown_ = false;
     fileName_ = std::move(noFileName);
 }
 
@@ -348,13 +336,8 @@ Digest Bucket::getParentDigest() const {
     return parentDigest();
 }
 
-const Digest& Bucket::parentDigest() const {
-    if (!parentKnown_) {
-        parent_ = Digest(BucketName::parentName(names_->full()));
-        parentKnown_ = true;
-    }
-    return parent_;
-}
+Digest Bucket::parentDigest() const { return names_->parentDigest(); }
+
 WString Bucket::getFileName() {
     Lock lock(mutex_);
     if (fileName_.empty()) {

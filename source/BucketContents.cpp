@@ -82,14 +82,13 @@ uint32_t weightOf(const BucketContents::Slot& slot) {
 
 }  // namespace
 
-BucketContents::BucketContents() : values_(emptyMap()), shared_(true), nextHandle_(1) {}
+BucketContents::BucketContents() : values_(emptyMap()), shared_(true) {}
 
 BucketContents::BucketContents(const BucketContents& other)
     : values_(other.values_),
       encoded_(other.encoded_),
       shared_(true),
-      mapMemory_(other.mapMemory_),
-      nextHandle_(1) {
+      mapMemory_(other.mapMemory_) {
     other.shared_ = true;
 }
 
@@ -334,7 +333,7 @@ uint32_t BucketContents::openCursor() {
     decode();
     uint32_t handle;
     do {
-        handle = static_cast<uint32_t>(nextHandle_.increment() - 1);
+        handle = nextHandle_++;
     } while (handle == 0 || cursors_.count(handle) != 0);
     cursors_.emplace(handle, Cursor{values_->end(), false});
     return handle;

@@ -7,7 +7,6 @@
 #include <memory>
 
 #include "source/EncodedValues.h"
-#include "source/OrvaneAtomicInt.h"
 #include "zq/kel/AutoRef.h"
 #include "zq/kel/StringBase.h"
 #include "zq/orvane/BucketValue.h"
@@ -142,7 +141,10 @@ class BucketContents {
     // The weight of the entries in values_, kept as they change: a parent
     // weighed after each of many new links must not walk them all each time.
     mutable uint32_t mapMemory_ = 0;
-    OrvaneAtomicInt nextHandle_;
+    // Drawn under the owning bucket's mutex like the cursors, so a plain
+    // count: a lookup's copy of the bucket makes one, and an atomic's
+    // construction costs a full barrier.
+    uint32_t nextHandle_ = 1;
     mutable std::map<uint32_t, Cursor> cursors_;
 };
 

@@ -1,6 +1,7 @@
 #include "source/BucketNames.h"
 
 #include <algorithm>
+#include <cstring>
 #include <utility>
 
 #include "source/BucketName.h"
@@ -22,6 +23,15 @@ BucketNames::BucketNames(WString fullName, const Digest* digest)
         folded_ = key.toString();
     }
     foldedHash_ = key.hash();
+}
+
+Digest BucketNames::parentDigest() const {
+    std::call_once(parentHashed_, [this] {
+        const Digest parent(BucketName::parentName(full_));
+        std::memcpy(parent_, parent.bytes(), Digest::kSize);
+    });
+    const unsigned char* cursor = parent_;
+    return Digest(cursor, parent_ + Digest::kSize);
 }
 
 BucketNames::BucketNames() : foldedHash_(FoldedKey::hashOf(nullptr, 0)) {}

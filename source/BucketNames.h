@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 
 #include "zq/kel/StringBase.h"
 #include "zq/orvane/Digest.h"
@@ -27,6 +28,9 @@ class BucketNames {
     kel::WString shortName() const { return full_.substr(shortBegin_, shortLength_); }
     size_t shortLength() const { return shortLength_; }
     const Digest& digest() const { return digest_; }
+    // The digest of the parent's name, hashed on first request (most
+    // buckets read are never asked for it) and then kept for every copy.
+    Digest parentDigest() const;
     // As the cases key it (each character through kel::foldLower), and its hash.
     // Most names are folded already, and then share the full name's text.
     const kel::WString& folded() const { return foldedIsFull_ ? full_ : folded_; }
@@ -39,6 +43,8 @@ class BucketNames {
     size_t shortBegin_ = 0;
     size_t shortLength_ = 0;
     Digest digest_;
+    mutable std::once_flag parentHashed_;
+    mutable unsigned char parent_[Digest::kSize] = {};
     kel::WString folded_;  // empty when foldedIsFull_
     bool foldedIsFull_ = false;
     uint64_t foldedHash_;

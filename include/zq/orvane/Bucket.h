@@ -158,15 +158,12 @@ class ZQ_EXPORT Bucket
                     const kel::WString* name, const Digest* digest);
     // `digest`, when given, is the digest of `fullName`.
     void setNames(kel::WString fullName, const Digest* digest = nullptr);  // mutex_ held
-    const Digest& parentDigest() const;                                    // mutex_ held
+    Digest parentDigest() const;                                           // mutex_ held
     void touch();                                                          // mutex_ held
 
     mutable std::mutex mutex_;
     std::shared_ptr<const BucketNames> names_;  // shared with copies
-    // Hashed on first request: most buckets read are never asked for it.
-    mutable Digest parent_;
-    mutable bool parentKnown_;
-    kel::WString fileName_;  // computed on first request
+    kel::WString fileName_;                     // computed on first request
     // The contents live inside the bucket, so that a lookup's copy costs one
     // allocation, not two. Bucket.cpp checks that they fit.
     alignas(std::max_align_t) unsigned char contentsStorage_[16 * sizeof(void*)];
