@@ -49,7 +49,7 @@ BucketCase::Entry BucketCase::entryFor(const AutoRef<IBucket>& bucket,
                                        std::shared_ptr<const BucketNames>& names) {
     Bucket::CacheFacts facts = static_cast<const Bucket*>(bucket.get())->cacheFacts();
     names = std::move(facts.names);
-    return Entry{bucket, facts.weight, names->digest(), facts.modified};
+    return Entry{bucket, facts.weight, keyOf(names->digest()), facts.modified};
 }
 
 BucketCase::BucketCase() : handleCounter_(1), used_(0) {}
@@ -89,13 +89,6 @@ void BucketCase::insertLocked(const Entry& entry, const FoldedKey& key, bool rep
     bucketAdded(placed->first);
 }
 
-// Either the entry goes in or, on a throw, the maps stay as they were.
-size_t BucketCase::DigestHash::operator()(const Digest& digest) const {
-    uint64_t head;
-    std::memcpy(&head, digest.bytes(), sizeof head);
-    return static_cast<size_t>(head ^ (head >> 32));
-}
-
 BucketCase::NameMap::iterator BucketCase::Maps::find(const FoldedKey& key) {
     const auto range = byHash.equal_range(key.hash());
     for (auto at = range.first; at != range.second; ++at) {
@@ -108,6 +101,7 @@ BucketCase::NameMap::iterator BucketCase::Maps::find(const FoldedKey& key) {
     return names.end();
 }
 
+// Either the entry goes in or, on a throw, the maps stay as they were.
 BucketCase::NameMap::iterator BucketCase::Maps::place(uint32_t& used, const Entry& entry,
                                                       const FoldedKey& key, bool replace) {
     const auto at = find(key);
@@ -196,7 +190,7 @@ AutoRef<IBucket> BucketCase::copyHeld(const FoldedKey& key) {
 
 AutoRef<IBucket> BucketCase::findBucketByDigest(const Digest& digest) {
     Lock lock(mutex_);
-    const auto found = maps_.digests.find(digest);
+    const auto found = maps_.digests.find(keyOf(digest));
     return found == maps_.digests.end() ? AutoRef<IBucket>() : found->second;
 }
 

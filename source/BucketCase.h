@@ -10,6 +10,7 @@
 
 #include "source/FoldedKey.h"
 #include "source/OrvaneAtomicInt.h"
+#include "source/SegmentFormat.h"
 #include "zq/kel/AbsoluteTime.h"
 #include "zq/kel/AutoRef.h"
 #include "zq/kel/RefCounted.h"
@@ -87,17 +88,13 @@ class BucketCase
         uint32_t weight;
         // Kept so that removal never depends on a held bucket keeping its
         // name (a client may deserialize another record into it).
-        Digest digest;
+        DigestKey digest;  // bytes, not a Digest: no atomic to construct
         // The bucket's modification time when it went in: the manager never
         // changes a bucket it has put in a cache.
         kel::AbsoluteTime modified;
     };
     using NameMap = std::map<kel::WString, Entry, KeyOrder>;  // by folded name
-    // A digest is a SHA-256: any 8 of its bytes are hash enough.
-    struct DigestHash {
-        size_t operator()(const Digest& digest) const;
-    };
-    using DigestMap = std::unordered_map<Digest, kel::AutoRef<IBucket>, DigestHash>;
+    using DigestMap = std::unordered_map<DigestKey, kel::AutoRef<IBucket>, DigestKeyHash>;
     // The name map's entries by the hash of their key: a lookup or a
     // replacement needs no walk down the ordered map.
     using HashIndex = std::unordered_multimap<uint64_t, NameMap::iterator>;
