@@ -49,7 +49,7 @@ BucketCase::Entry BucketCase::entryFor(const AutoRef<IBucket>& bucket,
                                        std::shared_ptr<const BucketNames>& names) {
     Bucket::CacheFacts facts = static_cast<const Bucket*>(bucket.get())->cacheFacts();
     names = std::move(facts.names);
-    return Entry{bucket, facts.weight, keyOf(names->digest()), facts.modified};
+    return Entry{bucket, facts.weight, names->digestKey(), facts.modified};
 }
 
 BucketCase::BucketCase() : handleCounter_(1), used_(0) {}

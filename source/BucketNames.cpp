@@ -1,7 +1,6 @@
 #include "source/BucketNames.h"
 
 #include <algorithm>
-#include <cstring>
 #include <utility>
 
 #include "source/BucketName.h"
@@ -13,7 +12,7 @@ namespace orvane {
 using kel::WString;
 
 BucketNames::BucketNames(WString fullName, const Digest* digest)
-    : full_(std::move(fullName)), digest_(digest != nullptr ? *digest : Digest(full_)) {
+    : full_(std::move(fullName)), digest_(keyOf(digest != nullptr ? *digest : Digest(full_))) {
     size_t end = 0;
     BucketName::lastPiece(full_, shortBegin_, end);
     shortLength_ = end - shortBegin_;
@@ -26,15 +25,12 @@ BucketNames::BucketNames(WString fullName, const Digest* digest)
 }
 
 Digest BucketNames::parentDigest() const {
-    std::call_once(parentHashed_, [this] {
-        const Digest parent(BucketName::parentName(full_));
-        std::memcpy(parent_, parent.bytes(), Digest::kSize);
-    });
-    const unsigned char* cursor = parent_;
-    return Digest(cursor, parent_ + Digest::kSize);
+    std::call_once(parentHashed_,
+                   [this] { parent_ = keyOf(Digest(BucketName::parentName(full_))); });
+    return digestOf(parent_);
 }
 
-BucketNames::BucketNames() : foldedHash_(FoldedKey::hashOf(nullptr, 0)) {}
+BucketNames::BucketNames() : digest_(keyOf(Digest())), foldedHash_(FoldedKey::hashOf(nullptr, 0)) {}
 
 const std::shared_ptr<const BucketNames>& BucketNames::empty() {
     static const std::shared_ptr<const BucketNames> names(new BucketNames());

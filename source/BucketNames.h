@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 
+#include "source/SegmentFormat.h"
 #include "zq/kel/StringBase.h"
 #include "zq/orvane/Digest.h"
 
@@ -27,7 +28,8 @@ class BucketNames {
     // Made on request: only getShortName and the dumps want it as text.
     kel::WString shortName() const { return full_.substr(shortBegin_, shortLength_); }
     size_t shortLength() const { return shortLength_; }
-    const Digest& digest() const { return digest_; }
+    Digest digest() const { return digestOf(digest_); }
+    const DigestKey& digestKey() const { return digest_; }
     // The digest of the parent's name, hashed on first request (most
     // buckets read are never asked for it) and then kept for every copy.
     Digest parentDigest() const;
@@ -42,9 +44,9 @@ class BucketNames {
     kel::WString full_;
     size_t shortBegin_ = 0;
     size_t shortLength_ = 0;
-    Digest digest_;
+    DigestKey digest_;  // bytes, not a Digest: no atomic count to carry
     mutable std::once_flag parentHashed_;
-    mutable unsigned char parent_[Digest::kSize] = {};
+    mutable DigestKey parent_ = {};
     kel::WString folded_;  // empty when foldedIsFull_
     bool foldedIsFull_ = false;
     uint64_t foldedHash_;

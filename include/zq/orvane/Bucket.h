@@ -166,7 +166,7 @@ class ZQ_EXPORT Bucket
     kel::WString fileName_;                     // computed on first request
     // The contents live inside the bucket, so that a lookup's copy costs one
     // allocation, not two. Bucket.cpp checks that they fit.
-    alignas(std::max_align_t) unsigned char contentsStorage_[16 * sizeof(void*)];
+    alignas(std::max_align_t) unsigned char contentsStorage_[12 * sizeof(void*) + 8];
     BucketContents* const contents_;  // constructed in contentsStorage_
     bool persistentFlag_;
     uint32_t version_;
