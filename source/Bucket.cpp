@@ -55,11 +55,11 @@ StatusChain cleared() {
 
 Bucket::Bucket()
     : names_(BucketNames::empty()),
-      contents_(new (contentsStorage_) BucketContents()),
       persistentFlag_(true),
       version_(0),
       modified_(true),
       modifiedTime_(kel::AbsoluteTime::now()) {
+    new (contentsStorage_) BucketContents();
     static_assert(sizeof(BucketContents) <= sizeof contentsStorage_ &&
                       alignof(BucketContents) <= alignof(std::max_align_t),
                   "the bucket's inline room is too small for its contents");
@@ -78,13 +78,18 @@ Bucket::Bucket(const Bucket& other) : Bucket(other, Lock(other.mutex_)) {}
 Bucket::Bucket(const Bucket& other, const Lock& /*held*/)
     : names_(other.names_),
       fileName_(other.fileName_),
-      contents_(new (contentsStorage_) BucketContents(*other.contents_)),
       persistentFlag_(other.persistentFlag_),
       version_(other.version_),
       modified_(other.modified_),
-      modifiedTime_(other.modifiedTime_) {}
+      modifiedTime_(other.modifiedTime_) {
+    new (contentsStorage_) BucketContents(*other.contents());
+}
 
-Bucket::~Bucket() { contents_->~BucketContents(); }
+Bucket::~Bucket() { contents()->~BucketContents(); }
+
+BucketContents* Bucket::contents() const {
+    return std::launder(reinterpret_cast<BucketContents*>(contentsStorage_));
+}
 
 void Bucket::setNames(WString fullName, const Digest* digest) {
     if (fullName == names_->full()) {
@@ -128,7 +133,7 @@ bool Bucket::storeValue(const WString& name, const AutoRef<BucketValue>& value, 
         return false;
     }
     Lock lock(mutex_);
-    switch (contents_->store(name, value, replace)) {
+    switch (contents()->store(name, value, replace)) {
         case BucketContents::Outcome::kInserted:
             touch();
             return true;
@@ -153,7 +158,7 @@ bool Bucket::mayTakeLinkName(const WString& name, const BucketValue& value) cons
     {
         Lock lock(mutex_);
         bool fresh = false;
-        const AutoRef<BucketValue> held = contents_->find(name, fresh);
+        const AutoRef<BucketValue> held = contents()->find(name, fresh);
         if (held && held->equals(value)) return true;
     }
     return BucketName::isWellFormed(name) && name.length() > 1 &&
@@ -265,7 +270,7 @@ bool Bucket::removeValue(const WString& name) {
 
 bool Bucket::removeValueOrThrow(const WString& name) {
     Lock lock(mutex_);
-    if (!contents_->remove(name)) {
+    if (!contents()->remove(name)) {
         return false;
     }
     touch();
@@ -274,12 +279,12 @@ bool Bucket::removeValueOrThrow(const WString& name) {
 
 bool Bucket::hasValue(const WString& name) const {
     Lock lock(mutex_);
-    return contents_->contains(name);
+    return contents()->contains(name);
 }
 
 void Bucket::removeAllValues() {
     Lock lock(mutex_);
-    if (contents_->removeAll()) {
+    if (contents()->removeAll()) {
         touch();
     }
 }
@@ -294,7 +299,7 @@ void Bucket::removeDataValues() {
 
 void Bucket::removeDataValuesOrThrow() {
     Lock lock(mutex_);
-    if (contents_->removeAllButChildren()) {
+    if (contents()->removeAllButChildren()) {
         touch();
     }
 }
@@ -305,7 +310,7 @@ AutoRef<IBucketValue> Bucket::getValue(const WString& name, StatusChain& status)
         bool fresh = false;
         {
             Lock lock(mutex_);
-            found = contents_->find(name, fresh);
+            found = contents()->find(name, fresh);
         }
         if (!found || fresh) {
             return AutoRef<IBucketValue>(std::move(found));
@@ -356,7 +361,7 @@ bool Bucket::isPersistent() const {
 }
 uint32_t Bucket::getNumKeys() const {
     Lock lock(mutex_);
-    return contents_->size();
+    return contents()->size();
 }
 uint32_t Bucket::getVersion() const {
     Lock lock(mutex_);
@@ -380,7 +385,7 @@ kel::AbsoluteTime Bucket::getModifiedTime() const {
 uint32_t Bucket::openEnumeration() {
     Lock lock(mutex_);
     try {
-        return contents_->openCursor();
+        return contents()->openCursor();
     } catch (const std::bad_alloc&) {
         errno = ENOMEM;
         return 0;  // never a valid handle
@@ -389,7 +394,7 @@ uint32_t Bucket::openEnumeration() {
 
 bool Bucket::closeEnumeration(uint32_t handle) {
     Lock lock(mutex_);
-    return contents_->closeCursor(handle);
+    return contents()->closeCursor(handle);
 }
 
 // One step of a cursor; the found entry's name and value are taken under the
@@ -398,8 +403,8 @@ bool Bucket::step(uint32_t handle, bool first, bool childrenOnly, WString* name,
                   AutoRef<BucketValue>& value, StatusChain* status) {
     Lock lock(mutex_);
     BucketContents::Entry entry;
-    const BucketContents::Step step = first ? contents_->first(handle, childrenOnly, entry)
-                                            : contents_->next(handle, childrenOnly, entry);
+    const BucketContents::Step step = first ? contents()->first(handle, childrenOnly, entry)
+                                            : contents()->next(handle, childrenOnly, entry);
     switch (step) {
         case BucketContents::Step::kFound:
             if (name != nullptr) {
@@ -472,16 +477,16 @@ bool Bucket::getNextChild(uint32_t handle, Digest& child, StatusChain& status) {
 // are: they are shared whole instead. False when there are values here.
 bool Bucket::adoptFrom(const Bucket& given) {
     std::scoped_lock both(mutex_, given.mutex_);
-    if (contents_->size() != 0 || given.contents_->size() == 0) {
+    if (contents()->size() != 0 || given.contents()->size() == 0) {
         return false;
     }
-    contents_->shareValues(*given.contents_);
+    contents()->shareValues(*given.contents());
     return true;
 }
 
 std::unique_ptr<BucketContents> Bucket::snapshotValues() const {
     Lock lock(mutex_);
-    return std::make_unique<BucketContents>(*contents_);
+    return std::make_unique<BucketContents>(*contents());
 }
 
 // Another implementation's values, through its enumeration: each step hands
@@ -549,7 +554,7 @@ bool Bucket::update(const AutoRef<IBucket>& other, int32_t mode, StatusChain& st
         if (stored) {
             const uint32_t version = other->getVersion();
             Lock lock(mutex_);
-            contents_->invalidateCursors();
+            contents()->invalidateCursors();
             version_ = version;
             touch();
         }
@@ -596,12 +601,12 @@ bool Bucket::sameContentAs(const Bucket& other) const {
         return false;
     }
     std::scoped_lock both(mutex_, other.mutex_);
-    if (contents_->size() != other.contents_->size()) {
+    if (contents()->size() != other.contents()->size()) {
         return false;
     }
-    for (const auto& entry : contents_->values()) {
+    for (const auto& entry : contents()->values()) {
         bool fresh = false;
-        const AutoRef<BucketValue> match = other.contents_->find(entry.second.name, fresh);
+        const AutoRef<BucketValue> match = other.contents()->find(entry.second.name, fresh);
         if (!match || !entry.second.value->equals(*match)) {
             return false;
         }
@@ -613,10 +618,10 @@ bool Bucket::sameContentAs(const Bucket& other) const {
 
 uint32_t Bucket::recordSize() const {
     uint32_t size = kRecordFixedSize + names_->full().serializationSize() - 4;
-    if (const EncodedValues* encoded = contents_->encoded()) {
+    if (const EncodedValues* encoded = contents()->encoded()) {
         return size + encoded->size();
     }
-    for (const auto& entry : contents_->values()) {
+    for (const auto& entry : contents()->values()) {
         size += entry.second.name.serializationSize() + entry.second.value->serializationSize();
     }
     return size;
@@ -643,12 +648,12 @@ void Bucket::writeFields(RecordWriter& writer) const {
     writer.u32(kRecordFormatVersion);
     writer.u32(version_);
     writer.serialized(names_->full());
-    writer.u32(contents_->size());
-    if (const EncodedValues* encoded = contents_->encoded()) {
+    writer.u32(contents()->size());
+    if (const EncodedValues* encoded = contents()->encoded()) {
         writer.bytes(encoded->data(), encoded->size());
         return;
     }
-    for (const auto& entry : contents_->values()) {
+    for (const auto& entry : contents()->values()) {
         writer.serialized(entry.second.name);
         entry.second.value->writeRecord(writer);
     }
@@ -696,7 +701,7 @@ void Bucket::readRecord(const unsigned char*& cursor, const unsigned char* end, 
         Lock lock(mutex_);
         setNames(std::move(fullName), named ? digest : nullptr);
         version_ = version;
-        contents_->swapValues(read);
+        contents()->swapValues(read);
         modifiedTime_ = kel::AbsoluteTime::now();
         modified_ = false;
     } catch (const kel::exception::DeserializationError&) {
@@ -717,7 +722,7 @@ uint32_t Bucket::memUsageLocked() const {
     // The short name weighs what a copy of its text would.
     return kBucketMemory + characterMemory(names_->full()) +
            4 * static_cast<uint32_t>(names_->shortLength()) + characterMemory(fileName_) +
-           contents_->memoryUsage();
+           contents()->memoryUsage();
 }
 
 Bucket::CacheFacts Bucket::cacheFacts() const {
@@ -737,9 +742,9 @@ void Bucket::print() const {
         std::printf("persistentFlag_ %s\r\n", yesNo(persistentFlag_));
         std::printf("version_        %d\r\n", static_cast<int>(version_));
         std::printf("modified_       %s\r\n", yesNo(modified_));
-        std::printf("numKeys         %d\r\n", static_cast<int>(contents_->size()));
+        std::printf("numKeys         %d\r\n", static_cast<int>(contents()->size()));
         int index = 0;
-        for (const auto& entry : contents_->values()) {
+        for (const auto& entry : contents()->values()) {
             std::printf("[%d] %s = %s\r\n", index++, NString(entry.second.name).c_str(),
                         NString(entry.second.value->toString()).c_str());
         }
@@ -765,10 +770,10 @@ WString Bucket::toString() const {
     text += L"\r\nmodified_       ";
     text += modified_ ? L"true" : L"false";
     text += L"\r\nnumKeys         ";
-    text += WString::fromInt(contents_->size());
+    text += WString::fromInt(contents()->size());
     text += L"\r\n";
     int32_t index = 0;
-    for (const auto& entry : contents_->values()) {
+    for (const auto& entry : contents()->values()) {
         text += L"[";
         text += WString::fromInt(index++);
         text += L"] ";

@@ -22,7 +22,7 @@ class RecordWriter;
 // bucket: static_cast<Bucket*>(bucket.get())->getMemUsage().
 //
 // Thread safety: mutex_ guards every field below it, including the values and
-// the enumeration cursors in contents_. No operation holds mutex_ while it
+// the enumeration cursors in the contents. No operation holds mutex_ while it
 // calls into another bucket, except the comparison, which takes both locks
 // together (std::scoped_lock), so two buckets never deadlock.
 class ZQ_EXPORT Bucket
@@ -33,7 +33,6 @@ class ZQ_EXPORT Bucket
     // Same name, flags, version and values; no cursors. Throws std::bad_alloc.
     Bucket(const Bucket& other);
     Bucket& operator=(const Bucket&) = delete;
-    Bucket(Bucket&&) = delete;
     ~Bucket() override;
 
     bool isEqual(const kel::AutoRef<IBucket>& a, const kel::AutoRef<IBucket>& b) const override;
@@ -144,6 +143,7 @@ class ZQ_EXPORT Bucket
     // The values as they are now, sharing this bucket's map.
     std::unique_ptr<BucketContents> snapshotValues() const;
     bool adoptFrom(const Bucket& given);
+    BucketContents* contents() const;  // the object in contentsStorage_
     // The copy, made while `held` holds other.mutex_.
     Bucket(const Bucket& other, const std::lock_guard<std::mutex>& held);
     template <class Take>
@@ -165,9 +165,9 @@ class ZQ_EXPORT Bucket
     std::shared_ptr<const BucketNames> names_;  // shared with copies
     kel::WString fileName_;                     // computed on first request
     // The contents live inside the bucket, so that a lookup's copy costs one
-    // allocation, not two. Bucket.cpp checks that they fit.
-    alignas(std::max_align_t) unsigned char contentsStorage_[12 * sizeof(void*) + 8];
-    BucketContents* const contents_;  // constructed in contentsStorage_
+    // allocation, not two. Bucket.cpp checks that they fit. Mutable as the
+    // contents' own lazy state is: contents() hands them out from const members.
+    alignas(std::max_align_t) mutable unsigned char contentsStorage_[12 * sizeof(void*) + 8];
     bool persistentFlag_;
     uint32_t version_;
     bool modified_;
