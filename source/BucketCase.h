@@ -8,9 +8,9 @@
 #include <mutex>
 #include <unordered_map>
 
+#include "source/DigestKey.h"
 #include "source/FoldedKey.h"
 #include "source/OrvaneAtomicInt.h"
-#include "source/SegmentFormat.h"
 #include "zq/kel/AbsoluteTime.h"
 #include "zq/kel/AutoRef.h"
 #include "zq/kel/RefCounted.h"

@@ -6,7 +6,7 @@
 #include <memory>
 #include <mutex>
 
-#include "source/SegmentFormat.h"
+#include "source/DigestKey.h"
 #include "zq/kel/StringBase.h"
 #include "zq/orvane/Digest.h"
 

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "kel/Throw.h"
+#include "source/DigestKey.h"
 #include "zq/orvane/Digest.h"
 
 namespace zq {
@@ -64,29 +65,6 @@ struct SegmentDescriptor {
     uint32_t updates = 0;
     uint32_t deletes = 0;
     int64_t indexAgain = 0;
-};
-
-// A digest as a plain key for the store's index.
-using DigestKey = std::array<unsigned char, Digest::kSize>;
-
-inline DigestKey keyOf(const Digest& digest) {
-    DigestKey key;
-    std::memcpy(key.data(), digest.bytes(), key.size());
-    return key;
-}
-
-inline Digest digestOf(const DigestKey& key) {
-    const unsigned char* cursor = key.data();
-    return Digest(cursor, key.data() + key.size());
-}
-
-struct DigestKeyHash {
-    size_t operator()(const DigestKey& key) const {
-        // The bytes are already uniformly distributed.
-        size_t h;
-        std::memcpy(&h, key.data(), sizeof h);
-        return h;
-    }
 };
 
 }  // namespace orvane
