@@ -77,6 +77,17 @@ bool ascending(const unsigned char* lower, const unsigned char* higher) {
     return std::memcmp(lower + 8, higher + 8, Digest::kSize - 8) < 0;
 }
 
+// Whether the `n` update entries at `at` are in strictly ascending order.
+bool entriesAscend(const unsigned char* at, uint32_t n) {
+    for (uint32_t k = 1; k < n; ++k) {
+        if (!ascending(at + (k - 1) * segment::kUpdateEntrySize,
+                       at + k * segment::kUpdateEntrySize)) {
+            return false;
+        }
+    }
+    return true;
+}
+
 // Checks the `n` update entries at `in`, which follow entry `k` - 1 of the
 // segment, `last`, and samples them; false when they are not in strictly
 // ascending order. Runs over every entry of a store at its open, so what
@@ -178,11 +189,10 @@ uint32_t SortedSample::readBlock(File& file, uint32_t b, unsigned char* out) con
         damaged();
     }
     for (uint32_t k = 0; k < n; ++k) {
-        const unsigned char* at = out + k * kUpdateEntrySize;
-        recordOf(at, dataStart, indexPosition);
-        if (k != 0 && !ascending(at - kUpdateEntrySize, at)) {
-            damaged();
-        }
+        recordOf(out + k * kUpdateEntrySize, dataStart, indexPosition);
+    }
+    if (!entriesAscend(out, n)) {
+        damaged();
     }
     const unsigned char* last = out + (n - 1) * kUpdateEntrySize;
     if (b + 1 < firsts.size() && !ascending(last, firsts[b + 1].data())) {
@@ -253,16 +263,11 @@ bool SortedSample::blockInOrder(File& file, uint32_t b) const {
     unsigned char bytes[(kBlock + 2) * kUpdateEntrySize];
     readExactly(file, entries + static_cast<int64_t>(from) * kUpdateEntrySize, bytes,
                 (to - from) * kUpdateEntrySize);
-    for (uint32_t i = from; i < to; ++i) {
-        const unsigned char* at = bytes + (i - from) * kUpdateEntrySize;
-        if (i >= first && i < first + kBlock) {
-            recordOf(at, dataStart, indexPosition);
-        }
-        if (i != from && !ascending(at - kUpdateEntrySize, at)) {
-            return false;
-        }
+    // Each record position of the block itself is checked, as a read of it is.
+    for (uint32_t i = first; i < std::min(count, first + kBlock); ++i) {
+        recordOf(bytes + (i - from) * kUpdateEntrySize, dataStart, indexPosition);
     }
-    return true;
+    return entriesAscend(bytes, to - from);
 }
 
 bool SortedSample::find(File& file, const DigestKey& digest, uint32_t& k, int64_t& record) const {
