@@ -311,8 +311,9 @@ int parseText(IniReader* reader, size_t size) {
 }
 
 int loadFile(IniReader* reader, const char* path) {
-    // Without stdio: a FILE costs a fresh process two allocations and a
-    // write to the C library's list of streams.
+    // The reader is a C-style layer beneath the library's file layer, so it
+    // calls the system itself; without stdio, as a FILE costs a fresh process
+    // two allocations and a write to the C library's list of streams.
     int fd;
     do {
         fd = ::open(path, O_RDONLY | O_CLOEXEC);
